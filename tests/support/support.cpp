@@ -1,0 +1,123 @@
+#include "tests/support/support.hpp"
+
+#include <gtest/gtest.h>
+#include <psapi.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+
+#include "velox/runtime/velFormat.hpp"
+
+namespace velox::test {
+namespace {
+
+std::map<std::string, TRoleBody>& Roles() {
+  static std::map<std::string, TRoleBody> roles;
+  return roles;
+}
+
+}  // namespace
+
+bool WaitUntil(const std::function<bool()>& Condition, uint32_t Limit) {
+  const ULONGLONG start = ::GetTickCount64();
+  while (!Condition()) {
+    if (::GetTickCount64() - start > Limit) return Condition();
+    ::SleepEx(1, TRUE);
+  }
+  return true;
+}
+
+TRole::TRole(const char* Name, TRoleBody Body) { Roles().emplace(Name, std::move(Body)); }
+
+int RunRole(const std::string& Name, const std::vector<std::string>& Arguments) {
+  const auto found = Roles().find(Name);
+  if (found == Roles().end()) return 250;
+  return found->second(Arguments);
+}
+
+std::string RoleCommand(const std::string& Name, const std::vector<std::string>& Arguments) {
+  char program[MAX_PATH] = "";
+  ::GetModuleFileNameA(nullptr, program, sizeof program);
+  std::string command = Format("\"%s\" --role=%s", program, Name.c_str());
+  for (const std::string& argument : Arguments) command += " \"" + argument + "\"";
+  return command;
+}
+
+TChild::TChild(const std::string& CommandLine) {
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION information{};
+  std::string line = CommandLine;
+  const BOOL started =
+      ::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &information);
+  EXPECT_TRUE(started) << "cannot start " << CommandLine << ", error " << ::GetLastError();
+  Process_.Reset(information.hProcess);
+  THandle(information.hThread).Reset();
+}
+
+TChild::~TChild() {
+  if (Process_ && Running()) Kill();
+}
+
+uint32_t TChild::Wait(uint32_t Limit) {
+  const bool ended = WaitUntil([this] { return !Running(); }, Limit);
+  EXPECT_TRUE(ended) << "the child still runs";
+  DWORD code = 0;
+  ::GetExitCodeProcess(Process_.Get(), &code);
+  return code;
+}
+
+bool TChild::Running() const { return ::WaitForSingleObject(Process_.Get(), 0) == WAIT_TIMEOUT; }
+
+void TChild::Kill() {
+  ::TerminateProcess(Process_.Get(), 99);
+  ::WaitForSingleObject(Process_.Get(), INFINITE);
+}
+
+uint32_t HandleCount() {
+  DWORD count = 0;
+  ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+  return count;
+}
+
+uint64_t PrivateBytes() {
+  PROCESS_MEMORY_COUNTERS counters{};
+  counters.cb = sizeof counters;
+  ::GetProcessMemoryInfo(::GetCurrentProcess(), &counters, sizeof counters);
+  return counters.PagefileUsage;
+}
+
+TTemporaryFolder::TTemporaryFolder() {
+  char base[MAX_PATH] = "";
+  ::GetTempPathA(sizeof base, base);
+  Path_ = base + UniqueName("velox-test-") + "\\";
+  EXPECT_TRUE(::CreateDirectoryA(Path_.c_str(), nullptr)) << Path_;
+}
+
+TTemporaryFolder::~TTemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(Path_, ignored);
+}
+
+std::string ReadFileBytes(const std::string& FileName) {
+  std::ifstream file(FileName, std::ios::binary);
+  EXPECT_TRUE(file.is_open()) << FileName;
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void WriteFileBytes(const std::string& FileName, const std::string& Bytes) {
+  std::ofstream file(FileName, std::ios::binary);
+  file.write(Bytes.data(), static_cast<std::streamsize>(Bytes.size()));
+  EXPECT_TRUE(file.good()) << FileName;
+}
+
+std::string UniqueName(const std::string& Prefix) {
+  static std::atomic<unsigned> counter{0};
+  return Format("%s%lu-%llu-%u", Prefix.c_str(), ::GetCurrentProcessId(),
+                static_cast<unsigned long long>(::GetTickCount64()), ++counter);
+}
+
+}  // namespace velox::test

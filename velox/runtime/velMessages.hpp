@@ -1,0 +1,38 @@
+#pragma once
+
+/// The texts of the library that are meant to be translated, in one place. Texts that are fixed stand beside the code
+/// that raises them.
+namespace velox::messages {
+
+inline constexpr const char* seIncorrectParameters = "Incorrect parameters";
+inline constexpr const char* seClassCannotBeCreated = "Class cannot be created without arguments";
+
+// Operating-system errors: code, then the system's own text for it.
+inline constexpr const char* seOSError = "System Error. Code: %u. %s";
+inline constexpr const char* seUnknownOSError = "A call to an OS function failed";
+inline constexpr const char* seOutOfMemory = "Out of memory";
+inline constexpr const char* seDivByZero = "Division by zero";
+inline constexpr const char* seMethodIsNotAssigned = "Method is not assigned";
+
+inline constexpr const char* seInvalidDateTime = "Invalid date or time";
+
+// Streams.
+inline constexpr const char* seStreamRead = "Stream read error";
+inline constexpr const char* seStreamWrite = "Stream write error";
+inline constexpr const char* seStreamSeek = "Stream cannot be positioned before its beginning";
+inline constexpr const char* seStreamTooLarge = "Stream in memory cannot exceed 2 GiB";
+inline constexpr const char* seCannotOpenFile = "Cannot open file \"%s\". %s";
+inline constexpr const char* seCannotCreateFile = "Cannot create file \"%s\". %s";
+
+// Containers.
+inline constexpr const char* seInvalidIndex = "Invalid index";
+inline constexpr const char* seObjectIsNull = "Object cannot be null";
+inline constexpr const char* seCannotMoveElementInSortedArray = "Cannot move element in sorted array";
+
+// Asynchronous execution.
+inline constexpr const char* seCallIsBusy = "Call is busy";
+inline constexpr const char* seOperationOnActiveTask = "Cannot perform operation on active task";
+inline constexpr const char* seInvalidEvent = "Invalid event specified";
+inline constexpr const char* seInvalidWindow = "Invalid window handle specified";
+
+}  // namespace velox::messages

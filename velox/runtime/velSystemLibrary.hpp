@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+
+#include "velox/runtime/velWindows.hpp"
+
+namespace velox {
+
+/// A function of a system library that is loaded when the function is first called, so that loading this library does
+/// not load what the program may never use. Zero-cost to construct; keep it at namespace scope. Thread-safe.
+///
+///     TSystemFunction<decltype(&::CoInitializeEx)> CoInitialize("ole32.dll", "CoInitializeEx");
+///     if (CoInitialize) CoInitialize(nullptr, COINIT_MULTITHREADED);
+template <class F>
+class TSystemFunction;
+
+template <class R, class... Args>
+class TSystemFunction<R(WINAPI*)(Args...)> {
+ public:
+  using TPointer = R(WINAPI*)(Args...);
+
+  constexpr TSystemFunction(const char* Library, const char* Name) noexcept : Library_(Library), Name_(Name) {}
+
+  /// Whether the system has the library and the function.
+  explicit operator bool() const noexcept { return Get() != nullptr; }
+
+  /// Calls it. Only when it is there.
+  R operator()(Args... Arguments) const { return Get()(Arguments...); }
+
+  TPointer Get() const noexcept {
+    TPointer found = Function_.load(std::memory_order_acquire);
+    if (found != nullptr) return found;
+    const HMODULE library = ::LoadLibraryA(Library_);  // stays loaded until the process ends
+    if (library == nullptr) return nullptr;
+    found = reinterpret_cast<TPointer>(reinterpret_cast<void*>(::GetProcAddress(library, Name_)));
+    Function_.store(found, std::memory_order_release);
+    return found;
+  }
+
+ private:
+  const char* Library_;
+  const char* Name_;
+  mutable std::atomic<TPointer> Function_{nullptr};
+};
+
+}  // namespace velox

@@ -1,0 +1,38 @@
+#pragma once
+
+/// The one place where Windows' own headers are included, the same way everywhere. What they rename by macro, and the
+/// library names itself, gets its own name back.
+
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef _WIN32_WINNT
+#define _WIN32_WINNT 0x0601
+#endif
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+// Winsock comes first: windows.h would bring its predecessor.
+#include <windows.h>
+
+#undef CreateEvent
+#undef CreateMutex
+#undef CreateProcess
+#undef FindFirstFile
+#undef FormatMessage
+#undef GetClassName
+#undef GetMessage
+#undef GetObject
+#undef InterlockedAnd64
+#undef InterlockedCompareExchange64
+#undef InterlockedDecrement64
+#undef InterlockedExchange64
+#undef InterlockedExchangeAdd64
+#undef InterlockedIncrement64
+#undef InterlockedOr64
+#undef SendMessage
+#undef SetPort
+#undef Yield
