@@ -6,6 +6,7 @@
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velWindows.hpp"
 
 namespace velox {
 namespace {

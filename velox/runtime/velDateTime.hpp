@@ -3,7 +3,8 @@
 #include <string>
 
 #include "velox/runtime/velCompiler.hpp"
-#include "velox/runtime/velWindows.hpp"
+
+struct _SYSTEMTIME;
 
 namespace velox {
 
@@ -16,12 +17,12 @@ VELOX_API TDateTime Now() noexcept;
 
 /// Between a date-time and its parts, to the millisecond. SystemTimeToDateTime raises EConvertError for parts that are
 /// no date; DateTimeToSystemTime for a time outside the years 1 to 9999.
-VELOX_API TDateTime SystemTimeToDateTime(const SYSTEMTIME& Time);
-VELOX_API SYSTEMTIME DateTimeToSystemTime(TDateTime Time);
+VELOX_API TDateTime SystemTimeToDateTime(const _SYSTEMTIME& Time);
+VELOX_API _SYSTEMTIME DateTimeToSystemTime(TDateTime Time);
 
 /// "2024-03-05 14:07:09.042": four-digit year, month, day, 24-hour time and milliseconds. Between hours, minutes and
 /// seconds stands the time separator of the user's regional settings.
-VELOX_API std::string FormatTimeStamp(const SYSTEMTIME& Time);
+VELOX_API std::string FormatTimeStamp(const _SYSTEMTIME& Time);
 VELOX_API std::string FormatTimeStamp(TDateTime Time);
 
 }  // namespace velox

@@ -14,6 +14,10 @@ inline constexpr const char* seOutOfMemory = "Out of memory";
 inline constexpr const char* seDivByZero = "Division by zero";
 inline constexpr const char* seMethodIsNotAssigned = "Method is not assigned";
 
+inline constexpr const char* seInvalidDigit = "Invalid digit value \"%s\"";
+inline constexpr const char* seYes = "Yes";
+inline constexpr const char* seNo = "No";
+
 inline constexpr const char* seInvalidDateTime = "Invalid date or time";
 
 // Streams.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bitset>
 #include <string>
 #include <vector>
 
@@ -7,5 +8,8 @@ namespace velox {
 
 /// An ordered list of strings.
 using TStrings = std::vector<std::string>;
+
+/// A set of characters, each by its unsigned code.
+using TCharSet = std::bitset<256>;
 
 }  // namespace velox
