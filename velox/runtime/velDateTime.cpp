@@ -16,6 +16,12 @@ constexpr std::chrono::sys_days Epoch = std::chrono::year{1899} / 12 / 30;
 constexpr double FirstDay = -693'593.0;  // 0001-01-01
 constexpr double EndDay = 2'958'466.0;   // 10000-01-01
 
+// The time separator as it was when it was first needed: asking the system each time would cost more than the rest.
+struct TSeparator {
+  TSeparator() noexcept { ::GetLocaleInfoA(LOCALE_USER_DEFAULT, LOCALE_STIME, Text, sizeof Text); }
+  char Text[8] = ":";
+};
+
 }  // namespace
 
 TDateTime Now() noexcept {
@@ -60,10 +66,9 @@ SYSTEMTIME DateTimeToSystemTime(TDateTime Time) {
 }
 
 std::string FormatTimeStamp(const SYSTEMTIME& Time) {
-  char separator[8] = ":";
-  ::GetLocaleInfoA(LOCALE_USER_DEFAULT, LOCALE_STIME, separator, sizeof separator);
-  return Format("%04u-%02u-%02u %02u%s%02u%s%02u.%03u", Time.wYear, Time.wMonth, Time.wDay, Time.wHour, separator,
-                Time.wMinute, separator, Time.wSecond, Time.wMilliseconds);
+  static const TSeparator separator;
+  return Format("%04u-%02u-%02u %02u%s%02u%s%02u.%03u", Time.wYear, Time.wMonth, Time.wDay, Time.wHour, separator.Text,
+                Time.wMinute, separator.Text, Time.wSecond, Time.wMilliseconds);
 }
 
 std::string FormatTimeStamp(TDateTime Time) { return FormatTimeStamp(DateTimeToSystemTime(Time)); }

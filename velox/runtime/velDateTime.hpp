@@ -21,7 +21,7 @@ VELOX_API TDateTime SystemTimeToDateTime(const _SYSTEMTIME& Time);
 VELOX_API _SYSTEMTIME DateTimeToSystemTime(TDateTime Time);
 
 /// "2024-03-05 14:07:09.042": four-digit year, month, day, 24-hour time and milliseconds. Between hours, minutes and
-/// seconds stands the time separator of the user's regional settings.
+/// seconds stands the time separator that the user's regional settings had when this process first needed it.
 VELOX_API std::string FormatTimeStamp(const _SYSTEMTIME& Time);
 VELOX_API std::string FormatTimeStamp(TDateTime Time);
 

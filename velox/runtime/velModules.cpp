@@ -19,6 +19,7 @@ struct TModule {
 // A module stands behind those it uses. Finalisations run from the last to the first.
 constexpr TModule Table[] = {
     {"runtime", &modules::InitializeRuntime, &modules::FinalizeRuntime},
+    {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
 };
 
 size_t Initialized = 0;

@@ -7,5 +7,6 @@ namespace velox::modules {
 /// Returns normally, or raises: loading the library then fails, and the reason is written to the trace log.
 void InitializeRuntime();
 void FinalizeRuntime() noexcept;
+void FinalizeSyncUtils() noexcept;
 
 }  // namespace velox::modules

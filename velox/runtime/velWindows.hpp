@@ -17,6 +17,8 @@
 #include <ws2tcpip.h>
 // Winsock comes first: windows.h would bring its predecessor.
 #include <windows.h>
+// COM's base, which windows.h leaves out here.
+#include <objbase.h>
 
 #undef CreateEvent
 #undef CreateMutex

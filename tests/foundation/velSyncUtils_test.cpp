@@ -1,0 +1,226 @@
+#include "velox/foundation/velSyncUtils.hpp"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "tests/support/support.hpp"
+#include "velox/runtime/velCallbackGuard.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+struct TBody {
+  std::function<void(void*)> Work;
+  void Execute(void* Parameter) { Work(Parameter); }
+  THandle Start(const std::string& Name, void* Parameter = nullptr) {
+    THandle thread(TThreadFactory::GetInstance()->CreateThread(
+        Name, TThreadExecutionRoutine::Bind<&TBody::Execute>(this), Parameter, Id));
+    EXPECT_TRUE(thread);
+    return thread;
+  }
+  DWORD Id = 0;
+};
+
+DWORD ExitCode(const THandle& Thread) {
+  DWORD code = 0;
+  ::GetExitCodeThread(Thread.Get(), &code);
+  return code;
+}
+
+TEST(ThreadFactory, AThreadHasItsNameAndParameterWhileItRuns) {
+  THandle go(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  int parameter = 0;
+  std::string seen;
+  TBody body{[&](void* Parameter) {
+    *static_cast<int*>(Parameter) = 7;
+    seen = TThreadFactory::GetInstance()->GetThreadName(::GetCurrentThreadId());
+    WaitForSingleObjectAlertable(go.Get());
+  }};
+  const THandle thread = body.Start("Worker", &parameter);
+  EXPECT_TRUE(test::WaitUntil([&] { return TThreadFactory::GetInstance()->GetThreadName(body.Id) == "Worker"; }));
+  ::SetEvent(go.Get());
+  WaitForSingleObjectAlertable(thread.Get());
+  EXPECT_EQ(parameter, 7);
+  EXPECT_EQ(seen, "Worker");
+  EXPECT_EQ(ExitCode(thread), 0u);
+  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(body.Id), "");
+}
+
+TEST(ThreadFactory, TheOldestNameCountsAndIsRemovedFirst) {
+  TThreadFactory& factory = *TThreadFactory::GetInstance();
+  constexpr DWORD NoThread = 0xFFFF0001;
+  EXPECT_EQ(factory.GetThreadName(NoThread), "");
+  factory.MapName(NoThread, "first");
+  factory.MapName(NoThread, "second");
+  EXPECT_EQ(factory.GetThreadName(NoThread), "first");
+  factory.UnmapName(NoThread);
+  EXPECT_EQ(factory.GetThreadName(NoThread), "second");
+  factory.UnmapName(NoThread);
+  factory.UnmapName(NoThread);
+  EXPECT_EQ(factory.GetThreadName(NoThread), "");
+}
+
+TEST(ThreadFactory, ABodyThatRaisesEndsItsThreadAloneAndKeepsItsName) {
+  static std::string told;
+  const TThreadExceptionHook before =
+      SetThreadExceptionHook([](const std::string& Name) noexcept { told = Name + ": " + DescribeCurrentException().Message; });
+  TBody body{[](void*) { throw Exception("boom"); }};
+  const THandle thread = body.Start("Raiser");
+  WaitForSingleObjectAlertable(thread.Get());
+  SetThreadExceptionHook(before);
+  EXPECT_EQ(told, "Raiser: boom");
+  EXPECT_EQ(ExitCode(thread), 1u);
+  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(body.Id), "Raiser");
+  TThreadFactory::GetInstance()->UnmapName(body.Id);
+}
+
+TEST(ThreadFactory, ManyThreadsStartAtOnceAndLeaveNothing) {
+  std::atomic<int> ran{0};
+  TBody body{[&](void*) { ++ran; }};
+  body.Start("warm up");
+  const uint32_t handles = test::HandleCount();
+  for (int round = 0; round < 8; ++round) {
+    std::vector<THandle> threads;
+    for (int i = 0; i < 32; ++i) threads.push_back(body.Start("crowd"));
+    for (const THandle& thread : threads) WaitForSingleObjectAlertable(thread.Get());
+  }
+  EXPECT_TRUE(test::WaitUntil([&] { return ran == 8 * 32 + 1; }));
+  EXPECT_LE(test::HandleCount(), handles + 4);
+}
+
+TEST(SetThreadName, DoesNothingWithoutADebugger) { SetThreadName("nobody listens"); }
+
+void CALLBACK Count(ULONG_PTR Counter) { ++*reinterpret_cast<std::atomic<int>*>(Counter); }
+void CALLBACK Raise(ULONG_PTR) {
+  GuardCallback([] { throw Exception("from an APC"); });
+}
+
+TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
+  std::atomic<int> counter{0};
+  std::atomic<bool> done{false};
+  THandle go(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  THandle never(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  const std::function<DWORD()> waits[] = {
+      [&] { return WaitForSingleObjectAlertable(go.Get(), "single"); },
+      [&] { return WaitForMultipleObjectsAlertable(std::array{never.Get(), go.Get()}, "several"); },
+      [&] { return WaitAlertableQuietly(std::array{never.Get(), go.Get()}); }};
+  const DWORD expected[] = {WAIT_OBJECT_0, WAIT_OBJECT_0 + 1, WAIT_OBJECT_0 + 1};
+  for (size_t i = 0; i < std::size(waits); ++i) {
+    counter = 0;
+    done = false;
+    ::ResetEvent(go.Get());
+    DWORD result = 0;
+    std::atomic<bool> begun{false};
+    TBody body{[&](void*) {
+      begun = true;
+      result = waits[i]();
+      done = true;
+    }};
+    const THandle thread = body.Start("waiter");
+    EXPECT_TRUE(test::WaitUntil([&] { return begun.load(); }));
+    for (int n = 1; n <= 3; ++n) {
+      ::QueueUserAPC(&Count, thread.Get(), reinterpret_cast<ULONG_PTR>(&counter));
+      EXPECT_TRUE(test::WaitUntil([&] { return counter == n; }));
+      EXPECT_FALSE(done);
+    }
+    ::SetEvent(go.Get());
+    WaitForSingleObjectAlertable(thread.Get());
+    EXPECT_EQ(result, expected[i]);
+  }
+}
+
+TEST(AlertableWait, RaisesWhatAnApcLetEscapeNoneLost) {
+  THandle own(GetRealCurrentThreadHandle());
+  THandle signalled(::CreateEventA(nullptr, TRUE, TRUE, nullptr));
+  ::QueueUserAPC(&Raise, own.Get(), 0);
+  EXPECT_THROW(SleepAlertable(), Exception);
+
+  for (int i = 0; i < 3; ++i) ::QueueUserAPC(&Raise, own.Get(), 0);
+  EXPECT_THROW(SleepAlertable(), Exception);  // the first of three; a signalled handle alone would run no APC
+  for (int i = 1; i < 3; ++i) EXPECT_THROW(WaitForSingleObjectAlertable(signalled.Get()), Exception) << i;
+  EXPECT_EQ(WaitForSingleObjectAlertable(signalled.Get()), WAIT_OBJECT_0);
+
+  THandle timer(::CreateWaitableTimerA(nullptr, TRUE, nullptr));
+  LARGE_INTEGER soon;
+  soon.QuadPart = -100'000;  // 10 ms
+  ::SetWaitableTimer(timer.Get(), &soon, 0, nullptr, nullptr, FALSE);
+  ::QueueUserAPC(&Raise, own.Get(), 0);
+  EXPECT_EQ(WaitAlertableQuietly(std::array{timer.Get()}), WAIT_OBJECT_0);
+  EXPECT_THROW(WaitAlertableOnce({}, 0), Exception);
+}
+
+TEST(AlertableWait, AnInvalidHandleIsAnError) {
+  const HANDLE closed = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x7FF0));
+  try {
+    WaitForSingleObjectAlertable(closed);
+    FAIL();
+  } catch (const EOSError& e) {
+    EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(ERROR_INVALID_HANDLE));
+  }
+  EXPECT_THROW(WaitForMultipleObjectsAlertable(std::array{closed, closed}), EOSError);
+  EXPECT_THROW(WaitForMultipleObjectsAlertable({}), EOSError);
+}
+
+TEST(AlertableWait, AnAbandonedMutexIsTold) {
+  THandle mutex(::CreateMutexA(nullptr, FALSE, nullptr));
+  TBody body{[&](void*) { ::WaitForSingleObject(mutex.Get(), INFINITE); }};
+  WaitForSingleObjectAlertable(body.Start("owner").Get());
+  EXPECT_EQ(WaitForSingleObjectAlertable(mutex.Get()), static_cast<DWORD>(WAIT_ABANDONED_0));
+  ::ReleaseMutex(mutex.Get());
+}
+
+TEST(Interlocked64, ValuesAndResults) {
+  int64_t t = 10;
+  EXPECT_EQ(InterlockedIncrement64(t, 5), 15);
+  EXPECT_EQ(InterlockedExchangeAdd64(t, 5), 15);
+  EXPECT_EQ(InterlockedDecrement64(t, 13), 7);
+  EXPECT_EQ(InterlockedCompareExchange64(t, 7, 9), 7);
+  EXPECT_EQ(InterlockedCompareExchange64(t, 7, 1), 9);
+  EXPECT_EQ(t, 9);
+  t = 0x1'0000'0000;
+  EXPECT_EQ(InterlockedAnd64(t, 0x3'0000'0001), 0x3'0000'0001);  // a subset: replaced
+  EXPECT_EQ(InterlockedAnd64(t, 0x3'0000'0001), 0x3'0000'0001);  // equal: nothing changes
+  EXPECT_EQ(InterlockedOr64(t, 0x1'0000'0001), 0x1'0000'0001);   // a superset: replaced
+  EXPECT_EQ(t, 0x1'0000'0001);
+}
+
+TEST(Interlocked64, AndWaitsForAnotherThread) {
+  int64_t target = 8;
+  std::atomic<bool> done{false};
+  std::thread spinner([&] {
+    InterlockedAnd64(target, 3);  // 8 is no subset of 3
+    done = true;
+  });
+  EXPECT_FALSE(done);
+  InterlockedCompareExchange64(target, 8, 1);
+  spinner.join();
+  EXPECT_EQ(target, 3);
+}
+
+TEST(Interlocked64, NoUpdateIsLostBetweenThreads) {
+  constexpr int64_t Start = 0xFFFF'FF00;
+  int64_t sum = Start;  // the carry into the upper half falls into the run
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < 20'000; ++n) InterlockedIncrement64(sum, n % 2 ? 3 : -1);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(sum, Start + 8 * 20'000);
+}
+
+TEST(PerformanceFrequency, IsTheCountersOwn) {
+  LARGE_INTEGER frequency;
+  ::QueryPerformanceFrequency(&frequency);
+  EXPECT_EQ(GetPerformanceFrequency(), frequency.QuadPart);
+}
+
+}  // namespace
+}  // namespace velox
