@@ -14,7 +14,8 @@
 
 namespace velox {
 
-// ------------------------------------------------------------------------------------------ the system's results
+// ------------------------------------------------------------------------------------------ the
+// system's results
 
 void RaiseLastOSErrorEx(int32_t ErrorCode) {
   const auto code = static_cast<uint32_t>(ErrorCode);
@@ -35,14 +36,15 @@ void CheckOSResultFiltered(std::span<const uint32_t> Allowed) {
   if (std::find(Allowed.begin(), Allowed.end(), code) == Allowed.end()) CheckOSResult(code);
 }
 
-// --------------------------------------------------------------------------------------------------------- paths
+// ---------------------------------------------------------------------------------------------------------
+// paths
 
 namespace {
 
 bool IsSeparator(char C) noexcept { return C == '\\' || C == '/'; }
 
-/// The position of the last character that ends a folder or drive, npos when there is none. In code pages of two
-/// bytes a character, "\" can also be the second half of a letter.
+/// The position of the last character that ends a folder or drive, npos when there is none. In code
+/// pages of two bytes a character, "\" can also be the second half of a letter.
 size_t LastDelimiter(std::string_view Path) noexcept {
   size_t found = std::string_view::npos;
   for (size_t i = 0; i < Path.size(); ++i) {
@@ -64,7 +66,8 @@ std::string_view FolderPart(std::string_view Path) noexcept {
   const size_t last = LastDelimiter(Path);
   if (last == std::string_view::npos) return {};
   const std::string_view folder = Path.substr(0, last + 1);
-  const bool isRoot = last == 0 || Path[last] == ':' || Path[last - 1] == ':' || EndsInSeparator(Path.substr(0, last));
+  const bool isRoot = last == 0 || Path[last] == ':' || Path[last - 1] == ':' ||
+                      EndsInSeparator(Path.substr(0, last));
   return isRoot ? folder : folder.substr(0, last);
 }
 
@@ -74,7 +77,8 @@ std::string_view DrivePart(std::string_view Path) noexcept {
   if (Path[1] == ':') return Path.substr(0, 2);
   if (!IsSeparator(Path[0]) || !IsSeparator(Path[1])) return {};
   const size_t server = Path.find_first_of("\\/", 2);
-  return Path.substr(0, server == std::string_view::npos ? server : Path.find_first_of("\\/", server + 1));
+  return Path.substr(
+      0, server == std::string_view::npos ? server : Path.find_first_of("\\/", server + 1));
 }
 
 bool IsFolder(const std::string& Path) noexcept {
@@ -83,14 +87,11 @@ bool IsFolder(const std::string& Path) noexcept {
 }
 
 std::string FullPath(const std::string& Path) {
-  std::string full(MAX_PATH, '\0');
-  for (;;) {
-    const DWORD length = ::GetFullPathNameA(Path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0) RaiseLastOSError();
-    const bool complete = length < full.size();
-    full.resize(length);
-    if (complete) return full;
-  }
+  char full[MAX_PATH];  // as long as the system lets a name in 8-bit characters be
+  const DWORD length = ::GetFullPathNameA(Path.c_str(), sizeof full, full, nullptr);
+  if (length == 0) RaiseLastOSError();
+  if (length >= sizeof full) RaiseLastOSErrorEx(ERROR_FILENAME_EXCED_RANGE);
+  return {full, length};
 }
 
 }  // namespace
@@ -117,12 +118,14 @@ std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string&
   return FullPath(BasePath + (EndsInSeparator(BasePath) ? "" : "\\") + Path);
 }
 
-// ---------------------------------------------------------------------------------------------------------- time
+// ----------------------------------------------------------------------------------------------------------
+// time
 
 TDateTime FileTimeToDateTime(const FILETIME& FileTime) {
   FILETIME local;
   SYSTEMTIME time;
-  if (!::FileTimeToLocalFileTime(&FileTime, &local) || !::FileTimeToSystemTime(&local, &time)) RaiseLastOSError();
+  if (!::FileTimeToLocalFileTime(&FileTime, &local) || !::FileTimeToSystemTime(&local, &time))
+    RaiseLastOSError();
   return SystemTimeToDateTime(time);
 }
 
@@ -134,14 +137,15 @@ bool WaitOneSecond(TDateTime& LastTime) noexcept {
   return true;
 }
 
-// -------------------------------------------------------------------------------------------------- command line
+// --------------------------------------------------------------------------------------------------
+// command line
 
 namespace {
 
 bool IsBlank(char C) noexcept { return C == ' ' || C == '\t'; }
 
-/// Takes one parameter from the text, which begins at it. The rules are those of "Parsing C Command-Line Arguments" in
-/// Microsoft's C runtime documentation.
+/// Takes one parameter from the text, which begins at it. The rules are those of "Parsing C
+/// Command-Line Arguments" in Microsoft's C runtime documentation.
 std::string TakeParameter(std::string_view& Text) {
   std::string parameter;
   bool quoted = false;
@@ -183,7 +187,8 @@ std::string UpperCase(const std::string& Text) {
   std::string upper(Text);
   if (!Text.empty()) {
     const int length = static_cast<int>(Text.size());
-    ::LCMapStringA(LOCALE_SYSTEM_DEFAULT, LCMAP_UPPERCASE, Text.data(), length, upper.data(), length);
+    ::LCMapStringA(LOCALE_SYSTEM_DEFAULT, LCMAP_UPPERCASE, Text.data(), length, upper.data(),
+                   length);
   }
   return upper;
 }
@@ -210,12 +215,14 @@ TStrings SplitCommandLine(const std::string& CommandLine) {
   }
 }
 
-bool FindCmdLineSwitchEx(const std::string& Switch, const TCharSet& Chars, bool IgnoreCase, std::string& Value) {
+bool FindCmdLineSwitchEx(const std::string& Switch, const TCharSet& Chars, bool IgnoreCase,
+                         std::string& Value) {
   const std::string name = Switch;  // Value may be the same string
   Value.clear();
   for (const std::string& parameter : SplitCommandLine(::GetCommandLineA())) {
     const bool isSwitch =
-        Chars.none() || (!parameter.empty() && Chars.test(static_cast<unsigned char>(parameter.front())));
+        Chars.none() ||
+        (!parameter.empty() && Chars.test(static_cast<unsigned char>(parameter.front())));
     if (!isSwitch) continue;
     const std::string text = parameter.empty() ? parameter : parameter.substr(1);
     if (!SameText(text.substr(0, name.size()), name, IgnoreCase)) continue;
@@ -234,7 +241,8 @@ bool FindSwitch(const std::string& Switch) {
   return FindCmdLineSwitchEx(Switch, ignored);
 }
 
-// ------------------------------------------------------------------------------------------------- child process
+// -------------------------------------------------------------------------------------------------
+// child process
 
 namespace {
 
@@ -261,8 +269,8 @@ class TLineCutter {
   }
 
  private:
-  /// The position behind the next line; npos when the line is not complete. Goes on where it stopped, so that a line
-  /// that never ends is looked at once, not again with each piece.
+  /// The position behind the next line; npos when the line is not complete. Goes on where it
+  /// stopped, so that a line that never ends is looked at once, not again with each piece.
   size_t NextLineEnd() noexcept {
     const size_t i = Pending_.find_first_of("\r\n", Scanned_);
     Scanned_ = std::min(i, Pending_.size());
@@ -289,12 +297,13 @@ struct TChildProcess {
   THandle Output;  // the read end of the pipe
 };
 
-/// Held from making a pipe until its write end is closed here: another child started meanwhile would inherit the write
-/// end too, and the reader would wait for that child's end as well.
+/// Held from making a pipe until its write end is closed here: another child started meanwhile
+/// would inherit the write end too, and the reader would wait for that child's end as well.
 TCriticalSection StartLock;
 
 /// Starts a child that writes to Output. Returns the system's error code.
-DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory, HANDLE Output, TChildProcess& Child) {
+DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory, HANDLE Output,
+                   TChildProcess& Child) {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESHOWWINDOW | STARTF_USESTDHANDLES;
@@ -303,8 +312,9 @@ DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory,
   startup.hStdOutput = Output;
   startup.hStdError = Output;
   PROCESS_INFORMATION information{};
-  if (!::CreateProcessA(nullptr, CommandLine.data(), nullptr, nullptr, TRUE, NORMAL_PRIORITY_CLASS, nullptr,
-                        CurrentDirectory.empty() ? nullptr : CurrentDirectory.c_str(), &startup, &information)) {
+  if (!::CreateProcessA(nullptr, CommandLine.data(), nullptr, nullptr, TRUE, NORMAL_PRIORITY_CLASS,
+                        nullptr, CurrentDirectory.empty() ? nullptr : CurrentDirectory.c_str(),
+                        &startup, &information)) {
     return ::GetLastError();
   }
   Child.Process.Reset(information.hProcess);
@@ -312,10 +322,10 @@ DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory,
   return ERROR_SUCCESS;
 }
 
-/// Makes the pipe and starts the child. Returns whether it runs; if not, Result is what ExecuteProcess returns, and the
-/// last error tells why.
-bool StartWithPipe(const std::string& CommandLine, const std::string& CurrentDirectory, TChildProcess& Child,
-                   int32_t& Result) {
+/// Makes the pipe and starts the child. Returns whether it runs; if not, Result is what
+/// ExecuteProcess returns, and the last error tells why.
+bool StartWithPipe(const std::string& CommandLine, const std::string& CurrentDirectory,
+                   TChildProcess& Child, int32_t& Result) {
   const std::scoped_lock lock(StartLock);
   SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, TRUE};
   HANDLE readEnd = nullptr, writeEnd = nullptr;
@@ -325,7 +335,8 @@ bool StartWithPipe(const std::string& CommandLine, const std::string& CurrentDir
   }
   Child.Output.Reset(readEnd);
   THandle output(writeEnd);
-  // A child that held the read end itself would hang, not fail, when nobody reads what it writes any more.
+  // A child that held the read end itself would hang, not fail, when nobody reads what it writes
+  // any more.
   ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
   const DWORD error = StartProcess(CommandLine, CurrentDirectory, output.Get(), Child);
   output.Reset();
@@ -336,7 +347,9 @@ bool StartWithPipe(const std::string& CommandLine, const std::string& CurrentDir
   return false;
 }
 
-bool IsSet(const std::atomic<uint8_t>* Flag) noexcept { return Flag != nullptr && Flag->load() != 0; }
+bool IsSet(const std::atomic<uint8_t>* Flag) noexcept {
+  return Flag != nullptr && Flag->load() != 0;
+}
 
 void ReadOutput(HANDLE Pipe, const std::atomic<uint8_t>* Cancel, TLineCutter& Lines) {
   char buffer[255];
@@ -348,7 +361,9 @@ void ReadOutput(HANDLE Pipe, const std::atomic<uint8_t>* Cancel, TLineCutter& Li
 
 int32_t WaitForExitCode(HANDLE Process) noexcept {
   DWORD code = 0;
-  if (::WaitForSingleObject(Process, INFINITE) != WAIT_OBJECT_0 || !::GetExitCodeProcess(Process, &code)) return -1;
+  if (::WaitForSingleObject(Process, INFINITE) != WAIT_OBJECT_0 ||
+      !::GetExitCodeProcess(Process, &code))
+    return -1;
   return static_cast<int32_t>(code);
 }
 

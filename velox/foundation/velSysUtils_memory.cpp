@@ -21,7 +21,9 @@ TBlock LoadBlock(const uint8_t* P) noexcept {
 
 constexpr const char* YesNo[] = {messages::seNo, messages::seYes};
 
-int32_t MinusOneAtEnd(int32_t Offset, int32_t Size) noexcept { return Offset >= Size ? -1 : Offset; }
+int32_t MinusOneAtEnd(int32_t Offset, int32_t Size) noexcept {
+  return Offset >= Size ? -1 : Offset;
+}
 
 }  // namespace
 
@@ -40,7 +42,8 @@ bool TestMemory(uint8_t Value, const void* Buffer, int32_t Size) noexcept {
   return TestMemoryAndGetUnmatchedOffset(Value, Buffer, Size) < 0;
 }
 
-int32_t TestMemoryAndGetUnmatchedOffsetEx(uint8_t Value, const void* Buffer, int32_t Size) noexcept {
+int32_t TestMemoryAndGetUnmatchedOffsetEx(uint8_t Value, const void* Buffer,
+                                          int32_t Size) noexcept {
   const auto* bytes = static_cast<const uint8_t*>(Buffer);
   const TBlock expected = Value * TBlock{0x0101'0101'0101'0101};
   int32_t i = 0;
@@ -57,7 +60,8 @@ int32_t TestMemoryAndGetMatchedOffsetEx(uint8_t Value, const void* Buffer, int32
   if (Size <= 0) return 0;
   const void* found = std::memchr(Buffer, Value, static_cast<size_t>(Size));
   if (found == nullptr) return Size;
-  return static_cast<int32_t>(static_cast<const uint8_t*>(found) - static_cast<const uint8_t*>(Buffer));
+  return static_cast<int32_t>(static_cast<const uint8_t*>(found) -
+                              static_cast<const uint8_t*>(Buffer));
 }
 
 int32_t TestMemoryAndGetMatchedOffset(uint8_t Value, const void* Buffer, int32_t Size) noexcept {
@@ -92,7 +96,9 @@ int32_t IfThen(bool Condition, int32_t TrueValue, int32_t FalseValue) noexcept {
   return Condition ? TrueValue : FalseValue;
 }
 
-bool EqualOrUnassinged(const TObject* A, const TObject* B) noexcept { return A == nullptr || A == B; }
+bool EqualOrUnassinged(const TObject* A, const TObject* B) noexcept {
+  return A == nullptr || A == B;
+}
 
 std::string GetClassName(const TClass& AClass, const std::string& Default) {
   return AClass ? AClass.GetName() : Default;
