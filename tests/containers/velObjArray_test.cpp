@@ -261,6 +261,8 @@ TEST(ObjectArray, LastLookupIsRemembered) {
   TNumbers sorted({1, 2, 3, 4, 5}, true);
   sorted.Array.CompareRoutine = TObjectCompareRoutine::To(counting);
   TNumber* last = sorted.Owned[4].get();
+  EXPECT_EQ(sorted.Array.IndexOf(sorted.Make(0)), -1);
+  calls = 0;
   EXPECT_EQ(sorted.Array.IndexOf(last), 4);
   EXPECT_EQ(sorted.Array.IndexOf(last), 4);
   EXPECT_EQ(calls, 3);
