@@ -33,6 +33,10 @@ inline constexpr const char* seInvalidIndex = "Invalid index";
 inline constexpr const char* seObjectIsNull = "Object cannot be null";
 inline constexpr const char* seCannotMoveElementInSortedArray = "Cannot move element in sorted array";
 
+// Process and module information.
+inline constexpr const char* seVersionRootMissing = "Root block of version resource does not exist";
+inline constexpr const char* seFileNameIsEmpty = "File name cannot be empty";
+
 // Asynchronous execution.
 inline constexpr const char* seCallIsBusy = "Call is busy";
 inline constexpr const char* seOperationOnActiveTask = "Cannot perform operation on active task";
