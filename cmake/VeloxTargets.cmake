@@ -1,13 +1,14 @@
 # What every target of the project is compiled with.
 add_library(velox_options INTERFACE)
-target_compile_options(velox_options INTERFACE
+target_compile_options(velox_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align
-  -Wimplicit-fallthrough -Werror)
+  -Wimplicit-fallthrough -Werror>)
 target_include_directories(velox_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(WIN32 AND CMAKE_SIZEOF_VOID_P EQUAL 4)
   # SSE2 is in every processor that runs a supported Windows. The compiler itself re-aligns the stack for it, which
   # matters since the system calls back with a stack aligned to 4 bytes only.
-  target_compile_options(velox_options INTERFACE -march=pentium4 -mtune=generic -mfpmath=sse)
+  target_compile_options(velox_options INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-march=pentium4 -mtune=generic -mfpmath=sse>)
 endif()
 
 # A program of the project: linked to the library, with velox.dll and the compiler's runtime DLLs beside it.

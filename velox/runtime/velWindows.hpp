@@ -19,6 +19,9 @@
 #include <windows.h>
 // COM's base, which windows.h leaves out here.
 #include <objbase.h>
+// Snapshots of processes and threads; version resources.
+#include <tlhelp32.h>
+#include <winver.h>
 
 #undef CreateEvent
 #undef CreateMutex
