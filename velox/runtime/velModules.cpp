@@ -21,6 +21,8 @@ constexpr TModule Table[] = {
     {"runtime", &modules::InitializeRuntime, &modules::FinalizeRuntime},
     {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
     {"velModuleInfo", nullptr, &modules::FinalizeModuleInfo},
+    {"velTrace", &modules::InitializeTrace, &modules::FinalizeTrace},
+    {"velReactor", nullptr, &modules::FinalizeReactor},
 };
 
 size_t Initialized = 0;

@@ -9,5 +9,8 @@ void InitializeRuntime();
 void FinalizeRuntime() noexcept;
 void FinalizeSyncUtils() noexcept;
 void FinalizeModuleInfo() noexcept;
+void InitializeTrace();
+void FinalizeTrace() noexcept;
+void FinalizeReactor() noexcept;
 
 }  // namespace velox::modules

@@ -1,0 +1,274 @@
+#include "velox/foundation/velTrace.hpp"
+
+#include <gtest/gtest.h>
+
+#include <new>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "tests/support/support.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velFormat.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
+
+namespace velox {
+namespace {
+
+using TArguments = std::vector<std::string>;
+
+// The log of a process is made once, so most cases run in a copy of the program of their own, in an empty folder.
+struct TLogFolder {
+  TLogFolder() {
+    char program[MAX_PATH];
+    ::GetModuleFileNameA(nullptr, program, sizeof program);
+    const std::string folder = std::string(program).substr(0, std::string(program).rfind('\\') + 1);
+    WIN32_FIND_DATAA found;
+    const HANDLE search = ::FindFirstFileA((folder + "*.dll").c_str(), &found);
+    do {
+      ::CopyFileA((folder + found.cFileName).c_str(), Folder.File(found.cFileName).c_str(), FALSE);
+    } while (::FindNextFileA(search, &found));
+    ::FindClose(search);
+    ::CopyFileA(program, Folder.File("app.exe").c_str(), FALSE);
+  }
+  uint32_t Run(const std::string& Role, const std::string& Argument = "") const {
+    return test::TChild(Format("\"%s\" --role=%s \"%s\"", Folder.File("app.exe").c_str(), Role.c_str(), Argument.c_str()))
+        .Wait();
+  }
+  std::vector<std::string> Lines(const std::string& Name = "app.log") const {
+    std::istringstream file(test::ReadFileBytes(Folder.File(Name)));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+      EXPECT_TRUE(!line.empty() && line.back() == '\r') << line;
+      line.pop_back();
+      lines.push_back(line);
+    }
+    return lines;
+  }
+  bool Exists(const std::string& Name) const {
+    return ::GetFileAttributesA(Folder.File(Name).c_str()) != INVALID_FILE_ATTRIBUTES;
+  }
+  void MakeFile(const std::string& Name, int64_t Size) const {
+    THandle file(::CreateFileA(Folder.File(Name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    LARGE_INTEGER end;
+    end.QuadPart = Size;
+    ::SetFilePointerEx(file.Get(), end, nullptr, FILE_BEGIN);
+    ::SetEndOfFile(file.Get());
+  }
+  test::TTemporaryFolder Folder;
+};
+
+const std::string Stamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})";
+
+const test::TRole WriteRole("trace-write", [](const TArguments& Arguments) {
+  Trace("dropped", ttComment);
+  Trace(Arguments.at(0), ttDebug);
+  Trace("again", ttError);
+  return 0;
+});
+
+TEST(TraceLog, ARecordIsALineAndTheFirstIsPrecededByABanner) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-write", "some text"), 0u);
+  const auto lines = log.Lines();
+  ASSERT_GE(lines.size(), 3u);
+  const size_t first = lines.size() - 2;
+  EXPECT_TRUE(std::regex_match(lines[first], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  some text)"))) << lines[first];
+  EXPECT_TRUE(std::regex_match(lines[first + 1], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  again)")));
+  EXPECT_TRUE(std::regex_match(lines[first - 1],
+                               std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  Module started: )" + Stamp + " ")))
+      << lines[first - 1];
+}
+
+const test::TRole CommentRole("trace-comment", [](const TArguments&) {
+  Trace("dropped", ttComment);
+  Trace("dropped", static_cast<TTraceType>(7));
+  Trace("dropped", static_cast<TTraceType>(8));
+  return 0;
+});
+
+TEST(TraceLog, CommentsLeaveNoFile) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-comment"), 0u);
+  EXPECT_FALSE(log.Exists("app.log"));
+}
+
+TEST(TraceLog, RotatesAtExactly104857600Bytes) {
+  const TLogFolder log;
+  log.MakeFile("app.log", 104'857'599);
+  EXPECT_EQ(log.Run("trace-comment"), 0u);
+  test::WriteFileBytes(log.Folder.File("app.log.1"), "older");
+  EXPECT_EQ(log.Run("trace-write", "x"), 0u);
+  // One byte below the limit it was appended to; that made it full, so the second record went to a new file.
+  EXPECT_EQ(log.Lines().size(), 1u);
+  EXPECT_NE(log.Lines().at(0).find("again"), std::string::npos);
+  WIN32_FILE_ATTRIBUTE_DATA old;
+  ASSERT_TRUE(::GetFileAttributesExA(log.Folder.File("app.log.1").c_str(), GetFileExInfoStandard, &old));
+  EXPECT_GT(old.nFileSizeLow, 104'857'599u);
+}
+
+TEST(TraceLog, AFullFileThatCannotBeRenamedLosesTheRecordOnly) {
+  const TLogFolder log;
+  log.MakeFile("app.log", 104'857'600);
+  ::CreateDirectoryA(log.Folder.File("app.log.1").c_str(), nullptr);  // in the way of the renaming
+  EXPECT_EQ(log.Run("trace-write", "x"), 0u);
+  WIN32_FILE_ATTRIBUTE_DATA kept;
+  ASSERT_TRUE(::GetFileAttributesExA(log.Folder.File("app.log").c_str(), GetFileExInfoStandard, &kept));
+  EXPECT_EQ(kept.nFileSizeLow, 104'857'600u);
+}
+
+const test::TRole SubdirRole("trace-subdir", [](const TArguments& Arguments) {
+  TTracer& tracer = *TTracer::GetInstance();
+  const std::string beside = tracer.GetFileName();
+  tracer.SetProgramDataSubdir(Arguments.at(0));
+  Trace("here", ttDebug);
+  // Where the system knows no folder for all users, the log stays beside the program.
+  const std::string file = tracer.GetFileName();
+  const bool moved = file.find(Arguments.at(0) + "\\Logs\\app.log") != std::string::npos;
+  const bool written = ::GetFileAttributesA(file.c_str()) != INVALID_FILE_ATTRIBUTES;
+  return written && (moved || file == beside) ? 0 : 1;
+});
+
+TEST(TraceLog, TheFolderCanBeChosen) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-subdir", "VeloxTest\\" + test::UniqueName("sub")), 0u);
+}
+
+const test::TRole ThreadsRole("trace-threads", [](const TArguments&) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 50; ++i) Trace(Format("thread %d record %d", t, i), ttDebug);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  return 0;
+});
+
+TEST(TraceLog, RecordsOfSeveralThreadsStayWholeAndInTimeOrder) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-threads"), 0u);
+  const auto lines = log.Lines();
+  int next[8] = {};
+  std::string before;
+  for (const std::string& line : lines) {
+    EXPECT_LE(before, line.substr(0, 23));
+    before = line.substr(0, 23);
+    std::smatch match;
+    if (!std::regex_search(line, match, std::regex(R"(\]  thread (\d) record (\d+)$)"))) continue;
+    EXPECT_EQ(std::stoi(match[2]), next[std::stoi(match[1])]++);
+  }
+  for (const int count : next) EXPECT_EQ(count, 50);
+}
+
+const test::TRole ExceptionsRole("trace-exceptions", [](const TArguments&) {
+  const char* texts[] = {"Read failed", "Line ended\n", ""};
+  for (const char* text : texts) {
+    try {
+      throw EConvertError("boom");
+    } catch (...) {
+      TraceException(text);
+    }
+  }
+  try {
+    throw 5;
+  } catch (...) {
+    TraceException("odd");
+  }
+  TraceException("none");
+  ::SetLastError(ERROR_ACCESS_DENIED);
+  TraceOSError("Open");
+  return ::GetLastError() == ERROR_ACCESS_DENIED ? 0 : 1;
+});
+
+TEST(TraceLog, ExceptionsAndSystemErrorsAreDescribed) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-exceptions"), 0u);
+  const std::string all = test::ReadFileBytes(log.Folder.File("app.log"));
+  for (const char* expected : {R"(\]  Read failed: boom\. EConvertError at [0-9A-F]{8,16}\r\n)",
+                               R"(\]  Line ended\nboom\. EConvertError at [0-9A-F]{8,16}\r\n)",
+                               R"(\]  : boom\. EConvertError at [0-9A-F]{8,16}\r\n)", R"(\]  odd\. int at 0{8}\r\n)",
+                               R"(\]  none\. nil at 0{8}\r\n)"}) {
+    EXPECT_TRUE(std::regex_search(all, std::regex(expected))) << expected << "\n" << all;
+  }
+  EXPECT_NE(all.find("]  Open - " + SystemErrorMessage(ERROR_ACCESS_DENIED) + "\r\n"), std::string::npos) << all;
+}
+
+const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments) {
+  TerminateOnOutOfMemoryRequired = Arguments.at(0) == "end";
+  for (int i = 0; i < 2; ++i) {
+    try {
+      throw EOutOfMemory();
+    } catch (...) {
+      TraceException("Out");
+    }
+  }
+  return 0;
+});
+
+TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-memory", "go on"), 0u);
+  const auto lines = log.Lines();
+  const char* labels[] = {"TotalAddrSpace = ", "TotalUncommitted = ", "TotalCommitted = ", "TotalAllocated = ",
+                          "TotalFree = ",      "FreeSmall = ",        "FreeBig = ",        "Unused = ",
+                          "Overhead = ",       "HeapErrorCode = "};
+  ASSERT_GE(lines.size(), 12u);
+  const size_t first = lines.size() - 12;
+  EXPECT_NE(lines[first].find("Out: "), std::string::npos);
+  for (size_t i = 0; i < std::size(labels); ++i) {
+    EXPECT_TRUE(std::regex_search(lines[first + 1 + i], std::regex(std::string(R"(\]  )") + labels[i] + R"(\d+$)")))
+        << lines[first + 1 + i];
+  }
+  EXPECT_NE(lines.back().find("Out: "), std::string::npos);
+
+  const TLogFolder ended;
+  EXPECT_EQ(ended.Run("trace-memory", "end"), 1u);
+  EXPECT_NE(ended.Lines().back().find("]  Application terminated due to out of memory"), std::string::npos);
+}
+
+const test::TRole OwnFileRole("trace-own", [](const TArguments&) {
+  TraceThread("one");
+  TraceThread("two");
+  return static_cast<int>(::GetCurrentThreadId());
+});
+
+TEST(TraceThread, WritesToTheThreadsOwnFile) {
+  const TLogFolder log;
+  const uint32_t id = log.Run("trace-own");
+  const auto lines = log.Lines(Format("app%08X.log", id));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_TRUE(std::regex_match(lines[1], std::regex(Stamp + Format(R"(   \[%08X\]  two)", id)))) << lines[1];
+  EXPECT_FALSE(log.Exists("app.log"));
+}
+
+void CALLBACK AddOne(ULONG_PTR Number) { ++*reinterpret_cast<int*>(Number); }
+void CALLBACK RaiseConvert(ULONG_PTR) { throw EConvertError("inside the APC"); }
+
+TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
+  const THandle own(GetRealCurrentThreadHandle());
+  int number = 0;
+  EXPECT_NE(TraceAndQueueUserAPC(&AddOne, own.Get(), reinterpret_cast<ULONG_PTR>(&number)), 0u);
+  EXPECT_NE(TraceAndQueueUserAPC(&RaiseConvert, own.Get(), 0x12), 0u);
+  EXPECT_THROW(SleepAlertable(), EConvertError);
+  EXPECT_EQ(number, 1);
+  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
+  EXPECT_TRUE(std::regex_search(
+      log, std::regex(R"(Error  : APC = \S+, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
+  EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
+}
+
+TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
+  auto body = [](void*) { throw Exception("unhandled in a body"); };
+  DWORD id = 0;
+  const THandle thread(TThreadFactory::GetInstance()->CreateThread("Faulty", TThreadExecutionRoutine::To(body), nullptr, id));
+  WaitForSingleObjectAlertable(thread.Get());
+  TThreadFactory::GetInstance()->UnmapName(id);
+  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
+  EXPECT_NE(log.find("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace velox

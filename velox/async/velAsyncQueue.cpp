@@ -1,0 +1,194 @@
+#include "velox/async/velAsyncQueue.hpp"
+
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velMessages.hpp"
+
+namespace velox {
+namespace {
+
+using enum TCallState;
+using enum TAsynchronousCallQueueState;
+
+void CALLBACK CallEntry(ULONG_PTR Call) { reinterpret_cast<TAsynchronousCall*>(Call)->Call(); }
+
+// A call that a queue makes for one request.
+class TQueuedCall final : public TAsynchronousCall {
+ public:
+  TQueuedCall(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
+              const TAsynchronousCallQueueHandler& ARequest, void* AData)
+      : TAsynchronousCall(AThreadHandle, AThreadId, AHandler), Request(ARequest), RequestData(AData) {}
+
+  using TAsynchronousCall::ForgetThread;
+
+  const TAsynchronousCallQueueHandler Request;
+  void* const RequestData;
+};
+
+// Once queued, the call frees itself after its run.
+void QueueOwned(std::unique_ptr<TQueuedCall> Call) {
+  TQueuedCall* const queued = Call.release();
+  try {
+    queued->Queue(false);
+  } catch (...) {
+    // Not queued: still ours. (A handler that raised here and now leaves its call "in call".)
+    if (queued->GetState() == clsFree) delete queued;
+    throw;
+  }
+}
+
+}  // namespace
+
+TAsynchronousCall::TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler)
+    : Handler_(AHandler), ThreadHandle_(AThreadHandle), ThreadId_(AThreadId) {}
+
+TAsynchronousCall::~TAsynchronousCall() {
+  StateExchange(clsDestroying);
+  Finished_.WaitQuietly(ThreadHandle_.load());
+}
+
+void TAsynchronousCall::Queue(bool AWait) { QueueEx(ThreadHandle_.load(), ThreadId_.load(), Handler_, AWait); }
+
+void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
+                                bool AWait) {
+  if (AThreadHandle == nullptr || !AHandler) throw Exception(messages::seIncorrectParameters);
+  if (!StateCompareExchange(clsQueued, clsFree)) throw Exception(messages::seCallIsBusy);
+  Finished_.Begin();
+  Handler_ = AHandler;
+  ThreadHandle_.store(AThreadHandle);
+  ThreadId_.store(AThreadId);
+  if (AThreadId == ::GetCurrentThreadId()) {
+    Call();
+    return;
+  }
+  if (TraceAndQueueUserAPC(&CallEntry, AThreadHandle, reinterpret_cast<ULONG_PTR>(this)) == 0) {
+    const DWORD error = ::GetLastError();
+    StateCompareExchange(clsFree, clsQueued);
+    Finished_.Finish();
+    RaiseLastOSErrorEx(static_cast<int32_t>(error));
+  }
+  if (AWait) WaitForFinished();
+}
+
+void TAsynchronousCall::Call() {
+  bool destroy = false;
+  if (StateCompareExchange(clsInCall, clsQueued) && Handler_) Handler_(*this, destroy);
+  if (!StateCompareExchange(clsFree, clsInCall)) StateCompareExchange(clsFree, clsCancelled);
+  Finished_.Finish();  // unless the call is its own, it may be gone from here on
+  if (destroy) delete this;
+}
+
+bool TAsynchronousCall::CancelNeedsWait() noexcept {
+  if (StateCompareExchange(clsCancelled, clsQueued)) return false;
+  return StateCompareExchange(clsCancelled, clsInCall);
+}
+
+bool TAsynchronousCall::Cancel() {
+  if (!CancelNeedsWait()) return false;
+  WaitForFinished();
+  return true;
+}
+
+bool TAsynchronousCall::CancelQuietly() noexcept {
+  if (!CancelNeedsWait()) return false;
+  WaitForFinishedQuietly();
+  return true;
+}
+
+DWORD TAsynchronousCall::WaitForFinished() { return Finished_.Wait(ThreadHandle_.load()); }
+
+DWORD TAsynchronousCall::WaitForFinishedQuietly() noexcept { return Finished_.WaitQuietly(ThreadHandle_.load()); }
+
+struct TAsynchronousCallQueue::TThread {
+  HANDLE Handle;
+  DWORD Id;
+  THandle Owned;  // the handle again, when the queue is to close it
+};
+
+TAsynchronousCallQueue::~TAsynchronousCallQueue() {
+  StateExchange(acqsInactive);
+  const std::shared_ptr<const TThread> thread = Thread_.load();
+  Idle_.WaitQuietly(thread == nullptr ? nullptr : thread->Handle);
+}
+
+void TAsynchronousCallQueue::Activate(HANDLE AThreadHandle, DWORD AThreadId) {
+  if (!StateCompareExchange(acqsActivating, acqsInactive)) return;
+  try {
+    if (AThreadHandle != nullptr && AThreadId != 0) {
+      Thread_.store(std::make_shared<const TThread>(TThread{AThreadHandle, AThreadId, THandle()}));
+    } else {
+      THandle real(GetRealCurrentThreadHandle());
+      const HANDLE handle = real.Get();
+      Thread_.store(std::make_shared<const TThread>(TThread{handle, ::GetCurrentThreadId(), std::move(real)}));
+    }
+  } catch (...) {
+    CloseHandles();
+    throw;
+  }
+  if (!StateCompareExchange(acqsActive, acqsActivating)) CloseHandles();
+}
+
+void TAsynchronousCallQueue::Deactivate(bool AWait) {
+  switch (StateExchange(acqsDeactivating)) {
+    case acqsInactive:
+      StateExchange(acqsInactive);
+      return;
+    case acqsActive:
+      if (AWait) Wait();
+      return;
+    case acqsActivating:    // the activating thread sees it and cleans up
+    case acqsDeactivating:  // already
+      return;
+  }
+}
+
+void TAsynchronousCallQueue::Queue(const TAsynchronousCallQueueHandler& Handler, void* AData) {
+  // Counted before the state is looked at, so that a Wait can't slip in between.
+  Idle_.Begin();
+  Pending_.fetch_add(1);
+  try {
+    const std::shared_ptr<const TThread> thread = Thread_.load();
+    if (GetState() != acqsActive || thread == nullptr) throw Exception("Queue is inactive");
+    auto call = std::make_unique<TQueuedCall>(thread->Handle, thread->Id,
+                                              TAsynchronousCallHandler::Bind<&TAsynchronousCallQueue::Call>(this),
+                                              Handler, AData);
+    QueueOwned(std::move(call));
+  } catch (...) {
+    Pending_.fetch_sub(1);
+    Idle_.Finish();
+    throw;
+  }
+}
+
+void TAsynchronousCallQueue::Call(TAsynchronousCall& ACall, bool& ADestroy) {
+  auto& call = static_cast<TQueuedCall&>(ACall);
+  call.ForgetThread();
+  ADestroy = true;
+  InCall_.store(true);
+  call.Request(*this, call.RequestData);
+  InCall_.store(false);
+  FinishCall();
+}
+
+void TAsynchronousCallQueue::FinishCall() noexcept {
+  if (Pending_.fetch_sub(1) == 1 && GetState() == acqsDeactivating) CloseHandles();
+  Idle_.Finish();  // the queue may be gone from here on
+}
+
+DWORD TAsynchronousCallQueue::Wait() {
+  const std::shared_ptr<const TThread> thread = Thread_.load();
+  if (thread == nullptr) return Idle_.Wait(nullptr);
+  if (InCall_.load() && thread->Id == ::GetCurrentThreadId()) {
+    throw Exception("Queue is in call now and can be deadlocked");
+  }
+  return Idle_.Wait(thread->Handle);
+}
+
+void TAsynchronousCallQueue::CloseHandles() noexcept {
+  Thread_.store(nullptr);
+  StateExchange(acqsInactive);
+}
+
+}  // namespace velox

@@ -1,0 +1,375 @@
+#include "velox/async/velReactor.hpp"
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <span>
+#include <utility>
+
+#include "velox/async/velCallbackLink.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velComThread.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velHandle.hpp"
+#include "velox/runtime/velModules.hpp"
+
+namespace velox {
+
+using enum TReactionState;
+
+namespace {
+
+constexpr int32_t MostReactions = MAXIMUM_WAIT_OBJECTS;  // that one wait of the system takes
+
+TSingletonSlot ReactorSlot;
+
+void CALLBACK WakeUp(ULONG_PTR) {}
+
+}  // namespace
+
+// One thread of the reactor. The set is touched by the thread itself only: what others want of it arrives as calls.
+class TReactorThread : public TObject {
+ public:
+  TReactorThread();
+  ~TReactorThread() override;
+
+  /// Takes the reaction if there is a place, and requests that it be added. By the registering thread.
+  bool Offer(TReaction& Reaction);
+  /// Requests that the reaction be taken out. False when the thread has ended, and so has let go of it.
+  bool RequestRemoval(TReaction& Reaction);
+
+  /// On this thread: whether Reaction is the one that runs now. If so its gate stays shut until the run is over.
+  bool Defer(TReaction& Reaction) noexcept;
+
+  /// On a reactor thread: if Reaction is the one that runs there, it is being destroyed inside its own Run().
+  static void ForgetRunning(TReaction& Reaction) noexcept;
+
+ private:
+  void Execute(void* AParameter);
+  void WaitAndRun();
+  void RunReaction(TReaction& Reaction);
+  void Finish() noexcept;
+  void RunQueuedRequests() noexcept;
+  void Add(TAsynchronousCall& ACall, bool& ADestroy);
+  void Remove(TAsynchronousCall& ACall, bool& ADestroy);
+  void RemoveAt(int32_t Index) noexcept;
+  void Post(TReaction& Reaction, const TAsynchronousCallHandler& Handler);
+
+  std::array<HANDLE, MostReactions + 1> Handles_{};
+  std::array<TReaction*, MostReactions + 1> Reactions_{};  // parallel to Handles_
+  int32_t Count_ = 0;
+  std::atomic<int32_t> Reserved_{0};  // registrations accepted, queued or in the set
+  TCriticalSection RequestLock_;      // no request is queued any more once Terminated_ has been set under it
+  std::atomic<bool> Terminated_{false};
+
+  TReaction* Running_ = nullptr;  // the reaction whose Run() is under way
+  int32_t Deferred_ = 0;          // removals of it that its gate has not been told of
+
+  THandle Thread_;
+  DWORD ThreadId_ = 0;
+  TPendingGate Started_;  // open once the thread runs
+
+  static thread_local TReactorThread* Current_;  // of the calling thread
+};
+
+thread_local TReactorThread* TReactorThread::Current_ = nullptr;
+
+TReactorThread::TReactorThread() {
+  Started_.Begin();
+  Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
+      "Reactor thread", TThreadExecutionRoutine::Bind<&TReactorThread::Execute>(this), nullptr, ThreadId_));
+  if (!Thread_) RaiseLastOSError();
+  // A thread that has not begun yet would run its first requests before its own first line.
+  Started_.WaitQuietly(Thread_.Get());
+}
+
+TReactorThread::~TReactorThread() {
+  Terminated_.store(true);
+  // It fails when the thread has ended by itself.
+  TraceAndQueueUserAPC(&WakeUp, Thread_.Get(), 0);
+  const HANDLE thread = Thread_.Get();
+  WaitAlertableQuietly({&thread, 1});
+}
+
+void TReactorThread::Post(TReaction& Reaction, const TAsynchronousCallHandler& Handler) {
+  Reaction.Call_.QueueEx(Thread_.Get(), ThreadId_, Handler, false);
+}
+
+bool TReactorThread::Offer(TReaction& Reaction) {
+  const std::scoped_lock guard(RequestLock_);
+  if (Terminated_.load()) return false;
+  // A place is taken before the request is queued, so that the set can't overflow.
+  if (Reserved_.fetch_add(1) >= MostReactions) {
+    Reserved_.fetch_sub(1);
+    return false;
+  }
+  Reaction.Thread_.store(this);
+  try {
+    Post(Reaction, TAsynchronousCallHandler::Bind<&TReactorThread::Add>(this));
+  } catch (...) {
+    Reserved_.fetch_sub(1);
+    throw;
+  }
+  return true;
+}
+
+bool TReactorThread::RequestRemoval(TReaction& Reaction) {
+  const std::scoped_lock guard(RequestLock_);
+  if (Terminated_.load()) return false;
+  Post(Reaction, TAsynchronousCallHandler::Bind<&TReactorThread::Remove>(this));
+  return true;
+}
+
+void TReactorThread::Add(TAsynchronousCall& ACall, bool&) {
+  auto& reaction = *static_cast<TReaction*>(ACall.Data);
+  if (!reaction.StatusCompareExchange(rsActivated, rsActivating)) return;
+  Handles_[static_cast<size_t>(Count_)] = reaction.GetHandle();
+  Reactions_[static_cast<size_t>(Count_)] = &reaction;
+  ++Count_;
+}
+
+void TReactorThread::Remove(TAsynchronousCall& ACall, bool&) {
+  const auto* reaction = static_cast<TReaction*>(ACall.Data);
+  const auto end = Reactions_.begin() + Count_;
+  const auto found = std::find(Reactions_.begin(), end, reaction);
+  if (found != end) RemoveAt(static_cast<int32_t>(found - Reactions_.begin()));
+}
+
+void TReactorThread::RemoveAt(int32_t Index) noexcept {
+  TReaction& reaction = *Reactions_[static_cast<size_t>(Index)];
+  std::copy(Handles_.begin() + Index + 1, Handles_.begin() + Count_, Handles_.begin() + Index);
+  std::copy(Reactions_.begin() + Index + 1, Reactions_.begin() + Count_, Reactions_.begin() + Index);
+  --Count_;
+  Reserved_.fetch_sub(1);
+  reaction.Deactivated();
+}
+
+void TReactorThread::Execute(void*) {
+  const TComThread com;
+  Current_ = this;
+  Started_.Finish();
+  while (!Terminated_.load()) {
+    try {
+      WaitAndRun();
+    } catch (...) {
+      TraceException("Exception in [TReactorThread.Run]");
+    }
+  }
+  Finish();
+}
+
+void TReactorThread::WaitAndRun() {
+  const auto count = static_cast<DWORD>(Count_);
+  const DWORD result = WaitAlertableOnce({Handles_.data(), count});
+  if (result == WAIT_FAILED) {
+    TraceOSError("[TReactorThread.Run] Wait error");
+    Terminated_.store(true);
+  } else if (result < WAIT_OBJECT_0 + MostReactions) {
+    const DWORD index = result - WAIT_OBJECT_0;
+    if (index < static_cast<DWORD>(Count_)) RunReaction(*Reactions_[index]);
+  } else if (result >= WAIT_ABANDONED_0 && result < WAIT_ABANDONED_0 + MostReactions) {
+    const DWORD index = result - WAIT_ABANDONED_0;
+    if (index < static_cast<DWORD>(Count_)) RemoveAt(static_cast<int32_t>(index));
+  } else if (result == WAIT_TIMEOUT) {
+    Trace("Timeout exausted ??? in [TReactorThread.Run][Wait]", ttError);
+  }
+}
+
+// A removal that arrives while the reaction runs (Run() waited alertably, or removed itself) takes effect on the set at
+// once; whoever waits to destroy the reaction is told only when Run() has returned.
+void TReactorThread::RunReaction(TReaction& Reaction) {
+  struct TRun {
+    TReactorThread& Thread;
+    ~TRun() {
+      TReaction* const reaction = std::exchange(Thread.Running_, nullptr);
+      if (reaction == nullptr) return;  // destroyed meanwhile
+      for (int32_t left = std::exchange(Thread.Deferred_, 0); left > 0; --left) reaction->InSet_.Finish();
+    }
+  } const run{*this};
+  Running_ = &Reaction;
+  Reaction.RunEx();
+}
+
+bool TReactorThread::Defer(TReaction& Reaction) noexcept {
+  if (Running_ != &Reaction) return false;
+  ++Deferred_;
+  return true;
+}
+
+void TReactorThread::ForgetRunning(TReaction& Reaction) noexcept {
+  if (Current_ == nullptr || Current_->Running_ != &Reaction) return;
+  Current_->Running_ = nullptr;
+  for (int32_t left = std::exchange(Current_->Deferred_, 0); left > 0; --left) Reaction.InSet_.Finish();
+}
+
+void TReactorThread::Finish() noexcept {
+  {
+    const std::scoped_lock guard(RequestLock_);
+    Terminated_.store(true);
+  }
+  RunQueuedRequests();
+  while (Count_ > 0) RemoveAt(Count_ - 1);
+  Reserved_.store(0);
+}
+
+// The requests that were queued before the thread stopped taking any.
+void TReactorThread::RunQueuedRequests() noexcept {
+  DWORD result = WAIT_IO_COMPLETION;
+  while (result == WAIT_IO_COMPLETION) {
+    try {
+      result = WaitAlertableOnce({}, 0);
+    } catch (...) {
+      TraceException("Exception in [TReactorThread.Run]");
+    }
+  }
+}
+
+TReactor* TReactor::GetInstance() { return SingletonInstance<TReactor>(ReactorSlot); }
+
+TObject* TReactor::SingletonConstruction() { return new TReactor; }
+
+TReactor::TReactor() : Threads_(TClass::Of<TReactorThread>()) { Threads_.SetSharedObjects(false); }
+
+TReactor::~TReactor() {
+  Terminating_.store(true);
+  Threads_.Clear();
+}
+
+void TReactor::RegisterReaction(TReaction& AReaction) {
+  if (Terminating_.load()) throw Exception("Reactor terminated");
+  const std::scoped_lock guard(Lock_);
+  for (int32_t i = 0; i < Threads_.GetCount(); ++i) {
+    if (static_cast<TReactorThread*>(Threads_.GetItems(i))->Offer(AReaction)) return;
+  }
+  auto thread = std::make_unique<TReactorThread>();
+  TReactorThread* const added = thread.get();
+  Threads_.Add(thread.release());
+  added->Offer(AReaction);
+}
+
+TReaction::TReaction(TReactor* AReactor, HANDLE AHandle) : Reactor_(AReactor), Handle_(AHandle) {
+  if (AReactor == nullptr) throw Exception("Reactor must be specified");
+  if (AHandle == nullptr) throw Exception("Handle must be specified");
+  Call_.Data = this;
+}
+
+TReaction::~TReaction() { Retire(); }
+
+bool TReaction::GetActive() const noexcept {
+  const TReactionState status = GetStatus();
+  return status == rsActivated || status == rsDeactivating;
+}
+
+void TReaction::SetActive(bool Value) {
+  if (Value) {
+    if (!StatusCompareExchange(rsActivating, rsNone)) return;
+    InSet_.Begin();
+    try {
+      // A request that was cancelled may still be on its way; the call is free once it has arrived.
+      Call_.CancelQuietly();
+      Call_.WaitForFinishedQuietly();
+      Reactor_->RegisterReaction(*this);
+    } catch (...) {
+      StatusCompareExchange(rsNone, rsActivating);
+      InSet_.Finish();
+      throw;
+    }
+  } else if (StatusCompareExchange(rsDeactivating, rsActivating)) {
+    Call_.CancelQuietly();
+    StatusExchange(rsNone);
+    InSet_.Finish();
+  } else if (StatusCompareExchange(rsDeactivating, rsActivated)) {
+    RequestRemoval();
+  }
+}
+
+void TReaction::RequestRemoval() {
+  TReactorThread* const thread = Thread_.load();
+  if (thread == nullptr) {  // taken out already, since its mutex was abandoned or its thread has ended
+    StatusCompareExchange(rsNone, rsDeactivating);
+    return;
+  }
+  Call_.CancelQuietly();
+  Call_.WaitForFinishedQuietly();
+  thread->RequestRemoval(*this);
+}
+
+// A destructor can't give up: without the removal, the thread would go on waiting on the handle.
+void TReaction::RequestRemovalQuietly() noexcept {
+  for (;;) {
+    try {
+      RequestRemoval();
+      return;
+    } catch (...) {
+      TraceException("[TReaction.Destroy] removal failed, trying again");
+      ::SleepEx(10, FALSE);
+    }
+  }
+}
+
+void TReaction::RunEx() {
+  if (GetStatus() == rsActivated) Run();
+}
+
+void TReaction::Deactivated() noexcept {
+  TReactorThread* const thread = Thread_.exchange(nullptr);
+  StatusCompareExchange(rsNone, rsDeactivating);
+  if (thread == nullptr || !thread->Defer(*this)) InSet_.Finish();
+}
+
+void TReaction::Retire() noexcept {
+  switch (StatusExchange(rsDestroyed)) {
+    case rsActivating:
+      Call_.CancelQuietly();
+      InSet_.Finish();
+      break;
+    case rsActivated:
+      RequestRemovalQuietly();
+      break;
+    case rsDestroyed:
+      return;
+    case rsNone:
+    case rsDeactivating:
+      break;
+  }
+  TReactorThread::ForgetRunning(*this);
+  InSet_.WaitQuietly(nullptr);
+}
+
+struct TEventReaction::TLink : TCallbackLink<TEventReaction> {
+  using TCallbackLink::TCallbackLink;
+};
+
+TEventReaction::TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThreadHandle, const TReactionEvent& OnEvent)
+    : TReaction(AReactor, AHandle), OnEvent_(OnEvent), ThreadHandle_(AThreadHandle) {
+  if (!OnEvent) throw Exception("Event must be specified");
+  if (AThreadHandle != nullptr) Link_ = std::make_shared<TLink>(this);
+}
+
+TEventReaction::~TEventReaction() {
+  Retire();
+  if (Link_ != nullptr) Link_->Cut();
+}
+
+void TEventReaction::Run() {
+  if (ThreadHandle_ == nullptr) {
+    OnEvent_(this);
+    return;
+  }
+  auto link = std::make_unique<std::shared_ptr<TLink>>(Link_);
+  if (TraceAndQueueUserAPC(&TEventReaction::RunOnThread, ThreadHandle_, reinterpret_cast<ULONG_PTR>(link.get())) == 0) {
+    RaiseLastOSError();
+  }
+  link.release();  // the APC's now
+}
+
+void CALLBACK TEventReaction::RunOnThread(ULONG_PTR Data) {
+  const std::unique_ptr<std::shared_ptr<TLink>> link(reinterpret_cast<std::shared_ptr<TLink>*>(Data));
+  (*link)->Call([](TEventReaction& Reaction) { Reaction.OnEvent_(&Reaction); });
+}
+
+void modules::FinalizeReactor() noexcept { SingletonDestroy(ReactorSlot); }
+
+}  // namespace velox

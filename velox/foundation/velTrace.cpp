@@ -1,0 +1,316 @@
+#include "velox/foundation/velTrace.hpp"
+
+#include <memory>
+#include <mutex>
+
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velTraceHeap.hpp"
+#include "velox/runtime/velCallbackGuard.hpp"
+#include "velox/runtime/velDateTime.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velFormat.hpp"
+#include "velox/runtime/velModules.hpp"
+#include "velox/runtime/velSystemLibrary.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
+#include "velox/system/velModuleInfo.hpp"
+
+namespace velox {
+
+std::atomic<bool> TerminateOnOutOfMemoryRequired{false};
+
+namespace {
+
+constexpr int64_t RotationSize = 0x6400000;  // bytes: 100 MiB
+
+TSingletonSlot TracerSlot;
+std::atomic<bool> OutOfMemoryHandled{false};
+
+using TGetAllUsersProfileDirectory = BOOL(WINAPI*)(LPSTR, LPDWORD);
+TSystemFunction<TGetAllUsersProfileDirectory> AllUsersProfileDirectory(
+    "userenv.dll", "GetAllUsersProfileDirectoryA");
+
+std::string WithDelimiter(std::string Path) {
+  if (!Path.empty() && Path.back() != '\\') Path += '\\';
+  return Path;
+}
+
+// "C:\dir\app.exe" gives "C:\dir\"; "app.exe" gives nothing.
+std::string FolderOf(const std::string& FileName) { return FileName.substr(0, FileName.find_last_of("\\/:") + 1); }
+
+// Empty when the system does not tell.
+std::string AllUsersFolder() {
+  char path[1024] = "";
+  DWORD size = sizeof path;
+  if (!AllUsersProfileDirectory || !AllUsersProfileDirectory(path, &size) || size < 2) return {};
+  return std::string(path, size - 1);
+}
+
+// What a line begins with: local time, thread.
+std::string LinePrefix(bool WithThreadId) {
+  SYSTEMTIME now;
+  ::GetLocalTime(&now);
+  std::string prefix = FormatTimeStamp(now) + " ";
+  if (WithThreadId) prefix += Format("  [%08lX]  ", ::GetCurrentThreadId());
+  return prefix;
+}
+
+THandle OpenForAppending(const std::string& FileName, DWORD Disposition) noexcept {
+  return THandle(::CreateFileA(FileName.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, Disposition,
+                               FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
+bool IsFull(const THandle& File) noexcept {
+  LARGE_INTEGER size;
+  return ::GetFileSizeEx(File.Get(), &size) && size.QuadPart >= RotationSize;
+}
+
+void Rotate(const std::string& FileName) noexcept {
+  const std::string old = FileName + ".1";
+  ::DeleteFileA(old.c_str());
+  ::MoveFileA(FileName.c_str(), old.c_str());
+}
+
+void WriteAll(const THandle& File, const std::string& Text) noexcept {
+  DWORD written;
+  if (File) ::WriteFile(File.Get(), Text.data(), static_cast<DWORD>(Text.size()), &written, nullptr);
+}
+
+std::string Banner(const std::string& Prefix) {
+  std::string text;
+  const TModuleInfo& module = *TModuleInfo::GetInstance();
+  if (module.GetVersionInfo() != nullptr) text = Prefix + "Module version: " + module.ModuleVersion() + "\r\n";
+  const TDateTime started = TProcessInfo::GetInstance()->GetCreationTime();
+  return text + Prefix + "Module started: " + FormatTimeStamp(started) + " \r\n";
+}
+
+// Empty when the process can't be described now: the record is written all the same, and the next one tries again.
+std::string TryBanner(const std::string& Prefix) {
+  try {
+    return Banner(Prefix);
+  } catch (...) {
+    return {};
+  }
+}
+
+// "TEXT: MESSAGE. CLASS at ADDRESS"
+std::string ExceptionText(const std::string& Text, const TExceptionDescription& Raised) {
+  std::string message;
+  if (Raised.HasMessage) {
+    const bool separate = Text.empty() || (Text.back() != '\r' && Text.back() != '\n');
+    message = (separate ? ": " : "") + Raised.Message;
+  }
+  return Text + message + ". " + Raised.ClassName +
+         Format(" at %08llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Raised.Address)));
+}
+
+void TraceHeapStatus(TTracer& Tracer) {
+  const THeapStatus status = GetHeapStatus();
+  const struct {
+    const char* Label;
+    uint64_t Value;
+  } lines[] = {{"TotalAddrSpace = ", status.TotalAddrSpace},
+               {"TotalUncommitted = ", status.TotalUncommitted},
+               {"TotalCommitted = ", status.TotalCommitted},
+               {"TotalAllocated = ", status.TotalAllocated},
+               {"TotalFree = ", status.TotalFree},
+               {"FreeSmall = ", status.FreeSmall},
+               {"FreeBig = ", status.FreeBig},
+               {"Unused = ", status.Unused},
+               {"Overhead = ", status.Overhead},
+               {"HeapErrorCode = ", status.HeapErrorCode}};
+  for (const auto& line : lines) {
+    Tracer.Trace(Format("%s%llu", line.Label, static_cast<unsigned long long>(line.Value)), ttError);
+  }
+}
+
+// Once a process: tells the state of the heaps, and ends the process if that is wanted.
+void HandleOutOfMemory(TTracer& Tracer) {
+  if (OutOfMemoryHandled.exchange(true)) return;
+  TraceHeapStatus(Tracer);
+  if (!TerminateOnOutOfMemoryRequired) return;
+  Tracer.Trace("Application terminated due to out of memory", ttError);
+  ::TerminateProcess(::GetCurrentProcess(), 1);
+}
+
+struct TUserAPC {
+  uint32_t Number;
+  PAPCFUNC Routine;
+  HANDLE Thread;
+  ULONG_PTR Data;
+};
+
+std::atomic<uint32_t> UserAPCCount{0};
+
+void RunUserAPC(const TUserAPC& Call) {
+  try {
+    Call.Routine(Call.Data);
+  } catch (...) {
+    TraceException(Format("Error  : APC = %p, hThread = %.8llx, dwData = %.8llx", reinterpret_cast<void*>(Call.Routine),
+                          static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Thread)),
+                          static_cast<unsigned long long>(Call.Data)));
+    throw;
+  }
+}
+
+void CALLBACK UserAPCEntry(ULONG_PTR Call) {
+  const std::unique_ptr<TUserAPC> call(reinterpret_cast<TUserAPC*>(Call));
+  GuardCallback([&call] { RunUserAPC(*call); });
+}
+
+void TraceThreadException(const std::string& ThreadName) noexcept {
+  try {
+    TraceException("Thread \"" + ThreadName + "\" ended by an exception");
+  } catch (...) {
+    TraceException("Thread ended by an exception");
+  }
+}
+
+}  // namespace
+
+TTracer* TTracer::GetInstance() { return SingletonInstance<TTracer>(TracerSlot); }
+
+TObject* TTracer::SingletonConstruction() { return new TTracer; }
+
+TTracer::TTracer() { InitializeFileName(); }
+
+void TTracer::SetProgramDataSubdir(const std::string& Subdir) {
+  const std::scoped_lock guard(Lock_);
+  if (Subdir == ProgramDataSubdir_) return;
+  ProgramDataSubdir_ = Subdir;
+  InitializeFileName();
+}
+
+std::string TTracer::GetProgramDataSubdir() const {
+  const std::scoped_lock guard(Lock_);
+  return ProgramDataSubdir_;
+}
+
+std::string TTracer::GetFileName() const {
+  const std::scoped_lock guard(Lock_);
+  return FileName_;
+}
+
+void TTracer::InitializeFileName() {
+  const std::scoped_lock guard(Lock_);
+  const std::string program = TModuleInfo::GetInstance()->GetFileName();
+  const std::string allUsers = ProgramDataSubdir_.empty() ? std::string() : AllUsersFolder();
+  std::string logFolder;
+  if (allUsers.empty()) {
+    BaseFolder_ = FolderOf(program);
+  } else {
+    BaseFolder_ = WithDelimiter(WithDelimiter(allUsers) + ProgramDataSubdir_);
+    logFolder = "Logs";
+  }
+  FileName_ = WithDelimiter(BaseFolder_ + logFolder) + ExtractFileNameWithoutExt(program) + ".log";
+}
+
+bool TTracer::OpenFile(THandle& F) {
+  const std::scoped_lock guard(Lock_);
+  // The usual case first: the folder need not be looked for when the file is there.
+  F = OpenForAppending(FileName_, OPEN_EXISTING);
+  if (F && !IsFull(F)) return true;
+  if (F) {
+    F.Reset();
+    Rotate(FileName_);
+  }
+  const bool folderExists = EnsurePathExists(FolderOf(FileName_));
+  // CREATE_NEW: a full file that could not be renamed stays as it is, and the record is lost.
+  F = OpenForAppending(FileName_, CREATE_NEW);
+  return folderExists;
+}
+
+void TTracer::Trace(const std::string& Text, TTraceType AType) noexcept {
+  if (AType != ttDebug && AType != ttError) return;
+  const DWORD lastError = ::GetLastError();
+  try {
+    const std::scoped_lock guard(Lock_);
+    WriteRecord(Text);
+  } catch (...) {
+    // The log is the last resort: there is nobody left to tell.
+  }
+  ::SetLastError(lastError);
+}
+
+void TTracer::WriteRecord(const std::string& Text) {
+  const std::string prefix = LinePrefix(WithThreadId_);
+  THandle file;
+  OpenFile(file);
+  if (!file) return;
+  const std::string banner = BannerPending_ ? TryBanner(prefix) : std::string();
+  if (!banner.empty()) BannerPending_ = false;
+  WriteAll(file, banner + prefix + Text + "\r\n");
+}
+
+void TTracer::TraceException(const std::string& Text) noexcept {
+  try {
+    const TExceptionDescription raised = DescribeCurrentException();
+    Trace(ExceptionText(Text, raised), ttError);
+    if (raised.ClassName == "EOutOfMemory") HandleOutOfMemory(*this);
+  } catch (...) {
+    // As in Trace.
+  }
+}
+
+void TTracer::TraceOSError(const std::string& Text, uint32_t ErrorCode) noexcept {
+  try {
+    Trace(Text + " - " + SystemErrorMessage(ErrorCode), ttError);
+  } catch (...) {
+    // As in Trace.
+  }
+}
+
+void Trace(const std::string& Text, TTraceType AType) noexcept {
+  try {
+    TTracer::GetInstance()->Trace(Text, AType);
+  } catch (...) {
+    // The log could not even be made.
+  }
+}
+
+void TraceException(const std::string& Text) noexcept {
+  try {
+    TTracer::GetInstance()->TraceException(Text);
+  } catch (...) {
+    // As in Trace.
+  }
+}
+
+void TraceOSError(const char* Text) noexcept {
+  const DWORD error = ::GetLastError();
+  try {
+    TTracer::GetInstance()->TraceOSError(Text, error);
+  } catch (...) {
+    // As in Trace.
+  }
+}
+
+void TraceOSError(const std::string& Text) noexcept { TraceOSError(Text.c_str()); }
+
+void TraceThread(const std::string& Text) noexcept {
+  try {
+    const std::string program = TModuleInfo::GetInstance()->GetFileName();
+    const std::string name = FolderOf(program) + ExtractFileNameWithoutExt(program) +
+                             Format("%08lX.log", ::GetCurrentThreadId());
+    WriteAll(OpenForAppending(name, OPEN_ALWAYS), LinePrefix(true) + Text + "\r\n");
+  } catch (...) {
+    // As in Trace.
+  }
+}
+
+DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {
+  std::unique_ptr<TUserAPC> call(new TUserAPC{++UserAPCCount, APC, Thread, Data});
+  const DWORD result = ::QueueUserAPC(&UserAPCEntry, Thread, reinterpret_cast<ULONG_PTR>(call.get()));
+  if (result != 0) call.release();  // the APC's now
+  return result;
+}
+
+void modules::InitializeTrace() { SetThreadExceptionHook(&TraceThreadException); }
+
+void modules::FinalizeTrace() noexcept {
+  SetThreadExceptionHook(nullptr);
+  SingletonDestroy(TracerSlot);
+}
+
+}  // namespace velox

@@ -1,0 +1,50 @@
+#include "velox/foundation/velTraceHeap.hpp"
+
+#include <algorithm>
+
+#include "velox/runtime/velWindows.hpp"
+
+namespace velox {
+namespace {
+
+constexpr DWORD SmallBlock = 4096;  // bytes
+constexpr DWORD MostHeaps = 256;
+
+void AddEntry(const PROCESS_HEAP_ENTRY& Entry, THeapStatus& Status) noexcept {
+  if (Entry.wFlags & PROCESS_HEAP_REGION) {
+    Status.TotalCommitted += Entry.Region.dwCommittedSize;
+    Status.TotalUncommitted += Entry.Region.dwUnCommittedSize;
+  } else if (Entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) {
+    Status.TotalAllocated += Entry.cbData;
+    Status.Overhead += Entry.cbOverhead;
+  } else if (!(Entry.wFlags & PROCESS_HEAP_UNCOMMITTED_RANGE)) {
+    (Entry.cbData < SmallBlock ? Status.FreeSmall : Status.FreeBig) += Entry.cbData;
+  }
+}
+
+void AddHeap(HANDLE Heap, THeapStatus& Status) noexcept {
+  if (!::HeapValidate(Heap, 0, nullptr)) {
+    ++Status.HeapErrorCode;
+    return;
+  }
+  if (!::HeapLock(Heap)) return;
+  PROCESS_HEAP_ENTRY entry{};
+  while (::HeapWalk(Heap, &entry)) AddEntry(entry, Status);
+  ::HeapUnlock(Heap);
+}
+
+}  // namespace
+
+THeapStatus GetHeapStatus() noexcept {
+  THeapStatus status;
+  HANDLE heaps[MostHeaps];
+  const DWORD count = std::min(::GetProcessHeaps(MostHeaps, heaps), MostHeaps);
+  for (DWORD i = 0; i < count; ++i) AddHeap(heaps[i], status);
+  status.TotalAddrSpace = status.TotalCommitted + status.TotalUncommitted;
+  status.TotalFree = status.FreeSmall + status.FreeBig;
+  const uint64_t known = status.TotalAllocated + status.TotalFree + status.Overhead;
+  status.Unused = status.TotalCommitted - std::min(status.TotalCommitted, known);
+  return status;
+}
+
+}  // namespace velox
