@@ -14,31 +14,37 @@ namespace {
 using namespace velox;
 
 /// A thread to be seen in the list.
-void Work(void* Stop) { WaitForSingleObjectAlertable(*static_cast<HANDLE*>(Stop), "velinfo worker"); }
+void Work(void* Stop) {
+  WaitForSingleObjectAlertable(*static_cast<HANDLE*>(Stop), "velinfo worker");
+}
 
 double Milliseconds(int64_t Units) { return static_cast<double>(Units) / 10'000; }
 
 void PrintProcess() {
   const TProcessInfo process(::GetCurrentProcessId());
   std::printf("Process %lu, started %s, kernel %.1f ms, user %.1f ms\n", process.GetProcessId(),
-              FormatTimeStamp(process.GetCreationTime()).c_str(), Milliseconds(process.GetKernelTime()),
-              Milliseconds(process.GetUserTime()));
-  std::printf("  %-8s %-20s %8s  %-23s %11s %9s\n", "thread", "name", "priority", "started", "kernel, ms", "user, ms");
+              FormatTimeStamp(process.GetCreationTime()).c_str(),
+              Milliseconds(process.GetKernelTime()), Milliseconds(process.GetUserTime()));
+  std::printf("  %-8s %-20s %8s  %-23s %11s %9s\n", "thread", "name", "priority", "started",
+              "kernel, ms", "user, ms");
   for (int32_t i = 0; i < process.GetThreadInfoCount(); ++i) {
     const TThreadInfo& thread = process.GetThreadInfo(i);
-    std::printf("  %-8lu %-20s %8d  %-23s %11.1f %9.1f\n", thread.GetThreadId(), thread.GetName().c_str(),
-                thread.GetPriority(), FormatTimeStamp(thread.GetCreationTime()).c_str(),
+    std::printf("  %-8lu %-20s %8d  %-23s %11.1f %9.1f\n", thread.GetThreadId(),
+                thread.GetName().c_str(), thread.GetPriority(),
+                FormatTimeStamp(thread.GetCreationTime()).c_str(),
                 Milliseconds(thread.GetKernelTime()), Milliseconds(thread.GetUserTime()));
   }
 }
 
 std::string FullVersion(const TFileVersion& Version) {
-  return TModuleVersionInfo::VersionToString(Version, TFileVersionReleaseConversionOption::fvrcoInclude,
+  return TModuleVersionInfo::VersionToString(Version,
+                                             TFileVersionReleaseConversionOption::fvrcoInclude,
                                              TFileVersionBuildConversionOption::fvbcoInclude);
 }
 
 std::string FlagNames(TVersionInfoFileFlags Flags) {
-  constexpr const char* Names[] = {"debug", "patched", "prerelease", "private build", "special build"};
+  constexpr const char* Names[] = {"debug", "patched", "prerelease", "private build",
+                                   "special build"};
   std::string text;
   for (uint8_t i = 0; i < 5; ++i) {
     if (!Flags.Contains(static_cast<TVersionInfoFileFlag>(i))) continue;
@@ -49,13 +55,21 @@ std::string FlagNames(TVersionInfoFileFlags Flags) {
 }
 
 void PrintVersion(const TModuleVersionInfo& Info) {
-  constexpr const char* Systems[] = {"unknown", "DOS",           "NT",            "16-bit Windows", "32-bit Windows",
-                                     "DOS",     "DOS, Windows", "NT, 32-bit Windows"};
-  constexpr const char* Types[] = {"unknown", "application", "library", "driver", "font", "VxD", "static library"};
+  constexpr const char* Systems[] = {"unknown",
+                                     "DOS",
+                                     "NT",
+                                     "16-bit Windows",
+                                     "32-bit Windows",
+                                     "DOS, 16-bit Windows",
+                                     "DOS, 32-bit Windows",
+                                     "NT, 32-bit Windows"};
+  constexpr const char* Types[] = {"unknown", "application", "library",       "driver",
+                                   "font",    "VxD",         "static library"};
   std::printf("  file version %s, product version %s\n", FullVersion(Info.GetFileVersion()).c_str(),
               FullVersion(Info.GetProductVersion()).c_str());
   std::printf("  type: %s; system: %s; flags: %s\n", Types[static_cast<size_t>(Info.GetFileType())],
-              Systems[static_cast<size_t>(Info.GetFileOS())], FlagNames(Info.GetFileFlags()).c_str());
+              Systems[static_cast<size_t>(Info.GetFileOS())],
+              FlagNames(Info.GetFileFlags()).c_str());
   for (int32_t i = 0; i < Info.GetStringTableCount(); ++i) {
     const TVersionInfoStringTable& table = Info.GetStringTable(i);
     std::printf("  language %04x, code page %u\n", table.GetLanguage(), table.GetCodePage());
@@ -80,8 +94,10 @@ int Run(int Count, char** Arguments) {
   if (Count > 2) throw Exception("usage: velinfo [FILE]");
   if (Count == 2) {
     const DWORD attributes = ::GetFileAttributesA(Arguments[1]);
-    if (attributes == INVALID_FILE_ATTRIBUTES) throw Exception(std::string("no such file: ") + Arguments[1]);
-    if (attributes & FILE_ATTRIBUTE_DIRECTORY) throw Exception(std::string("not a file: ") + Arguments[1]);
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+      throw Exception(std::string("no such file: ") + Arguments[1]);
+    if (attributes & FILE_ATTRIBUTE_DIRECTORY)
+      throw Exception(std::string("not a file: ") + Arguments[1]);
   }
 
   TThreadFactory* factory = TThreadFactory::GetInstance();

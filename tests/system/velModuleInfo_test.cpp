@@ -13,7 +13,8 @@ using enum TVersionInfoStringNameId;
 
 constexpr TDateTime Minute = 1.0 / 1440;
 
-// ---------------------------------------------------------------------------------------------- version resources
+// ----------------------------------------------------------------------------------------------
+// version resources
 
 TEST(ModuleVersion, IsWrittenAsTheOptionsSay) {
   using enum TFileVersionReleaseConversionOption;
@@ -32,10 +33,14 @@ TEST(ModuleVersion, IsWrittenAsTheOptionsSay) {
       {{2, 5, 0, 0}, fvrcoIncludeIfNotZero, fvbcoIncludeIfNotZero, "2.5"},
       {{2, 5, 0, 0}, fvrcoDoNotInclude, fvbcoIncludeIfNotZeroAsBuildString, "2.5"},
       {{2, 5, 0, 0}, fvrcoDoNotInclude, fvbcoIncludeAsBuildString, "2.5 (Build 0)"},
-      {{65535, 0, 1, 65535}, fvrcoIncludeIfNotZero, fvbcoIncludeIfNotZeroAsBuildString, "65535.0.1 (Build 65535)"},
+      {{65535, 0, 1, 65535},
+       fvrcoIncludeIfNotZero,
+       fvbcoIncludeIfNotZeroAsBuildString,
+       "65535.0.1 (Build 65535)"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(TModuleVersionInfo::VersionToString(c.Version, c.ReleaseOption, c.BuildOption), c.Expected);
+    EXPECT_EQ(TModuleVersionInfo::VersionToString(c.Version, c.ReleaseOption, c.BuildOption),
+              c.Expected);
   }
 }
 
@@ -66,7 +71,8 @@ TEST(ModuleInfo, DecodesTheProgramsResource) {
   EXPECT_EQ(info->GetProductVersion().Release, 7);
   using enum TVersionInfoFileFlag;
   // Bits 2, 8, 16 (no flag of ours) and 32.
-  EXPECT_EQ(info->GetFileFlags(), TVersionInfoFileFlags({viffPrerelease, viffPrivateBuild, viffSpecialBuild}));
+  EXPECT_EQ(info->GetFileFlags(),
+            TVersionInfoFileFlags({viffPrerelease, viffPrivateBuild, viffSpecialBuild}));
   EXPECT_EQ(info->GetFileOS(), TVersionInfoFileOS::vifoNTWin32);
   EXPECT_EQ(info->GetFileType(), TVersionInfoFileType::viftApplication);
 }
@@ -78,15 +84,18 @@ TEST(ModuleInfo, HasAStringTableForEachTranslation) {
   EXPECT_EQ(english.GetLanguage(), 0x0409);
   EXPECT_EQ(english.GetCodePage(), 1252);
   const char* expected[VersionInfoStringNameCount] = {
-      "for the tests", "Velox",           "Tests of Velox", "3.1.2 beta",    "velox_tests", "none",
-      "none either",   "velox_tests.exe", "private",        "Velox library", "65535.0",     "special"};
+      "for the tests", "Velox",         "Tests of Velox", "3.1.2 beta",
+      "velox_tests",   "none",          "none either",    "velox_tests.exe",
+      "private",       "Velox library", "65535.0",        "special"};
   for (int32_t i = 0; i < VersionInfoStringNameCount; ++i) {
     EXPECT_EQ(english.GetStringValues(static_cast<TVersionInfoStringNameId>(i)), expected[i]) << i;
   }
   const TVersionInfoStringTable& german = info.GetStringTable(1);
   EXPECT_EQ(german.GetLanguage(), 0x0407);
   EXPECT_EQ(german.GetCodePage(), 1200);
-  EXPECT_EQ(german.GetStringValues(visnFileDescription), "Pr\xFC" "fungen");
+  EXPECT_EQ(german.GetStringValues(visnFileDescription),
+            "Pr\xFC"
+            "fungen");
   EXPECT_EQ(german.GetStringValues(visnProductName), "");
   EXPECT_EQ(german.GetStringValues(visnComments), "");
   // Listed, but there is no such table.
@@ -121,7 +130,8 @@ TEST(ModuleInfo, NamesTheFileOfALoadedModule) {
   EXPECT_EQ(module.GetVersionInfo()->GetFileType(), TVersionInfoFileType::viftDll);
 }
 
-// --------------------------------------------------------------------------------------------- processes and threads
+// ---------------------------------------------------------------------------------------------
+// processes and threads
 
 const TThreadInfo* FindThread(const TProcessInfo& Process, DWORD Id) {
   for (int32_t i = 0; i < Process.GetThreadInfoCount(); ++i) {
@@ -189,14 +199,16 @@ TEST(ProcessInfo, TimesAreTheSystems) {
   EXPECT_EQ(process.GetCreationTime(), SystemTimeToDateTime(time));
   EXPECT_LE(process.GetCreationTime(), Now());
 
-  // Work until the system has counted some; the refreshed object shows it, the same counter is not shown twice.
+  // Work until the system has counted some; the refreshed object shows it, the same counter is not
+  // shown twice.
   const int64_t before = process.GetUserTime() + process.GetKernelTime();
   EXPECT_TRUE(test::WaitUntil([&] {
     process.Refresh();
     return process.GetUserTime() + process.GetKernelTime() > before;
   }));
   ASSERT_TRUE(::GetProcessTimes(::GetCurrentProcess(), &creation, &exit, &kernel, &user));
-  EXPECT_LE(process.GetUserTime(), static_cast<int64_t>(uint64_t{user.dwHighDateTime} << 32 | user.dwLowDateTime));
+  EXPECT_LE(process.GetUserTime(),
+            static_cast<int64_t>(uint64_t{user.dwHighDateTime} << 32 | user.dwLowDateTime));
   EXPECT_LE(process.GetKernelTime(),
             static_cast<int64_t>(uint64_t{kernel.dwHighDateTime} << 32 | kernel.dwLowDateTime));
   EXPECT_EQ(TProcessInfo::GetInstance(), TProcessInfo::GetInstance());

@@ -9,9 +9,10 @@ namespace velox {
 /// A set over an enumeration whose values are 0 to 31.
 ///
 ///     TVersionInfoFileFlags flags{TVersionInfoFileFlag::viffDebug};
-///     if (flags.Contains(TVersionInfoFileFlag::viffDebug)) flags.Exclude(TVersionInfoFileFlag::viffDebug);
+///     if (flags.Contains(TVersionInfoFileFlag::viffDebug))
+///     flags.Exclude(TVersionInfoFileFlag::viffDebug);
 template <class E>
-  requires std::is_enum_v<E>
+requires std::is_enum_v<E>
 class TFlagSet {
  public:
   constexpr TFlagSet() noexcept = default;
@@ -27,7 +28,9 @@ class TFlagSet {
   friend constexpr bool operator==(const TFlagSet&, const TFlagSet&) noexcept = default;
 
  private:
-  static constexpr uint32_t Bit(E Member) noexcept { return uint32_t{1} << static_cast<uint32_t>(Member); }
+  static constexpr uint32_t Bit(E Member) noexcept {
+    return uint32_t{1} << static_cast<uint32_t>(Member);
+  }
 
   uint32_t Bits_ = 0;
 };

@@ -17,17 +17,20 @@
 namespace velox {
 namespace {
 
-const TSystemFunction<decltype(&::GetFileVersionInfoSizeA)> GetVersionBlockSize("version.dll",
-                                                                                "GetFileVersionInfoSizeA");
-const TSystemFunction<decltype(&::GetFileVersionInfoA)> GetVersionBlock("version.dll", "GetFileVersionInfoA");
-const TSystemFunction<decltype(&::VerQueryValueA)> QueryVersionValue("version.dll", "VerQueryValueA");
+const TSystemFunction<decltype(&::GetFileVersionInfoSizeA)> GetVersionBlockSize(
+    "version.dll", "GetFileVersionInfoSizeA");
+const TSystemFunction<decltype(&::GetFileVersionInfoA)> GetVersionBlock("version.dll",
+                                                                        "GetFileVersionInfoA");
+const TSystemFunction<decltype(&::VerQueryValueA)> QueryVersionValue("version.dll",
+                                                                     "VerQueryValueA");
 
 TSingletonSlot ModuleInfoInstance;
 TSingletonSlot ProcessInfoInstance;
 
 constexpr const char* StringNames[VersionInfoStringNameCount] = {
-    "Comments",        "CompanyName",      "FileDescription", "FileVersion", "InternalName",   "LegalCopyright",
-    "LegalTrademarks", "OriginalFilename", "PrivateBuild",    "ProductName", "ProductVersion", "SpecialBuild"};
+    "Comments",     "CompanyName",    "FileDescription", "FileVersion",
+    "InternalName", "LegalCopyright", "LegalTrademarks", "OriginalFilename",
+    "PrivateBuild", "ProductName",    "ProductVersion",  "SpecialBuild"};
 
 // What a resource holds for each value of the enumeration (VS_FF_…, VOS_… and VFT_… in winver.h).
 constexpr uint32_t FlagBits[] = {0x01, 0x04, 0x02, 0x08, 0x20};
@@ -51,11 +54,13 @@ TVersionInfoFileFlags FlagsFromBits(uint32_t Bits) noexcept {
   return flags;
 }
 
-/// A value inside a version block: bytes for binary values, characters for strings. Empty when it is missing.
+/// A value inside a version block: bytes for binary values, characters for strings. Empty when it
+/// is missing.
 std::span<const char> FindValue(const void* Block, const char* Path) {
   void* value = nullptr;
   UINT size = 0;
-  if (!QueryVersionValue || !QueryVersionValue(Block, Path, &value, &size) || value == nullptr) return {};
+  if (!QueryVersionValue || !QueryVersionValue(Block, Path, &value, &size) || value == nullptr)
+    return {};
   return {static_cast<const char*>(value), size};
 }
 
@@ -70,7 +75,8 @@ int64_t ToInt64(const FILETIME& Time) noexcept {
 }
 
 /// Asks GetThreadTimes or GetProcessTimes.
-TTimings QueryTimings(BOOL(WINAPI* Query)(HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*), HANDLE Handle) {
+TTimings QueryTimings(BOOL(WINAPI* Query)(HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*),
+                      HANDLE Handle) {
   FILETIME creation, exit, kernel, user;
   if (!Query(Handle, &creation, &exit, &kernel, &user)) RaiseLastOSError();
   return {FileTimeToDateTime(creation), ToInt64(kernel), ToInt64(user)};
@@ -99,16 +105,19 @@ void modules::FinalizeModuleInfo() noexcept {
   SingletonDestroy(ModuleInfoInstance);
 }
 
-// ---------------------------------------------------------------------------------------------- version resources
+// ----------------------------------------------------------------------------------------------
+// version resources
 
 const char* VersionInfoStringName(TVersionInfoStringNameId Id) noexcept {
   return StringNames[static_cast<size_t>(Id)];
 }
 
-TVersionInfoStringTable::TVersionInfoStringTable(uint16_t Language, uint16_t CodePage, const void* Block)
+TVersionInfoStringTable::TVersionInfoStringTable(uint16_t Language, uint16_t CodePage,
+                                                 const void* Block)
     : Language_(Language), CodePage_(CodePage) {
   for (size_t i = 0; i < StringValues_.size(); ++i) {
-    const std::string path = Format("\\StringFileInfo\\%.4x%.4x\\%s", Language, CodePage, StringNames[i]);
+    const std::string path =
+        Format("\\StringFileInfo\\%.4x%.4x\\%s", Language, CodePage, StringNames[i]);
     const std::span<const char> value = FindValue(Block, path.c_str());
     StringValues_[i].assign(value.data(), ::strnlen(value.data(), value.size()));
   }
@@ -118,7 +127,8 @@ const std::string& TVersionInfoStringTable::GetStringValues(TVersionInfoStringNa
   return StringValues_.at(static_cast<size_t>(Id));
 }
 
-TModuleVersionInfo::TModuleVersionInfo(const void* Block) : StringTables_(TClass::Of<TVersionInfoStringTable>()) {
+TModuleVersionInfo::TModuleVersionInfo(const void* Block)
+    : StringTables_(TClass::Of<TVersionInfoStringTable>()) {
   VS_FIXEDFILEINFO root;
   const std::span<const char> value = FindValue(Block, "\\");
   if (value.size() < sizeof root) throw Exception(messages::seVersionRootMissing);
@@ -141,8 +151,8 @@ void TModuleVersionInfo::ReadStringTables(const void* Block) {
   std::span<const char> list = FindValue(Block, "\\VarFileInfo\\Translation");
   for (; list.size() >= sizeof translation; list = list.subspan(sizeof translation)) {
     std::memcpy(&translation, list.data(), sizeof translation);
-    AddOwned(StringTables_,
-             std::make_unique<TVersionInfoStringTable>(translation.Language, translation.CodePage, Block));
+    AddOwned(StringTables_, std::make_unique<TVersionInfoStringTable>(translation.Language,
+                                                                      translation.CodePage, Block));
   }
 }
 
@@ -150,7 +160,8 @@ const TVersionInfoStringTable& TModuleVersionInfo::GetStringTable(int32_t Index)
   return static_cast<const TVersionInfoStringTable&>(*StringTables_.GetItems(Index));
 }
 
-void TModuleVersionInfo::AssignFileVersion(uint32_t MS, uint32_t LS, TFileVersion& Version) noexcept {
+void TModuleVersionInfo::AssignFileVersion(uint32_t MS, uint32_t LS,
+                                           TFileVersion& Version) noexcept {
   Version = {HIWORD(MS), LOWORD(MS), HIWORD(LS), LOWORD(LS)};
 }
 
@@ -166,7 +177,8 @@ std::string TModuleVersionInfo::VersionToString(const TFileVersion& Version,
   using enum TFileVersionReleaseConversionOption;
   using enum TFileVersionBuildConversionOption;
   std::string text = Format("%d.%d", Version.Major, Version.Minor);
-  if (ReleaseOption == fvrcoInclude || (ReleaseOption == fvrcoIncludeIfNotZero && Version.Release > 0)) {
+  if (ReleaseOption == fvrcoInclude ||
+      (ReleaseOption == fvrcoIncludeIfNotZero && Version.Release > 0)) {
     text += Format(".%d", Version.Release);
   }
   const bool always = BuildOption == fvbcoInclude || BuildOption == fvbcoIncludeAsBuildString;
@@ -177,7 +189,8 @@ std::string TModuleVersionInfo::VersionToString(const TFileVersion& Version,
 }
 
 TModuleInfo::TModuleInfo(HMODULE Handle) : FileName_(32768, '\0') {
-  const DWORD length = ::GetModuleFileNameA(Handle, FileName_.data(), static_cast<DWORD>(FileName_.size()));
+  const DWORD length =
+      ::GetModuleFileNameA(Handle, FileName_.data(), static_cast<DWORD>(FileName_.size()));
   if (length == 0) RaiseLastOSError();
   FileName_.resize(length);
   FileName_.shrink_to_fit();
@@ -191,7 +204,9 @@ TModuleInfo::TModuleInfo(const std::string& FileName) : FileName_(FileName) {
 
 TModuleInfo::~TModuleInfo() = default;
 
-TModuleInfo* TModuleInfo::GetInstance() { return SingletonInstance<TModuleInfo>(ModuleInfoInstance); }
+TModuleInfo* TModuleInfo::GetInstance() {
+  return SingletonInstance<TModuleInfo>(ModuleInfoInstance);
+}
 TObject* TModuleInfo::SingletonConstruction() { return new TModuleInfo(HMODULE{nullptr}); }
 
 void TModuleInfo::RetrieveFileVersionInfo() {
@@ -210,9 +225,11 @@ std::string TModuleInfo::ModuleVersion() const {
       TFileVersionBuildConversionOption::fvbcoIncludeIfNotZeroAsBuildString);
 }
 
-// --------------------------------------------------------------------------------------------- processes and threads
+// ---------------------------------------------------------------------------------------------
+// processes and threads
 
-TThreadInfo::TThreadInfo(DWORD ThreadId) : ThreadId_(ThreadId), CallerThreadId_(::GetCurrentThreadId()) {
+TThreadInfo::TThreadInfo(DWORD ThreadId)
+    : ThreadId_(ThreadId), CallerThreadId_(::GetCurrentThreadId()) {
   RetrieveThreadHandle();
   Refresh();
 }
@@ -221,8 +238,8 @@ TThreadInfo::~TThreadInfo() = default;
 
 void TThreadInfo::RetrieveThreadHandle() {
   if (ThreadId_ == CallerThreadId_) return;
-  Opened_.Reset(
-      ::OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_QUERY_INFORMATION, FALSE, ThreadId_));
+  Opened_.Reset(::OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_QUERY_INFORMATION,
+                             FALSE, ThreadId_));
   if (!Opened_) RaiseLastOSError();
 }
 
@@ -240,7 +257,9 @@ void TThreadInfo::RetrieveThreadTimings() {
 }
 
 TProcessInfo::TProcessInfo(DWORD ProcessId)
-    : ProcessId_(ProcessId), CallerProcessId_(::GetCurrentProcessId()), Threads_(TClass::Of<TThreadInfo>()) {
+    : ProcessId_(ProcessId),
+      CallerProcessId_(::GetCurrentProcessId()),
+      Threads_(TClass::Of<TThreadInfo>()) {
   Threads_.SetSharedObjects(false);
   RetrieveProcessHandle();
   Refresh();
@@ -248,7 +267,9 @@ TProcessInfo::TProcessInfo(DWORD ProcessId)
 
 TProcessInfo::~TProcessInfo() = default;
 
-TProcessInfo* TProcessInfo::GetInstance() { return SingletonInstance<TProcessInfo>(ProcessInfoInstance); }
+TProcessInfo* TProcessInfo::GetInstance() {
+  return SingletonInstance<TProcessInfo>(ProcessInfoInstance);
+}
 TObject* TProcessInfo::SingletonConstruction() { return new TProcessInfo(::GetCurrentProcessId()); }
 
 void TProcessInfo::RetrieveProcessHandle() {

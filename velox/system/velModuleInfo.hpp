@@ -13,16 +13,19 @@
 #include "velox/runtime/velObject.hpp"
 #include "velox/runtime/velWindows.hpp"
 
-/// What the system tells of processes with their threads, and of module files with their version resources.
+/// What the system tells of processes with their threads, and of module files with their version
+/// resources.
 ///
 ///     const TProcessInfo process(::GetCurrentProcessId());
-///     for (int32_t i = 0; i < process.GetThreadInfoCount(); ++i) Print(process.GetThreadInfo(i).GetName());
+///     for (int32_t i = 0; i < process.GetThreadInfoCount(); ++i)
+///     Print(process.GetThreadInfo(i).GetName());
 ///     Print(TModuleInfo::GetInstance()->ModuleVersion());
 ///
 /// Threads: an object that is not being refreshed may be read by any thread.
 namespace velox {
 
-// ---------------------------------------------------------------------------------------------- version resources
+// ----------------------------------------------------------------------------------------------
+// version resources
 
 /// A version as version resources keep it: 1.2.3.4.
 struct TFileVersion {
@@ -33,7 +36,11 @@ struct TFileVersion {
 };
 
 /// Whether VersionToString writes the release number.
-enum class TFileVersionReleaseConversionOption : uint8_t { fvrcoDoNotInclude, fvrcoIncludeIfNotZero, fvrcoInclude };
+enum class TFileVersionReleaseConversionOption : uint8_t {
+  fvrcoDoNotInclude,
+  fvrcoIncludeIfNotZero,
+  fvrcoInclude
+};
 
 /// Whether and how VersionToString writes the build number: as one more number, or as " (Build N)".
 enum class TFileVersionBuildConversionOption : uint8_t {
@@ -98,13 +105,14 @@ enum class TVersionInfoFileType : uint8_t {
 /// The strings of one language of a version resource.
 class VELOX_API TVersionInfoStringTable : public TObject {
  public:
-  /// Reads the strings of a language and code page from a block (see TModuleVersionInfo). One that is missing there is
-  /// empty here.
+  /// Reads the strings of a language and code page from a block (see TModuleVersionInfo). One that
+  /// is missing there is empty here.
   TVersionInfoStringTable(uint16_t Language, uint16_t CodePage, const void* Block);
 
   /// The system's language identifier, such as 0x0409 for English (United States).
   uint16_t GetLanguage() const noexcept { return Language_; }
-  /// The code page in which the file keeps the strings, such as 1200 for UTF-16. Here they are in the system's.
+  /// The code page in which the file keeps the strings, such as 1200 for UTF-16. Here they are in
+  /// the system's.
   uint16_t GetCodePage() const noexcept { return CodePage_; }
   const std::string& GetStringValues(TVersionInfoStringNameId Id) const;
 
@@ -117,8 +125,8 @@ class VELOX_API TVersionInfoStringTable : public TObject {
 /// A decoded version resource.
 class VELOX_API TModuleVersionInfo : public TObject {
  public:
-  /// Decodes a block as GetFileVersionInfoA fills it; the block is not needed afterwards. Raises Exception "Root block
-  /// of version resource does not exist".
+  /// Decodes a block as GetFileVersionInfoA fills it; the block is not needed afterwards. Raises
+  /// Exception "Root block of version resource does not exist".
   explicit TModuleVersionInfo(const void* Block);
   ~TModuleVersionInfo() override;
 
@@ -129,20 +137,22 @@ class VELOX_API TModuleVersionInfo : public TObject {
   TVersionInfoFileOS GetFileOS() const noexcept { return FileOS_; }
   TVersionInfoFileType GetFileType() const noexcept { return FileType_; }
 
-  /// The string tables, in the order of the resource's list of translations. Raises Exception "Invalid index".
+  /// The string tables, in the order of the resource's list of translations. Raises Exception
+  /// "Invalid index".
   int32_t GetStringTableCount() const noexcept { return StringTables_.GetCount(); }
   const TVersionInfoStringTable& GetStringTable(int32_t Index) const;
 
   /// A version from the two halves in which a resource keeps it.
   static void AssignFileVersion(uint32_t MS, uint32_t LS, TFileVersion& Version) noexcept;
 
-  /// Negative, 0 or positive as A is older than, the same as or newer than B: the difference of the first number that
-  /// differs. The build number does not count.
+  /// Negative, 0 or positive as A is older than, the same as or newer than B: the difference of the
+  /// first number that differs. The build number does not count.
   static int32_t CompareVersions(const TFileVersion& A, const TFileVersion& B) noexcept;
 
-  /// "1.2" and, as the options say, ".3" and ".4" or " (Build 4)". Each option counts by itself: without the release,
-  /// the build follows the minor number.
-  static std::string VersionToString(const TFileVersion& Version, TFileVersionReleaseConversionOption ReleaseOption,
+  /// "1.2" and, as the options say, ".3" and ".4" or " (Build 4)". Each option counts by itself:
+  /// without the release, the build follows the minor number.
+  static std::string VersionToString(const TFileVersion& Version,
+                                     TFileVersionReleaseConversionOption ReleaseOption,
                                      TFileVersionBuildConversionOption BuildOption);
 
  private:
@@ -159,10 +169,11 @@ class VELOX_API TModuleVersionInfo : public TObject {
 /// A program or library file and its version resource, which is read once, by the constructor.
 class VELOX_API TModuleInfo : public TObject {
  public:
-  /// The file of a module that this process has loaded; null is the program itself. Raises EOSError.
+  /// The file of a module that this process has loaded; null is the program itself. Raises
+  /// EOSError.
   explicit TModuleInfo(HMODULE Handle);
-  /// Any file. Raises EAssertionFailed for an empty name. A file that is not there or has no version resource is no
-  /// error: it has no version information.
+  /// Any file. Raises EAssertionFailed for an empty name. A file that is not there or has no
+  /// version resource is no error: it has no version information.
   explicit TModuleInfo(const std::string& FileName);
   ~TModuleInfo() override;
 
@@ -174,8 +185,8 @@ class VELOX_API TModuleInfo : public TObject {
   /// Null when the file has no version resource. Owned by this object.
   const TModuleVersionInfo* GetVersionInfo() const noexcept { return VersionInfo_.get(); }
 
-  /// The file's version such as "3.1.2 (Build 42)"; a release or build of 0 is left out. Empty without version
-  /// information.
+  /// The file's version such as "3.1.2 (Build 42)"; a release or build of 0 is left out. Empty
+  /// without version information.
   std::string ModuleVersion() const;
 
  private:
@@ -185,12 +196,13 @@ class VELOX_API TModuleInfo : public TObject {
   std::unique_ptr<TModuleVersionInfo> VersionInfo_;
 };
 
-// --------------------------------------------------------------------------------------------- processes and threads
+// ---------------------------------------------------------------------------------------------
+// processes and threads
 
 /// A thread of any process, as it was when the object was made or last refreshed.
 ///
-/// An object that a thread makes of itself works through the system's handle for "the calling thread": only that
-/// thread may refresh it.
+/// An object that a thread makes of itself works through the system's handle for "the calling
+/// thread": only that thread may refresh it.
 class VELOX_API TThreadInfo : public TObject {
  public:
   /// Raises EOSError when there is no such thread or it may not be opened.
@@ -203,8 +215,8 @@ class VELOX_API TThreadInfo : public TObject {
   DWORD GetThreadId() const noexcept { return ThreadId_; }
   /// The thread that made this object.
   DWORD GetCallerThreadId() const noexcept { return CallerThreadId_; }
-  /// The thread's handle, with the rights to suspend and resume it, and to query it and its context. Belongs to this
-  /// object.
+  /// The thread's handle, with the rights to suspend and resume it, and to query it and its
+  /// context. Belongs to this object.
   HANDLE GetHandle() const noexcept { return Opened_ ? Opened_.Get() : ::GetCurrentThread(); }
   /// The name that the thread has in the thread factory of this process, empty when none.
   const std::string& GetName() const noexcept { return Name_; }
@@ -237,8 +249,8 @@ class VELOX_API TProcessInfo : public TObject {
   explicit TProcessInfo(DWORD ProcessId);
   ~TProcessInfo() override;
 
-  /// This process, as it was when first asked for; Refresh() is the caller's affair, and so is keeping other threads
-  /// from it meanwhile.
+  /// This process, as it was when first asked for; Refresh() is the caller's affair, and so is
+  /// keeping other threads from it meanwhile.
   static TProcessInfo* GetInstance();
   static TObject* SingletonConstruction();
 
@@ -256,7 +268,8 @@ class VELOX_API TProcessInfo : public TObject {
   int64_t GetKernelTime() const noexcept { return KernelTime_; }
   int64_t GetUserTime() const noexcept { return UserTime_; }
 
-  /// The threads in the system's order; the objects live until the next refresh. Raises Exception "Invalid index".
+  /// The threads in the system's order; the objects live until the next refresh. Raises Exception
+  /// "Invalid index".
   int32_t GetThreadInfoCount() const noexcept { return Threads_.GetCount(); }
   const TThreadInfo& GetThreadInfo(int32_t Index) const;
 
