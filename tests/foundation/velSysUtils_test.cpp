@@ -13,7 +13,7 @@
 namespace velox {
 namespace {
 
-// ------------------------------------------------------------------------------------------ the
+// --------------------------------------------------------------------------------------------- the
 // system's results
 
 /// The code of the EOSError that the call raises, -1 when it raises none.
@@ -65,8 +65,7 @@ TEST(SysUtilsErrors, FilteredChecksLetTheAllowedPass) {
   EXPECT_EQ(checkMany(5, codes), 5);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// paths
+// ------------------------------------------------------------------------------------------- paths
 
 TEST(SysUtilsPaths, NamesWithoutExtension) {
   const char* cases[][2] = {
@@ -127,8 +126,7 @@ TEST(SysUtilsPaths, ExpandsFromTheBase) {
   EXPECT_THROW(ExpandToAbsolutePath("C:\\base", std::string(MAX_PATH, 'n')), EOSError);
 }
 
-// ----------------------------------------------------------------------------------------------------------
-// time
+// -------------------------------------------------------------------------------------------- time
 
 TEST(SysUtilsTime, FileTimesBecomeLocal) {
   constexpr TDateTime Minute = 1.0 / 1440;
@@ -152,8 +150,7 @@ TEST(SysUtilsTime, ThrottlesToOnceASecond) {
   EXPECT_TRUE(WaitOneSecond(before));
 }
 
-// --------------------------------------------------------------------------------------------------
-// command line
+// ------------------------------------------------------------------------------------ command line
 
 TEST(SysUtilsCommandLine, SplitsAsCProgramsDo) {
   // The second to the fifth are the examples of Microsoft's "Parsing C Command-Line Arguments".
@@ -214,8 +211,7 @@ TEST(SysUtilsCommandLine, FindsSwitches) {
       << "number of the case that fails";
 }
 
-// -------------------------------------------------------------------------------------------------
-// child process
+// ----------------------------------------------------------------------------------- child process
 
 void Print(const std::string& Text) {
   DWORD written = 0;

@@ -13,8 +13,7 @@ using enum TVersionInfoStringNameId;
 
 constexpr TDateTime Minute = 1.0 / 1440;
 
-// ----------------------------------------------------------------------------------------------
-// version resources
+// ------------------------------------------------------------------------------- version resources
 
 TEST(ModuleVersion, IsWrittenAsTheOptionsSay) {
   using enum TFileVersionReleaseConversionOption;
@@ -130,8 +129,7 @@ TEST(ModuleInfo, NamesTheFileOfALoadedModule) {
   EXPECT_EQ(module.GetVersionInfo()->GetFileType(), TVersionInfoFileType::viftDll);
 }
 
-// ---------------------------------------------------------------------------------------------
-// processes and threads
+// --------------------------------------------------------------------------- processes and threads
 
 const TThreadInfo* FindThread(const TProcessInfo& Process, DWORD Id) {
   for (int32_t i = 0; i < Process.GetThreadInfoCount(); ++i) {

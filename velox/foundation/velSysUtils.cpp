@@ -14,7 +14,7 @@
 
 namespace velox {
 
-// ------------------------------------------------------------------------------------------ the
+// --------------------------------------------------------------------------------------------- the
 // system's results
 
 void RaiseLastOSErrorEx(int32_t ErrorCode) {
@@ -36,8 +36,7 @@ void CheckOSResultFiltered(std::span<const uint32_t> Allowed) {
   if (std::find(Allowed.begin(), Allowed.end(), code) == Allowed.end()) CheckOSResult(code);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// paths
+// ------------------------------------------------------------------------------------------- paths
 
 namespace {
 
@@ -118,8 +117,7 @@ std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string&
   return FullPath(BasePath + (EndsInSeparator(BasePath) ? "" : "\\") + Path);
 }
 
-// ----------------------------------------------------------------------------------------------------------
-// time
+// -------------------------------------------------------------------------------------------- time
 
 TDateTime FileTimeToDateTime(const FILETIME& FileTime) {
   FILETIME local;
@@ -137,8 +135,7 @@ bool WaitOneSecond(TDateTime& LastTime) noexcept {
   return true;
 }
 
-// --------------------------------------------------------------------------------------------------
-// command line
+// ------------------------------------------------------------------------------------ command line
 
 namespace {
 
@@ -241,8 +238,7 @@ bool FindSwitch(const std::string& Switch) {
   return FindCmdLineSwitchEx(Switch, ignored);
 }
 
-// -------------------------------------------------------------------------------------------------
-// child process
+// ----------------------------------------------------------------------------------- child process
 
 namespace {
 

@@ -23,7 +23,7 @@ struct _FILETIME;
 /// functions may be called by any thread.
 namespace velox {
 
-// ------------------------------------------------------------------------------------------ the
+// --------------------------------------------------------------------------------------------- the
 // system's results
 
 /// Raises EOSError with this code and the system's own text for it. Code 0 raises it too, with the
@@ -41,8 +41,7 @@ VELOX_API void CheckOSResultFiltered(uint32_t Allowed);
 /// The same with any number of allowed codes.
 VELOX_API void CheckOSResultFiltered(std::span<const uint32_t> Allowed);
 
-// --------------------------------------------------------------------------------------------------------
-// memory Sizes are bytes; a negative one counts as 0.
+// --------------------------------------------- memory Sizes are bytes; a negative one counts as 0.
 
 /// Orders two blocks of Size bytes: 0 when they are equal, else -1 or 1 by the first byte that
 /// differs. Bytes compare as signed numbers: 0x80 stands before 0x7F.
@@ -91,8 +90,7 @@ inline const void* OfsPtr(const void* P, ptrdiff_t Delta) noexcept {
 /// Required. Raises EDivByZero for granularity 0.
 VELOX_API int32_t GetReallocMemorySize(int32_t Current, int32_t Required, int32_t Granularity);
 
-// -----------------------------------------------------------------------------------------------
-// choices and names
+// ------------------------------------------------------------------------------- choices and names
 
 VELOX_API TObject* IfThen(bool Condition, TObject* TrueValue, TObject* FalseValue) noexcept;
 VELOX_API std::string IfThen(bool Condition, const std::string& TrueValue,
@@ -108,8 +106,7 @@ VELOX_API std::string GetClassName(const TClass& AClass, const std::string& Defa
 /// "Yes" or "No".
 VELOX_API std::string BoolToYesNo(bool Value);
 
-// ----------------------------------------------------------------------------------------------
-// hexadecimal digits
+// ------------------------------------------------------------------------------ hexadecimal digits
 
 /// The value of a hexadecimal digit of either case. False, and B untouched, for any other
 /// character.
@@ -127,8 +124,7 @@ VELOX_API std::string BinToHex(const void* Buffer, int32_t Size, const std::stri
                                const std::string& ByteSeparator, const std::string& GroupSeparator,
                                const std::string& LineEnd);
 
-// ---------------------------------------------------------------------------------------------------------
-// paths
+// ------------------------------------------------------------------------------------------- paths
 // "\" and "/" both separate folders.
 
 /// The last part of a file name, without its extension. "C:\data\log.2.txt" gives "log.2".
@@ -144,8 +140,7 @@ VELOX_API bool EnsurePathExists(const std::string& Path);
 /// "\" gets the base's drive (or share). Raises EOSError when the system can't tell the full name.
 VELOX_API std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string& Path);
 
-// ----------------------------------------------------------------------------------------------------------
-// time
+// -------------------------------------------------------------------------------------------- time
 
 /// A file's time (100-ns units, universal time) as local date-time, to the millisecond. Raises
 /// EOSError when the system can't convert it.
@@ -156,8 +151,7 @@ VELOX_API TDateTime FileTimeToDateTime(const _FILETIME& FileTime);
 /// share LastTime.
 VELOX_API bool WaitOneSecond(TDateTime& LastTime) noexcept;
 
-// --------------------------------------------------------------------------------------------------
-// command line
+// ------------------------------------------------------------------------------------ command line
 
 /// The parameters of a command line, without the program's name, by the rules by which C programs
 /// get theirs: blanks separate, quotes keep blanks, \" is a quote, backslashes before a quote count
@@ -176,8 +170,7 @@ VELOX_API bool FindCmdLineSwitchEx(const std::string& Switch, std::string& Value
 /// The same when only its presence matters.
 VELOX_API bool FindSwitch(const std::string& Switch);
 
-// -------------------------------------------------------------------------------------------------
-// child process
+// ----------------------------------------------------------------------------------- child process
 
 /// Takes one line of a child's output, without its line end.
 using TProcessOutputEvent = TMethod<void(const std::string&)>;

@@ -105,8 +105,7 @@ void modules::FinalizeModuleInfo() noexcept {
   SingletonDestroy(ModuleInfoInstance);
 }
 
-// ----------------------------------------------------------------------------------------------
-// version resources
+// ------------------------------------------------------------------------------- version resources
 
 const char* VersionInfoStringName(TVersionInfoStringNameId Id) noexcept {
   return StringNames[static_cast<size_t>(Id)];
@@ -225,8 +224,7 @@ std::string TModuleInfo::ModuleVersion() const {
       TFileVersionBuildConversionOption::fvbcoIncludeIfNotZeroAsBuildString);
 }
 
-// ---------------------------------------------------------------------------------------------
-// processes and threads
+// --------------------------------------------------------------------------- processes and threads
 
 TThreadInfo::TThreadInfo(DWORD ThreadId)
     : ThreadId_(ThreadId), CallerThreadId_(::GetCurrentThreadId()) {

@@ -24,8 +24,7 @@
 /// Threads: an object that is not being refreshed may be read by any thread.
 namespace velox {
 
-// ----------------------------------------------------------------------------------------------
-// version resources
+// ------------------------------------------------------------------------------- version resources
 
 /// A version as version resources keep it: 1.2.3.4.
 struct TFileVersion {
@@ -196,8 +195,7 @@ class VELOX_API TModuleInfo : public TObject {
   std::unique_ptr<TModuleVersionInfo> VersionInfo_;
 };
 
-// ---------------------------------------------------------------------------------------------
-// processes and threads
+// --------------------------------------------------------------------------- processes and threads
 
 /// A thread of any process, as it was when the object was made or last refreshed.
 ///
