@@ -13,8 +13,7 @@
 namespace velox {
 namespace {
 
-// --------------------------------------------------------------------------------------------- the
-// system's results
+// ---------------------------------------------------------------------------- the system's results
 
 /// The code of the EOSError that the call raises, -1 when it raises none.
 template <class F>

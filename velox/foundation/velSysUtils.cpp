@@ -14,8 +14,7 @@
 
 namespace velox {
 
-// --------------------------------------------------------------------------------------------- the
-// system's results
+// ---------------------------------------------------------------------------- the system's results
 
 void RaiseLastOSErrorEx(int32_t ErrorCode) {
   const auto code = static_cast<uint32_t>(ErrorCode);

@@ -23,8 +23,7 @@ struct _FILETIME;
 /// functions may be called by any thread.
 namespace velox {
 
-// --------------------------------------------------------------------------------------------- the
-// system's results
+// ---------------------------------------------------------------------------- the system's results
 
 /// Raises EOSError with this code and the system's own text for it. Code 0 raises it too, with the
 /// text for an unknown error.
@@ -41,7 +40,8 @@ VELOX_API void CheckOSResultFiltered(uint32_t Allowed);
 /// The same with any number of allowed codes.
 VELOX_API void CheckOSResultFiltered(std::span<const uint32_t> Allowed);
 
-// --------------------------------------------- memory Sizes are bytes; a negative one counts as 0.
+// ------------------------------------------------------------------------------------------ memory
+// Sizes are bytes; a negative one counts as 0.
 
 /// Orders two blocks of Size bytes: 0 when they are equal, else -1 or 1 by the first byte that
 /// differs. Bytes compare as signed numbers: 0x80 stands before 0x7F.
