@@ -43,7 +43,8 @@ TEST(ThreadFactory, AThreadHasItsNameAndParameterWhileItRuns) {
     WaitForSingleObjectAlertable(go.Get());
   }};
   const THandle thread = body.Start("Worker", &parameter);
-  EXPECT_TRUE(test::WaitUntil([&] { return TThreadFactory::GetInstance()->GetThreadName(body.Id) == "Worker"; }));
+  EXPECT_TRUE(test::WaitUntil(
+      [&] { return TThreadFactory::GetInstance()->GetThreadName(body.Id) == "Worker"; }));
   ::SetEvent(go.Get());
   WaitForSingleObjectAlertable(thread.Get());
   EXPECT_EQ(parameter, 7);
@@ -68,8 +69,9 @@ TEST(ThreadFactory, TheOldestNameCountsAndIsRemovedFirst) {
 
 TEST(ThreadFactory, ABodyThatRaisesEndsItsThreadAloneAndKeepsItsName) {
   static std::string told;
-  const TThreadExceptionHook before =
-      SetThreadExceptionHook([](const std::string& Name) noexcept { told = Name + ": " + DescribeCurrentException().Message; });
+  const TThreadExceptionHook before = SetThreadExceptionHook([](const std::string& Name) noexcept {
+    told = Name + ": " + DescribeCurrentException().Message;
+  });
   TBody body{[](void*) { throw Exception("boom"); }};
   const THandle thread = body.Start("Raiser");
   WaitForSingleObjectAlertable(thread.Get());
@@ -108,8 +110,12 @@ TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
   THandle never(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
   const std::function<DWORD()> waits[] = {
       [&] { return WaitForSingleObjectAlertable(go.Get(), "single"); },
-      [&] { return WaitForMultipleObjectsAlertable(std::array{never.Get(), go.Get()}, "several"); },
-      [&] { return WaitAlertableQuietly(std::array{never.Get(), go.Get()}); }};
+      [&] {
+        return WaitForMultipleObjectsAlertable(std::array{never.Get(), go.Get()}, "several");
+      },
+      [&] {
+        return WaitAlertableQuietly(std::array{never.Get(), go.Get()});
+      }};
   const DWORD expected[] = {WAIT_OBJECT_0, WAIT_OBJECT_0 + 1, WAIT_OBJECT_0 + 1};
   for (size_t i = 0; i < std::size(waits); ++i) {
     counter = 0;
@@ -142,8 +148,10 @@ TEST(AlertableWait, RaisesWhatAnApcLetEscapeNoneLost) {
   EXPECT_THROW(SleepAlertable(), Exception);
 
   for (int i = 0; i < 3; ++i) ::QueueUserAPC(&Raise, own.Get(), 0);
-  EXPECT_THROW(SleepAlertable(), Exception);  // the first of three; a signalled handle alone would run no APC
-  for (int i = 1; i < 3; ++i) EXPECT_THROW(WaitForSingleObjectAlertable(signalled.Get()), Exception) << i;
+  EXPECT_THROW(SleepAlertable(),
+               Exception);  // the first of three; a signalled handle alone would run no APC
+  for (int i = 1; i < 3; ++i)
+    EXPECT_THROW(WaitForSingleObjectAlertable(signalled.Get()), Exception) << i;
   EXPECT_EQ(WaitForSingleObjectAlertable(signalled.Get()), WAIT_OBJECT_0);
 
   THandle timer(::CreateWaitableTimerA(nullptr, TRUE, nullptr));

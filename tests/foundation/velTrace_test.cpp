@@ -19,7 +19,8 @@ namespace {
 
 using TArguments = std::vector<std::string>;
 
-// The log of a process is made once, so most cases run in a copy of the program of their own, in an empty folder.
+// The log of a process is made once, so most cases run in a copy of the program of their own, in an
+// empty folder.
 struct TLogFolder {
   TLogFolder() {
     char program[MAX_PATH];
@@ -34,7 +35,8 @@ struct TLogFolder {
     ::CopyFileA(program, Folder.File("app.exe").c_str(), FALSE);
   }
   uint32_t Run(const std::string& Role, const std::string& Argument = "") const {
-    return test::TChild(Format("\"%s\" --role=%s \"%s\"", Folder.File("app.exe").c_str(), Role.c_str(), Argument.c_str()))
+    return test::TChild(Format("\"%s\" --role=%s \"%s\"", Folder.File("app.exe").c_str(),
+                               Role.c_str(), Argument.c_str()))
         .Wait();
   }
   std::vector<std::string> Lines(const std::string& Name = "app.log") const {
@@ -51,7 +53,8 @@ struct TLogFolder {
     return ::GetFileAttributesA(Folder.File(Name).c_str()) != INVALID_FILE_ATTRIBUTES;
   }
   void MakeFile(const std::string& Name, int64_t Size) const {
-    THandle file(::CreateFileA(Folder.File(Name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    THandle file(::CreateFileA(Folder.File(Name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                               0, nullptr));
     LARGE_INTEGER end;
     end.QuadPart = Size;
     ::SetFilePointerEx(file.Get(), end, nullptr, FILE_BEGIN);
@@ -75,10 +78,14 @@ TEST(TraceLog, ARecordIsALineAndTheFirstIsPrecededByABanner) {
   const auto lines = log.Lines();
   ASSERT_GE(lines.size(), 3u);
   const size_t first = lines.size() - 2;
-  EXPECT_TRUE(std::regex_match(lines[first], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  some text)"))) << lines[first];
-  EXPECT_TRUE(std::regex_match(lines[first + 1], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  again)")));
-  EXPECT_TRUE(std::regex_match(lines[first - 1],
-                               std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  Module started: )" + Stamp + " ")))
+  EXPECT_TRUE(
+      std::regex_match(lines[first], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  some text)")))
+      << lines[first];
+  EXPECT_TRUE(
+      std::regex_match(lines[first + 1], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  again)")));
+  EXPECT_TRUE(
+      std::regex_match(lines[first - 1],
+                       std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  Module started: )" + Stamp + " ")))
       << lines[first - 1];
 }
 
@@ -101,11 +108,13 @@ TEST(TraceLog, RotatesAtExactly104857600Bytes) {
   EXPECT_EQ(log.Run("trace-comment"), 0u);
   test::WriteFileBytes(log.Folder.File("app.log.1"), "older");
   EXPECT_EQ(log.Run("trace-write", "x"), 0u);
-  // One byte below the limit it was appended to; that made it full, so the second record went to a new file.
+  // One byte below the limit it was appended to; that made it full, so the second record went to a
+  // new file.
   EXPECT_EQ(log.Lines().size(), 1u);
   EXPECT_NE(log.Lines().at(0).find("again"), std::string::npos);
   WIN32_FILE_ATTRIBUTE_DATA old;
-  ASSERT_TRUE(::GetFileAttributesExA(log.Folder.File("app.log.1").c_str(), GetFileExInfoStandard, &old));
+  ASSERT_TRUE(
+      ::GetFileAttributesExA(log.Folder.File("app.log.1").c_str(), GetFileExInfoStandard, &old));
   EXPECT_GT(old.nFileSizeLow, 104'857'599u);
 }
 
@@ -115,7 +124,8 @@ TEST(TraceLog, AFullFileThatCannotBeRenamedLosesTheRecordOnly) {
   ::CreateDirectoryA(log.Folder.File("app.log.1").c_str(), nullptr);  // in the way of the renaming
   EXPECT_EQ(log.Run("trace-write", "x"), 0u);
   WIN32_FILE_ATTRIBUTE_DATA kept;
-  ASSERT_TRUE(::GetFileAttributesExA(log.Folder.File("app.log").c_str(), GetFileExInfoStandard, &kept));
+  ASSERT_TRUE(
+      ::GetFileAttributesExA(log.Folder.File("app.log").c_str(), GetFileExInfoStandard, &kept));
   EXPECT_EQ(kept.nFileSizeLow, 104'857'600u);
 }
 
@@ -189,11 +199,13 @@ TEST(TraceLog, ExceptionsAndSystemErrorsAreDescribed) {
   const std::string all = test::ReadFileBytes(log.Folder.File("app.log"));
   for (const char* expected : {R"(\]  Read failed: boom\. EConvertError at [0-9A-F]{8,16}\r\n)",
                                R"(\]  Line ended\nboom\. EConvertError at [0-9A-F]{8,16}\r\n)",
-                               R"(\]  : boom\. EConvertError at [0-9A-F]{8,16}\r\n)", R"(\]  odd\. int at 0{8}\r\n)",
-                               R"(\]  none\. nil at 0{8}\r\n)"}) {
+                               R"(\]  : boom\. EConvertError at [0-9A-F]{8,16}\r\n)",
+                               R"(\]  odd\. int at 0{8}\r\n)", R"(\]  none\. nil at 0{8}\r\n)"}) {
     EXPECT_TRUE(std::regex_search(all, std::regex(expected))) << expected << "\n" << all;
   }
-  EXPECT_NE(all.find("]  Open - " + SystemErrorMessage(ERROR_ACCESS_DENIED) + "\r\n"), std::string::npos) << all;
+  EXPECT_NE(all.find("]  Open - " + SystemErrorMessage(ERROR_ACCESS_DENIED) + "\r\n"),
+            std::string::npos)
+      << all;
 }
 
 const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments) {
@@ -212,21 +224,24 @@ TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
   const TLogFolder log;
   EXPECT_EQ(log.Run("trace-memory", "go on"), 0u);
   const auto lines = log.Lines();
-  const char* labels[] = {"TotalAddrSpace = ", "TotalUncommitted = ", "TotalCommitted = ", "TotalAllocated = ",
-                          "TotalFree = ",      "FreeSmall = ",        "FreeBig = ",        "Unused = ",
-                          "Overhead = ",       "HeapErrorCode = "};
+  const char* labels[] = {
+      "TotalAddrSpace = ", "TotalUncommitted = ", "TotalCommitted = ", "TotalAllocated = ",
+      "TotalFree = ",      "FreeSmall = ",        "FreeBig = ",        "Unused = ",
+      "Overhead = ",       "HeapErrorCode = "};
   ASSERT_GE(lines.size(), 12u);
   const size_t first = lines.size() - 12;
   EXPECT_NE(lines[first].find("Out: "), std::string::npos);
   for (size_t i = 0; i < std::size(labels); ++i) {
-    EXPECT_TRUE(std::regex_search(lines[first + 1 + i], std::regex(std::string(R"(\]  )") + labels[i] + R"(\d+$)")))
+    EXPECT_TRUE(std::regex_search(lines[first + 1 + i],
+                                  std::regex(std::string(R"(\]  )") + labels[i] + R"(\d+$)")))
         << lines[first + 1 + i];
   }
   EXPECT_NE(lines.back().find("Out: "), std::string::npos);
 
   const TLogFolder ended;
   EXPECT_EQ(ended.Run("trace-memory", "end"), 1u);
-  EXPECT_NE(ended.Lines().back().find("]  Application terminated due to out of memory"), std::string::npos);
+  EXPECT_NE(ended.Lines().back().find("]  Application terminated due to out of memory"),
+            std::string::npos);
 }
 
 const test::TRole OwnFileRole("trace-own", [](const TArguments&) {
@@ -240,7 +255,8 @@ TEST(TraceThread, WritesToTheThreadsOwnFile) {
   const uint32_t id = log.Run("trace-own");
   const auto lines = log.Lines(Format("app%08X.log", id));
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_TRUE(std::regex_match(lines[1], std::regex(Stamp + Format(R"(   \[%08X\]  two)", id)))) << lines[1];
+  EXPECT_TRUE(std::regex_match(lines[1], std::regex(Stamp + Format(R"(   \[%08X\]  two)", id))))
+      << lines[1];
   EXPECT_FALSE(log.Exists("app.log"));
 }
 
@@ -256,18 +272,22 @@ TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
   EXPECT_EQ(number, 1);
   const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
   EXPECT_TRUE(std::regex_search(
-      log, std::regex(R"(Error  : APC = \S+, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
+      log,
+      std::regex(
+          R"(Error  : APC = \S+, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
 
 TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
   auto body = [](void*) { throw Exception("unhandled in a body"); };
   DWORD id = 0;
-  const THandle thread(TThreadFactory::GetInstance()->CreateThread("Faulty", TThreadExecutionRoutine::To(body), nullptr, id));
+  const THandle thread(TThreadFactory::GetInstance()->CreateThread(
+      "Faulty", TThreadExecutionRoutine::To(body), nullptr, id));
   WaitForSingleObjectAlertable(thread.Get());
   TThreadFactory::GetInstance()->UnmapName(id);
   const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
-  EXPECT_NE(log.find("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "), std::string::npos);
+  EXPECT_NE(log.find("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "),
+            std::string::npos);
 }
 
 }  // namespace

@@ -70,7 +70,8 @@ class TOnce : public TObject {
  public:
   static TObject* SingletonConstruction() {
     ++Constructions;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // long enough for the others to find it in the making
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(20));  // long enough for the others to find it in the making
     return new TOnce;
   }
   static TOnce* GetInstance() { return SingletonInstance<TOnce>(Slot); }

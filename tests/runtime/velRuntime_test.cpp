@@ -64,7 +64,8 @@ TEST(FileStream, WritesReadsAndReportsReasons) {
     FAIL();
   } catch (const EFOpenError& e) {
     EXPECT_NE(std::string(e.what()).find("missing"), std::string::npos);
-    EXPECT_NE(std::string(e.what()).find(SystemErrorMessage(ERROR_FILE_NOT_FOUND)), std::string::npos);
+    EXPECT_NE(std::string(e.what()).find(SystemErrorMessage(ERROR_FILE_NOT_FOUND)),
+              std::string::npos);
   }
   EXPECT_THROW(TFileStream(folder.File("no\\such\\x"), TFileMode::fmCreate), EFCreateError);
 }

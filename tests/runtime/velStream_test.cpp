@@ -25,7 +25,8 @@ TEST(MemoryStream, WritingBehindTheEndFillsTheGapWithZeros) {
   TMemoryStream stream("ab", 2);
   stream.SetPosition(4);
   stream.WriteBuffer("c", 1);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(stream.GetMemory()), 5), std::string("ab\0\0c", 5));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(stream.GetMemory()), 5),
+            std::string("ab\0\0c", 5));
   stream.SetSize(1);
   EXPECT_EQ(stream.GetPosition(), 1);
 }

@@ -51,8 +51,8 @@ TChild::TChild(const std::string& CommandLine) {
   startup.cb = sizeof startup;
   PROCESS_INFORMATION information{};
   std::string line = CommandLine;
-  const BOOL started =
-      ::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &information);
+  const BOOL started = ::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                        nullptr, &startup, &information);
   EXPECT_TRUE(started) << "cannot start " << CommandLine << ", error " << ::GetLastError();
   Process_.Reset(information.hProcess);
   THandle(information.hThread).Reset();

@@ -8,11 +8,13 @@
 
 #include "velox/runtime/velHandle.hpp"
 
-/// What the cases share: waiting for a state, children that play a part, counts of what the process holds.
+/// What the cases share: waiting for a state, children that play a part, counts of what the process
+/// holds.
 namespace velox::test {
 
-/// Waits until Condition holds, alertably (so APCs queued to the calling thread run meanwhile). False after Limit
-/// milliseconds; the limit is for broken code, not for slow machines, so leave it generous.
+/// Waits until Condition holds, alertably (so APCs queued to the calling thread run meanwhile).
+/// False after Limit milliseconds; the limit is for broken code, not for slow machines, so leave it
+/// generous.
 bool WaitUntil(const std::function<bool()>& Condition, uint32_t Limit = 30'000);
 
 /// Part of a case that runs in a process of its own: the program starts itself with --role=NAME.
@@ -33,7 +35,8 @@ class TChild {
   ~TChild();
   TChild(TChild&&) = default;
 
-  /// The exit code, waiting for it; fails the case when the child is not done within Limit milliseconds.
+  /// The exit code, waiting for it; fails the case when the child is not done within Limit
+  /// milliseconds.
   uint32_t Wait(uint32_t Limit = 60'000);
   bool Running() const;
   void Kill();

@@ -19,7 +19,9 @@ class TQueuedCall final : public TAsynchronousCall {
  public:
   TQueuedCall(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
               const TAsynchronousCallQueueHandler& ARequest, void* AData)
-      : TAsynchronousCall(AThreadHandle, AThreadId, AHandler), Request(ARequest), RequestData(AData) {}
+      : TAsynchronousCall(AThreadHandle, AThreadId, AHandler),
+        Request(ARequest),
+        RequestData(AData) {}
 
   using TAsynchronousCall::ForgetThread;
 
@@ -41,7 +43,8 @@ void QueueOwned(std::unique_ptr<TQueuedCall> Call) {
 
 }  // namespace
 
-TAsynchronousCall::TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler)
+TAsynchronousCall::TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId,
+                                     const TAsynchronousCallHandler& AHandler)
     : Handler_(AHandler), ThreadHandle_(AThreadHandle), ThreadId_(AThreadId) {}
 
 TAsynchronousCall::~TAsynchronousCall() {
@@ -49,10 +52,12 @@ TAsynchronousCall::~TAsynchronousCall() {
   Finished_.WaitQuietly(ThreadHandle_.load());
 }
 
-void TAsynchronousCall::Queue(bool AWait) { QueueEx(ThreadHandle_.load(), ThreadId_.load(), Handler_, AWait); }
+void TAsynchronousCall::Queue(bool AWait) {
+  QueueEx(ThreadHandle_.load(), ThreadId_.load(), Handler_, AWait);
+}
 
-void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
-                                bool AWait) {
+void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId,
+                                const TAsynchronousCallHandler& AHandler, bool AWait) {
   if (AThreadHandle == nullptr || !AHandler) throw Exception(messages::seIncorrectParameters);
   if (!StateCompareExchange(clsQueued, clsFree)) throw Exception(messages::seCallIsBusy);
   Finished_.Begin();
@@ -99,7 +104,9 @@ bool TAsynchronousCall::CancelQuietly() noexcept {
 
 DWORD TAsynchronousCall::WaitForFinished() { return Finished_.Wait(ThreadHandle_.load()); }
 
-DWORD TAsynchronousCall::WaitForFinishedQuietly() noexcept { return Finished_.WaitQuietly(ThreadHandle_.load()); }
+DWORD TAsynchronousCall::WaitForFinishedQuietly() noexcept {
+  return Finished_.WaitQuietly(ThreadHandle_.load());
+}
 
 struct TAsynchronousCallQueue::TThread {
   HANDLE Handle;
@@ -121,7 +128,8 @@ void TAsynchronousCallQueue::Activate(HANDLE AThreadHandle, DWORD AThreadId) {
     } else {
       THandle real(GetRealCurrentThreadHandle());
       const HANDLE handle = real.Get();
-      Thread_.store(std::make_shared<const TThread>(TThread{handle, ::GetCurrentThreadId(), std::move(real)}));
+      Thread_.store(std::make_shared<const TThread>(
+          TThread{handle, ::GetCurrentThreadId(), std::move(real)}));
     }
   } catch (...) {
     CloseHandles();
@@ -151,9 +159,9 @@ void TAsynchronousCallQueue::Queue(const TAsynchronousCallQueueHandler& Handler,
   try {
     const std::shared_ptr<const TThread> thread = Thread_.load();
     if (GetState() != acqsActive || thread == nullptr) throw Exception("Queue is inactive");
-    auto call = std::make_unique<TQueuedCall>(thread->Handle, thread->Id,
-                                              TAsynchronousCallHandler::Bind<&TAsynchronousCallQueue::Call>(this),
-                                              Handler, AData);
+    auto call = std::make_unique<TQueuedCall>(
+        thread->Handle, thread->Id,
+        TAsynchronousCallHandler::Bind<&TAsynchronousCallQueue::Call>(this), Handler, AData);
     QueueOwned(std::move(call));
   } catch (...) {
     Pending_.fetch_sub(1);

@@ -9,9 +9,9 @@
 #include "velox/runtime/velObject.hpp"
 #include "velox/runtime/velWindows.hpp"
 
-/// Work delivered to one chosen thread. It travels as a user APC, so it runs when that thread next waits alertably
-/// (velSyncUtils.hpp); work aimed at the calling thread itself runs at once. There is no worker thread here: whoever
-/// owns the chosen thread makes it wait.
+/// Work delivered to one chosen thread. It travels as a user APC, so it runs when that thread next
+/// waits alertably (velSyncUtils.hpp); work aimed at the calling thread itself runs at once. There
+/// is no worker thread here: whoever owns the chosen thread makes it wait.
 namespace velox {
 
 enum class TCallState : uint32_t {
@@ -32,44 +32,51 @@ enum class TAsynchronousCallQueueState : uint32_t {
 class TAsynchronousCall;
 class TAsynchronousCallQueue;
 
-/// Runs on the target thread. Setting ADestroy makes the call object, which must come from `new`, free itself after
-/// the handler has returned.
+/// Runs on the target thread. Setting ADestroy makes the call object, which must come from `new`,
+/// free itself after the handler has returned.
 using TAsynchronousCallHandler = TMethod<void(TAsynchronousCall& ACall, bool& ADestroy)>;
 
 /// Runs on the queue's thread, with the data given to Queue().
 using TAsynchronousCallQueueHandler = TMethod<void(TAsynchronousCallQueue& Sender, void* AData)>;
 
-/// One call slot, aimed at one thread, that can be used again and again: free, queued, in call, free.
+/// One call slot, aimed at one thread, that can be used again and again: free, queued, in call,
+/// free.
 ///
-/// A handler that raises leaves the call "in call" for good; the exception is logged and raised on the target thread.
+/// A handler that raises leaves the call "in call" for good; the exception is logged and raised on
+/// the target thread.
 ///
 /// Threads: any may queue, cancel and wait; one at a time may destroy, when no other uses the call.
 class VELOX_API TAsynchronousCall : public TObject {
  public:
-  /// The thread's handle is borrowed: keep it open while the call may be queued or waited for. Without thread and
-  /// handler, only QueueEx can be used.
+  /// The thread's handle is borrowed: keep it open while the call may be queued or waited for.
+  /// Without thread and handler, only QueueEx can be used.
   TAsynchronousCall() = default;
-  TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler);
+  TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId,
+                    const TAsynchronousCallHandler& AHandler);
   /// Waits until no run is outstanding, or the target thread has ended.
   ~TAsynchronousCall() override;
 
-  /// Delivers one run of the handler. With AWait it returns only after the run, or when the target thread has ended;
-  /// APCs of the calling thread run meanwhile. Raises Exception "Incorrect parameters" without thread or handler,
-  /// "Call is busy" while a run is outstanding, EOSError when the system takes no APC for that thread.
+  /// Delivers one run of the handler. With AWait it returns only after the run, or when the target
+  /// thread has ended; APCs of the calling thread run meanwhile. Raises Exception "Incorrect
+  /// parameters" without thread or handler, "Call is busy" while a run is outstanding, EOSError
+  /// when the system takes no APC for that thread.
   void Queue(bool AWait);
-  void QueueEx(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler, bool AWait);
+  void QueueEx(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
+               bool AWait);
 
   /// One run, on the calling thread. (What the APC does.)
   void Call();
 
-  /// A run that has not begun is dropped: false at once (the call is free when the dropped run would have come). One
-  /// that is under way is waited for: true. Otherwise false.
+  /// A run that has not begun is dropped: false at once (the call is free when the dropped run
+  /// would have come). One that is under way is waited for: true. Otherwise false.
   bool Cancel();
 
-  /// Waits until no run is outstanding (WAIT_OBJECT_0) or the target thread has ended (WAIT_OBJECT_0 + 1).
+  /// Waits until no run is outstanding (WAIT_OBJECT_0) or the target thread has ended
+  /// (WAIT_OBJECT_0 + 1).
   DWORD WaitForFinished();
 
-  /// The same two where nothing may be raised: exceptions of APCs stay kept for the calling thread's next wait.
+  /// The same two where nothing may be raised: exceptions of APCs stay kept for the calling
+  /// thread's next wait.
   bool CancelQuietly() noexcept;
   DWORD WaitForFinishedQuietly() noexcept;
 
@@ -87,50 +94,57 @@ class VELOX_API TAsynchronousCall : public TObject {
   TObject* Data = nullptr;
 
  protected:
-  /// From inside the handler: waits for this run need not end with the target thread's end any more.
+  /// From inside the handler: waits for this run need not end with the target thread's end any
+  /// more.
   void ForgetThread() noexcept { ThreadHandle_.store(nullptr); }
 
  private:
   bool CancelNeedsWait() noexcept;
 
-  TAsynchronousCallHandler Handler_;  // written by the thread that took the state from free to queued
+  TAsynchronousCallHandler
+      Handler_;  // written by the thread that took the state from free to queued
   std::atomic<TCallState> State_{TCallState::clsFree};
   TPendingGate Finished_;  // open when no run is outstanding
   std::atomic<HANDLE> ThreadHandle_{nullptr};
   std::atomic<DWORD> ThreadId_{0};
 };
 
-/// A queue of calls bound to one thread; it counts those not finished, and lets its owner wait for them.
+/// A queue of calls bound to one thread; it counts those not finished, and lets its owner wait for
+/// them.
 ///
 ///     TAsynchronousCallQueue queue;
-///     queue.Activate(nullptr, 0);  // bound to the calling thread, which waits alertably from time to time
-///     queue.Queue(TAsynchronousCallQueueHandler::Bind<&TReader::Handle>(this), data);  // from any thread
+///     queue.Activate(nullptr, 0);  // bound to the calling thread, which waits alertably from time
+///     to time queue.Queue(TAsynchronousCallQueueHandler::Bind<&TReader::Handle>(this), data);  //
+///     from any thread
 ///
-/// A handler that raises leaves the queue counting its call as outstanding and "in call"; the exception is logged and
-/// raised on the bound thread.
+/// A handler that raises leaves the queue counting its call as outstanding and "in call"; the
+/// exception is logged and raised on the bound thread.
 ///
-/// Threads: any may queue and wait. Handlers run on the bound thread, one at a time, in the order they were queued. Do
-/// not destroy the queue from inside a handler.
+/// Threads: any may queue and wait. Handlers run on the bound thread, one at a time, in the order
+/// they were queued. Do not destroy the queue from inside a handler.
 class VELOX_API TAsynchronousCallQueue : public TObject {
  public:
   TAsynchronousCallQueue() = default;
   /// Waits until no call is outstanding, or the bound thread has ended.
   ~TAsynchronousCallQueue() override;
 
-  /// Binds an inactive queue to a thread; the handle is borrowed. With a null handle or id: to the calling thread. Does
-  /// nothing when the queue is not inactive.
+  /// Binds an inactive queue to a thread; the handle is borrowed. With a null handle or id: to the
+  /// calling thread. Does nothing when the queue is not inactive.
   void Activate(HANDLE AThreadHandle, DWORD AThreadId);
 
-  /// Stops accepting calls; with AWait returns after those outstanding have run. The queue is inactive again, and can be
-  /// activated, once the last of them has run; when none was outstanding it stays deactivating for good.
+  /// Stops accepting calls; with AWait returns after those outstanding have run. The queue is
+  /// inactive again, and can be activated, once the last of them has run; when none was outstanding
+  /// it stays deactivating for good.
   void Deactivate(bool AWait);
 
-  /// Requests one run of Handler(queue, AData) on the bound thread; does not wait. On the bound thread itself the
-  /// handler runs at once, and what it raises comes out here. Raises Exception "Queue is inactive".
+  /// Requests one run of Handler(queue, AData) on the bound thread; does not wait. On the bound
+  /// thread itself the handler runs at once, and what it raises comes out here. Raises Exception
+  /// "Queue is inactive".
   void Queue(const TAsynchronousCallQueueHandler& Handler, void* AData);
 
-  /// Waits until no call is outstanding (WAIT_OBJECT_0) or the bound thread has ended (WAIT_OBJECT_0 + 1). Raises
-  /// Exception "Queue is in call now and can be deadlocked" inside a handler.
+  /// Waits until no call is outstanding (WAIT_OBJECT_0) or the bound thread has ended
+  /// (WAIT_OBJECT_0 + 1). Raises Exception "Queue is in call now and can be deadlocked" inside a
+  /// handler.
   DWORD Wait();
 
   /// Unbinds the thread; the queue is inactive.
@@ -145,7 +159,8 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
     return State_.exchange(NewState);
   }
   /// True when the state was Comparand and has been replaced.
-  bool StateCompareExchange(TAsynchronousCallQueueState NewState, TAsynchronousCallQueueState Comparand) noexcept {
+  bool StateCompareExchange(TAsynchronousCallQueueState NewState,
+                            TAsynchronousCallQueueState Comparand) noexcept {
     return State_.compare_exchange_strong(Comparand, NewState);
   }
 
@@ -154,9 +169,10 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
   void FinishCall() noexcept;
 
   std::atomic<TAsynchronousCallQueueState> State_{TAsynchronousCallQueueState::acqsInactive};
-  std::atomic<std::shared_ptr<const TThread>> Thread_;  // the bound thread; those who wait for it keep it meanwhile
-  std::atomic<int32_t> Pending_{0};                     // queued and not finished
-  TPendingGate Idle_;                                   // open when no call is outstanding
+  std::atomic<std::shared_ptr<const TThread>>
+      Thread_;                       // the bound thread; those who wait for it keep it meanwhile
+  std::atomic<int32_t> Pending_{0};  // queued and not finished
+  TPendingGate Idle_;                // open when no call is outstanding
   std::atomic<bool> InCall_{false};
 };
 

@@ -7,12 +7,12 @@
 
 namespace velox {
 
-/// What an object shares with callbacks that may come late: it outlives the object (both sides hold it by
-/// std::shared_ptr) and says whether the object is still there.
+/// What an object shares with callbacks that may come late: it outlives the object (both sides hold
+/// it by std::shared_ptr) and says whether the object is still there.
 ///
-/// All callbacks of one link run on one thread, possibly nested. Cut() is called by the object when it goes: afterwards
-/// no callback reaches it; one that runs on another thread is waited for, one that runs on the calling thread further
-/// down the stack is the caller itself and is not.
+/// All callbacks of one link run on one thread, possibly nested. Cut() is called by the object when
+/// it goes: afterwards no callback reaches it; one that runs on another thread is waited for, one
+/// that runs on the calling thread further down the stack is the caller itself and is not.
 template <class T>
 class TCallbackLink {
  public:
@@ -37,7 +37,8 @@ class TCallbackLink {
 
  private:
   struct TRun {
-    explicit TRun(TCallbackLink& ALink) noexcept : Link(ALink), Outer(ALink.Current_), OuterId(Link.ThreadId_.load()) {
+    explicit TRun(TCallbackLink& ALink) noexcept
+        : Link(ALink), Outer(ALink.Current_), OuterId(Link.ThreadId_.load()) {
       Link.Gate_.Begin();
       Link.Current_ = this;
       Link.ThreadId_.store(::GetCurrentThreadId());

@@ -32,7 +32,9 @@ void TPendingGate::Finish() noexcept {
   }
 }
 
-int32_t TPendingGate::GetPending() const noexcept { return static_cast<int32_t>(Outstanding(Word_.load())); }
+int32_t TPendingGate::GetPending() const noexcept {
+  return static_cast<int32_t>(Outstanding(Word_.load()));
+}
 
 bool TPendingGate::MakeSemaphore() noexcept {
   if (Semaphore_.load() != nullptr) return true;
@@ -55,7 +57,8 @@ bool TPendingGate::Enter() noexcept {
 void TPendingGate::Leave() noexcept {
   uint64_t word = Word_.load();
   do {
-    if (Waiters(word) == 0) {  // a Finish has counted this thread: its release is on the way and must be taken
+    if (Waiters(word) ==
+        0) {  // a Finish has counted this thread: its release is on the way and must be taken
       ::WaitForSingleObject(Semaphore_.load(), INFINITE);
       return;
     }
@@ -82,7 +85,8 @@ DWORD TPendingGate::Wait(HANDLE Thread) {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
   if (!MakeSemaphore()) RaiseLastOSError();
   return WaitWith(Thread, [](std::span<const HANDLE> Handles) {
-    return Handles.size() == 1 ? WaitForSingleObjectAlertable(Handles[0]) : WaitForMultipleObjectsAlertable(Handles);
+    return Handles.size() == 1 ? WaitForSingleObjectAlertable(Handles[0])
+                               : WaitForMultipleObjectsAlertable(Handles);
   });
 }
 
@@ -91,12 +95,14 @@ DWORD TPendingGate::WaitQuietly(HANDLE Thread) noexcept {
   if (!MakeSemaphore()) {
     // The system has no semaphore left; a destructor waits all the same.
     while (GetPending() != 0) {
-      if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0) return WAIT_OBJECT_0 + 1;
+      if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0)
+        return WAIT_OBJECT_0 + 1;
       ::SleepEx(1, TRUE);
     }
     return WAIT_OBJECT_0;
   }
-  return WaitWith(Thread, [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); });
+  return WaitWith(Thread,
+                  [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); });
 }
 
 }  // namespace velox

@@ -10,8 +10,8 @@ namespace velox {
 
 /// Counts what is outstanding, and lets threads wait until nothing is.
 ///
-/// While nobody waits it costs neither a kernel object nor a call of the system. Finish() is the last that touches the
-/// gate: a thread whose wait it ends may destroy the gate at once.
+/// While nobody waits it costs neither a kernel object nor a call of the system. Finish() is the
+/// last that touches the gate: a thread whose wait it ends may destroy the gate at once.
 ///
 /// Threads: any, except that the gate is destroyed by one thread when no other uses it.
 class VELOX_API TPendingGate {
@@ -27,8 +27,9 @@ class VELOX_API TPendingGate {
   void Finish() noexcept;
   int32_t GetPending() const noexcept;
 
-  /// Waits alertably until nothing is outstanding (WAIT_OBJECT_0) or, when Thread is not null, that thread has ended
-  /// (WAIT_OBJECT_0 + 1), for it was the one to call Finish. Raises what callbacks let escape, and EOSError.
+  /// Waits alertably until nothing is outstanding (WAIT_OBJECT_0) or, when Thread is not null, that
+  /// thread has ended (WAIT_OBJECT_0 + 1), for it was the one to call Finish. Raises what callbacks
+  /// let escape, and EOSError.
   DWORD Wait(HANDLE Thread);
   /// The same for destructors: raises nothing.
   DWORD WaitQuietly(HANDLE Thread) noexcept;
@@ -40,8 +41,8 @@ class VELOX_API TPendingGate {
   template <class TWait>
   DWORD WaitWith(HANDLE Thread, TWait&& WaitFor);
 
-  // Low half: outstanding. High half: threads that wait; whoever takes the first half to zero takes the second half
-  // too, and releases the semaphore that many times.
+  // Low half: outstanding. High half: threads that wait; whoever takes the first half to zero takes
+  // the second half too, and releases the semaphore that many times.
   std::atomic<uint64_t> Word_{0};
   std::atomic<HANDLE> Semaphore_{nullptr};  // made by the first wait
 };

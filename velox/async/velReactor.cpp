@@ -29,21 +29,26 @@ void CALLBACK WakeUp(ULONG_PTR) {}
 
 }  // namespace
 
-// One thread of the reactor. The set is touched by the thread itself only: what others want of it arrives as calls.
+// One thread of the reactor. The set is touched by the thread itself only: what others want of it
+// arrives as calls.
 class TReactorThread : public TObject {
  public:
   TReactorThread();
   ~TReactorThread() override;
 
-  /// Takes the reaction if there is a place, and requests that it be added. By the registering thread.
+  /// Takes the reaction if there is a place, and requests that it be added. By the registering
+  /// thread.
   bool Offer(TReaction& Reaction);
-  /// Requests that the reaction be taken out. False when the thread has ended, and so has let go of it.
+  /// Requests that the reaction be taken out. False when the thread has ended, and so has let go of
+  /// it.
   bool RequestRemoval(TReaction& Reaction);
 
-  /// On this thread: whether Reaction is the one that runs now. If so its gate stays shut until the run is over.
+  /// On this thread: whether Reaction is the one that runs now. If so its gate stays shut until the
+  /// run is over.
   bool Defer(TReaction& Reaction) noexcept;
 
-  /// On a reactor thread: if Reaction is the one that runs there, it is being destroyed inside its own Run().
+  /// On a reactor thread: if Reaction is the one that runs there, it is being destroyed inside its
+  /// own Run().
   static void ForgetRunning(TReaction& Reaction) noexcept;
 
  private:
@@ -61,7 +66,8 @@ class TReactorThread : public TObject {
   std::array<TReaction*, MostReactions + 1> Reactions_{};  // parallel to Handles_
   int32_t Count_ = 0;
   std::atomic<int32_t> Reserved_{0};  // registrations accepted, queued or in the set
-  TCriticalSection RequestLock_;      // no request is queued any more once Terminated_ has been set under it
+  TCriticalSection
+      RequestLock_;  // no request is queued any more once Terminated_ has been set under it
   std::atomic<bool> Terminated_{false};
 
   TReaction* Running_ = nullptr;  // the reaction whose Run() is under way
@@ -79,7 +85,8 @@ thread_local TReactorThread* TReactorThread::Current_ = nullptr;
 TReactorThread::TReactorThread() {
   Started_.Begin();
   Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
-      "Reactor thread", TThreadExecutionRoutine::Bind<&TReactorThread::Execute>(this), nullptr, ThreadId_));
+      "Reactor thread", TThreadExecutionRoutine::Bind<&TReactorThread::Execute>(this), nullptr,
+      ThreadId_));
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first requests before its own first line.
   Started_.WaitQuietly(Thread_.Get());
@@ -140,7 +147,8 @@ void TReactorThread::Remove(TAsynchronousCall& ACall, bool&) {
 void TReactorThread::RemoveAt(int32_t Index) noexcept {
   TReaction& reaction = *Reactions_[static_cast<size_t>(Index)];
   std::copy(Handles_.begin() + Index + 1, Handles_.begin() + Count_, Handles_.begin() + Index);
-  std::copy(Reactions_.begin() + Index + 1, Reactions_.begin() + Count_, Reactions_.begin() + Index);
+  std::copy(Reactions_.begin() + Index + 1, Reactions_.begin() + Count_,
+            Reactions_.begin() + Index);
   --Count_;
   Reserved_.fetch_sub(1);
   reaction.Deactivated();
@@ -177,15 +185,17 @@ void TReactorThread::WaitAndRun() {
   }
 }
 
-// A removal that arrives while the reaction runs (Run() waited alertably, or removed itself) takes effect on the set at
-// once; whoever waits to destroy the reaction is told only when Run() has returned.
+// A removal that arrives while the reaction runs (Run() waited alertably, or removed itself) takes
+// effect on the set at once; whoever waits to destroy the reaction is told only when Run() has
+// returned.
 void TReactorThread::RunReaction(TReaction& Reaction) {
   struct TRun {
     TReactorThread& Thread;
     ~TRun() {
       TReaction* const reaction = std::exchange(Thread.Running_, nullptr);
       if (reaction == nullptr) return;  // destroyed meanwhile
-      for (int32_t left = std::exchange(Thread.Deferred_, 0); left > 0; --left) reaction->InSet_.Finish();
+      for (int32_t left = std::exchange(Thread.Deferred_, 0); left > 0; --left)
+        reaction->InSet_.Finish();
     }
   } const run{*this};
   Running_ = &Reaction;
@@ -201,7 +211,8 @@ bool TReactorThread::Defer(TReaction& Reaction) noexcept {
 void TReactorThread::ForgetRunning(TReaction& Reaction) noexcept {
   if (Current_ == nullptr || Current_->Running_ != &Reaction) return;
   Current_->Running_ = nullptr;
-  for (int32_t left = std::exchange(Current_->Deferred_, 0); left > 0; --left) Reaction.InSet_.Finish();
+  for (int32_t left = std::exchange(Current_->Deferred_, 0); left > 0; --left)
+    Reaction.InSet_.Finish();
 }
 
 void TReactorThread::Finish() noexcept {
@@ -287,7 +298,8 @@ void TReaction::SetActive(bool Value) {
 
 void TReaction::RequestRemoval() {
   TReactorThread* const thread = Thread_.load();
-  if (thread == nullptr) {  // taken out already, since its mutex was abandoned or its thread has ended
+  if (thread ==
+      nullptr) {  // taken out already, since its mutex was abandoned or its thread has ended
     StatusCompareExchange(rsNone, rsDeactivating);
     return;
   }
@@ -342,7 +354,8 @@ struct TEventReaction::TLink : TCallbackLink<TEventReaction> {
   using TCallbackLink::TCallbackLink;
 };
 
-TEventReaction::TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThreadHandle, const TReactionEvent& OnEvent)
+TEventReaction::TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThreadHandle,
+                               const TReactionEvent& OnEvent)
     : TReaction(AReactor, AHandle), OnEvent_(OnEvent), ThreadHandle_(AThreadHandle) {
   if (!OnEvent) throw Exception("Event must be specified");
   if (AThreadHandle != nullptr) Link_ = std::make_shared<TLink>(this);
@@ -359,14 +372,16 @@ void TEventReaction::Run() {
     return;
   }
   auto link = std::make_unique<std::shared_ptr<TLink>>(Link_);
-  if (TraceAndQueueUserAPC(&TEventReaction::RunOnThread, ThreadHandle_, reinterpret_cast<ULONG_PTR>(link.get())) == 0) {
+  if (TraceAndQueueUserAPC(&TEventReaction::RunOnThread, ThreadHandle_,
+                           reinterpret_cast<ULONG_PTR>(link.get())) == 0) {
     RaiseLastOSError();
   }
   link.release();  // the APC's now
 }
 
 void CALLBACK TEventReaction::RunOnThread(ULONG_PTR Data) {
-  const std::unique_ptr<std::shared_ptr<TLink>> link(reinterpret_cast<std::shared_ptr<TLink>*>(Data));
+  const std::unique_ptr<std::shared_ptr<TLink>> link(
+      reinterpret_cast<std::shared_ptr<TLink>*>(Data));
   (*link)->Call([](TEventReaction& Reaction) { Reaction.OnEvent_(&Reaction); });
 }
 

@@ -17,8 +17,9 @@ namespace velox {
 class TReaction;
 class TReactorThread;
 
-/// Spreads active reactions over threads named "Reactor thread", up to 64 on each, and starts another thread when all
-/// are full. Threads live as long as the reactor. Programs use the one of GetInstance().
+/// Spreads active reactions over threads named "Reactor thread", up to 64 on each, and starts
+/// another thread when all are full. Threads live as long as the reactor. Programs use the one of
+/// GetInstance().
 ///
 /// Threads: any may register; one destroys, when no reaction is being activated any more.
 class VELOX_API TReactor : public TObject {
@@ -30,8 +31,8 @@ class VELOX_API TReactor : public TObject {
   /// Ends the threads; reactions that are still active are taken out of their sets.
   ~TReactor() override;
 
-  /// Places a reaction on a thread; TReaction::SetActive does that. Raises Exception "Reactor terminated" once the
-  /// destructor has begun, EOSError when the system starts no more threads.
+  /// Places a reaction on a thread; TReaction::SetActive does that. Raises Exception "Reactor
+  /// terminated" once the destructor has begun, EOSError when the system starts no more threads.
   void RegisterReaction(TReaction& AReaction);
 
  private:
@@ -50,34 +51,39 @@ enum class TReactionState : uint32_t {
 
 /// Calls an action each time a kernel handle is signalled.
 ///
-/// While a reaction is active, a reactor thread waits on its handle together with up to 63 others and calls Run()
-/// whenever the wait is satisfied by it. The handle stays in the set afterwards: use an auto-reset handle, or reset it
-/// in Run(), or Run() is called again at once. Of several signalled handles the one registered first is served first.
-/// A mutex whose owner ended is taken out of the set, and its reaction does not run.
+/// While a reaction is active, a reactor thread waits on its handle together with up to 63 others
+/// and calls Run() whenever the wait is satisfied by it. The handle stays in the set afterwards:
+/// use an auto-reset handle, or reset it in Run(), or Run() is called again at once. Of several
+/// signalled handles the one registered first is served first. A mutex whose owner ended is taken
+/// out of the set, and its reaction does not run.
 ///
-/// Promised: once the destructor has returned, Run() is not running and will not run again; destroying a reaction inside
-/// its own Run() is allowed. After SetActive(false) from another thread a run may still be under way. Asked of you: keep
-/// the handle open while the reaction is active; keep Run() short, since it delays the other reactions of its thread;
-/// a class of your own calls Retire() first thing in its destructor.
+/// Promised: once the destructor has returned, Run() is not running and will not run again;
+/// destroying a reaction inside its own Run() is allowed. After SetActive(false) from another
+/// thread a run may still be under way. Asked of you: keep the handle open while the reaction is
+/// active; keep Run() short, since it delays the other reactions of its thread; a class of your own
+/// calls Retire() first thing in its destructor.
 ///
-/// An exception that escapes Run() is logged; the thread goes on. When a wait fails (a handle was closed while it was
-/// waited on) the thread logs it, takes all its reactions out of its set, and ends.
+/// An exception that escapes Run() is logged; the thread goes on. When a wait fails (a handle was
+/// closed while it was waited on) the thread logs it, takes all its reactions out of its set, and
+/// ends.
 ///
-/// Threads: any may deactivate; one at a time may activate or destroy. Run() runs on the reactor's thread.
+/// Threads: any may deactivate; one at a time may activate or destroy. Run() runs on the reactor's
+/// thread.
 class VELOX_API TReaction : public TObject {
  public:
-  /// The reactor and the handle are borrowed. Raises Exception "Reactor must be specified" or "Handle must be
-  /// specified".
+  /// The reactor and the handle are borrowed. Raises Exception "Reactor must be specified" or
+  /// "Handle must be specified".
   TReaction(TReactor* AReactor, HANDLE AHandle);
   /// Waits until the reactor's thread has let go of the handle.
   ~TReaction() override;
 
   virtual void Run() = 0;
 
-  /// True from the moment the reactor's thread has taken the handle into its set until it has been taken out.
+  /// True from the moment the reactor's thread has taken the handle into its set until it has been
+  /// taken out.
   bool GetActive() const noexcept;
-  /// Requests the change; the reactor's thread carries it out when it next can. Nothing happens when it was requested
-  /// already. Raises what TReactor::RegisterReaction does.
+  /// Requests the change; the reactor's thread carries it out when it next can. Nothing happens
+  /// when it was requested already. Raises what TReactor::RegisterReaction does.
   void SetActive(bool Value);
 
   /// Run(), if the reaction is in a set and not leaving it.
@@ -96,8 +102,8 @@ class VELOX_API TReaction : public TObject {
   }
 
  protected:
-  /// Takes the reaction out of its set for good and waits until that is done and Run() has returned (unless this is
-  /// inside Run()).
+  /// Takes the reaction out of its set for good and waits until that is done and Run() has returned
+  /// (unless this is inside Run()).
   void Retire() noexcept;
 
  private:
@@ -110,24 +116,28 @@ class VELOX_API TReaction : public TObject {
   const HANDLE Handle_;
   std::atomic<TReactionState> Status_{TReactionState::rsNone};
   std::atomic<TReactorThread*> Thread_{nullptr};  // the thread whose set holds it, or is about to
-  TPendingGate InSet_;                            // open when no set holds it and no run is under way
-  TAsynchronousCall Call_;                        // carries every request to the thread
+  TPendingGate InSet_;      // open when no set holds it and no run is under way
+  TAsynchronousCall Call_;  // carries every request to the thread
 };
 
 /// Given the reaction.
 using TReactionEvent = TMethod<void(TObject* ASender)>;
 
-/// A reaction that calls a bound method, on the reactor's thread or as an APC on a thread of the user's.
+/// A reaction that calls a bound method, on the reactor's thread or as an APC on a thread of the
+/// user's.
 ///
-///     TEventReaction ready(TReactor::GetInstance(), event, nullptr, TReactionEvent::Bind<&TReader::OnReady>(this));
-///     ready.SetActive(true);
+///     TEventReaction ready(TReactor::GetInstance(), event, nullptr,
+///     TReactionEvent::Bind<&TReader::OnReady>(this)); ready.SetActive(true);
 ///
-/// The promise about Run() holds for the method as well: after the destructor it does not run, wherever it was to run.
+/// The promise about Run() holds for the method as well: after the destructor it does not run,
+/// wherever it was to run.
 class VELOX_API TEventReaction : public TReaction {
  public:
-  /// With a thread's handle (borrowed), the method runs on that thread when it next waits alertably; with null, on the
-  /// reactor's thread. Raises Exception "Event must be specified" without a method.
-  TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThreadHandle, const TReactionEvent& OnEvent);
+  /// With a thread's handle (borrowed), the method runs on that thread when it next waits
+  /// alertably; with null, on the reactor's thread. Raises Exception "Event must be specified"
+  /// without a method.
+  TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThreadHandle,
+                 const TReactionEvent& OnEvent);
   ~TEventReaction() override;
 
   /// Raises EOSError when the system takes no APC for the thread.

@@ -42,7 +42,7 @@ class TScheduler : public TObject {
   THandle FTerminateEvent;  // auto-reset
   THandle Thread_;
   DWORD ThreadId_ = 0;
-  DWORD LastError_ = 0;  // of a failed wait
+  DWORD LastError_ = 0;   // of a failed wait
   TPendingGate Started_;  // open once the thread runs
 };
 
@@ -50,20 +50,24 @@ TSingletonSlot SchedulerSlot;
 
 }  // namespace
 
-// What a task shares with the activation calls and timer completions that may still be on their way to it.
+// What a task shares with the activation calls and timer completions that may still be on their way
+// to it.
 struct TScheduledTaskLink : TCallbackLink<TScheduledTask> {
   using TCallbackLink::TCallbackLink;
 
-  TCriticalSection Lock;  // guards the fields below, and makes activation, arming and cancelling exclude each other
+  TCriticalSection Lock;  // guards the fields below, and makes activation, arming and cancelling
+                          // exclude each other
   THandle Timer;          // auto-reset waitable timer; empty once the task is gone
-  const TAsynchronousCall* ActivationCall = nullptr;  // the one that is to arm the timer; any other is stale
+  const TAsynchronousCall* ActivationCall =
+      nullptr;  // the one that is to arm the timer; any other is stale
   bool TimerSet = false;
   uint32_t Id = 0;  // what the timer's completion routine is given; 0 until first armed
 };
 
 namespace {
 
-// The tasks whose timers have been armed. A completion that was already on its way when its task went finds nothing.
+// The tasks whose timers have been armed. A completion that was already on its way when its task
+// went finds nothing.
 class TTimerRegistry {
  public:
   uint32_t Add(const std::shared_ptr<TScheduledTaskLink>& Link) {
@@ -117,7 +121,8 @@ TScheduler::TScheduler() : FTerminateEvent(::CreateEventA(nullptr, FALSE, FALSE,
   if (!FTerminateEvent) RaiseLastOSError();
   Started_.Begin();
   Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
-      "Scheduler Thread", TThreadExecutionRoutine::Bind<&TScheduler::Run>(this), nullptr, ThreadId_));
+      "Scheduler Thread", TThreadExecutionRoutine::Bind<&TScheduler::Run>(this), nullptr,
+      ThreadId_));
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first calls before its own first line.
   Started_.WaitQuietly(Thread_.Get());
@@ -249,9 +254,11 @@ void TScheduledTask::Start() {
   const std::scoped_lock guard(Link_->Lock);
   if (!Link_->Timer) return;
   if (Link_->Id == 0) Link_->Id = Registry().Add(Link_);
-  const LARGE_INTEGER due = UseAbsoluteTime_ ? AbsoluteDueTime(AbsoluteTime_) : RelativeDueTime(Duration_);
+  const LARGE_INTEGER due =
+      UseAbsoluteTime_ ? AbsoluteDueTime(AbsoluteTime_) : RelativeDueTime(Duration_);
   void* const id = reinterpret_cast<void*>(static_cast<uintptr_t>(Link_->Id));
-  if (!::SetWaitableTimer(Link_->Timer.Get(), &due, Period_, &TScheduledTask::TimerEntry, id, FALSE)) {
+  if (!::SetWaitableTimer(Link_->Timer.Get(), &due, Period_, &TScheduledTask::TimerEntry, id,
+                          FALSE)) {
     RaiseLastOSError();
   }
   Link_->TimerSet = true;
@@ -355,7 +362,8 @@ void TMessageTask::Execute() {
   const auto message = static_cast<UINT>(Msg_);
   const auto wParam = static_cast<WPARAM>(WParam_);
   const LPARAM lParam = LParam_;
-  // The window's thread may be about to destroy this task, and would wait for the send that waits for it.
+  // The window's thread may be about to destroy this task, and would wait for the send that waits
+  // for it.
   LeaveTask();
   if (sendMessage) sendMessage(window, message, wParam, lParam);
 }

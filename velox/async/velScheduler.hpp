@@ -17,11 +17,13 @@ struct TScheduledTaskLink;
 /// Milliseconds to the system's 100-nanosecond units.
 extern VELOX_API int64_t MSTo100NS;
 
-/// Work done at a time or after a delay, once or periodically, on the process's one "Scheduler Thread".
+/// Work done at a time or after a delay, once or periodically, on the process's one "Scheduler
+/// Thread".
 ///
-/// A task is configured while it is inactive, then activated; a task that runs once stays active after it ran, until it
-/// is deactivated. All tasks share the thread and run one at a time: a slow one delays the others. The thread is started
-/// by the first activation. An exception that escapes Execute() is logged; the thread goes on.
+/// A task is configured while it is inactive, then activated; a task that runs once stays active
+/// after it ran, until it is deactivated. All tasks share the thread and run one at a time: a slow
+/// one delays the others. The thread is started by the first activation. An exception that escapes
+/// Execute() is logged; the thread goes on.
 ///
 ///     TCallbackTask tick;
 ///     tick.SetOnExecute(TTaskExecuteEvent::Bind<&TMeter::OnTick>(&meter));
@@ -29,10 +31,10 @@ extern VELOX_API int64_t MSTo100NS;
 ///     tick.SetPeriod(250);     // then four a second
 ///     tick.SetActive(1);
 ///
-/// Promised: once the destructor has returned, Execute() is not running and will not run again; a task may be destroyed
-/// inside its own Execute(). After SetActive(0) a run may still be under way (of TEventTask: none). Asked of you: a
-/// class of your own calls FreeInstance() first thing in its destructor, and does not destroy a task while it holds a
-/// lock that the task's Execute() takes.
+/// Promised: once the destructor has returned, Execute() is not running and will not run again; a
+/// task may be destroyed inside its own Execute(). After SetActive(0) a run may still be under way
+/// (of TEventTask: none). Asked of you: a class of your own calls FreeInstance() first thing in its
+/// destructor, and does not destroy a task while it holds a lock that the task's Execute() takes.
 ///
 /// Threads: any may call; setters and destruction by one thread at a time.
 class VELOX_API TScheduledTask : public TObject {
@@ -41,11 +43,12 @@ class VELOX_API TScheduledTask : public TObject {
   TScheduledTask();
   ~TScheduledTask() override;
 
-  /// Raises Exception when the task is not fully configured. For users, before they activate; SetActive does not ask.
+  /// Raises Exception when the task is not fully configured. For users, before they activate;
+  /// SetActive does not ask.
   virtual void CheckTaskForExecution() const;
 
-  /// Not zero: schedules the task. Zero: cancels it. Nothing happens when the value is the one set already. Raises
-  /// EOSError when the scheduler's thread can't be started or reached.
+  /// Not zero: schedules the task. Zero: cancels it. Nothing happens when the value is the one set
+  /// already. Raises EOSError when the scheduler's thread can't be started or reached.
   virtual void SetActive(int32_t Value);
   int32_t GetActive() const noexcept { return Active_.load(); }
 
@@ -54,7 +57,8 @@ class VELOX_API TScheduledTask : public TObject {
 
   // The setters raise Exception "Cannot perform operation on active task".
 
-  /// Milliseconds from activation to the first run; a negative value counts as 0, at once. Replaces an absolute time.
+  /// Milliseconds from activation to the first run; a negative value counts as 0, at once. Replaces
+  /// an absolute time.
   void SetDuration(int64_t Value);
   int64_t GetDuration() const noexcept { return Duration_; }
 
@@ -62,8 +66,8 @@ class VELOX_API TScheduledTask : public TObject {
   void SetPeriod(int32_t Value);
   int32_t GetPeriod() const noexcept { return Period_; }
 
-  /// The time of the first run, read as universal time. Replaces a duration. Setting the time that is set already does
-  /// nothing, on an active task too.
+  /// The time of the first run, read as universal time. Replaces a duration. Setting the time that
+  /// is set already does nothing, on an active task too.
   void SetAbsoluteTime(TDateTime Value);
   TDateTime GetAbsoluteTime() const noexcept { return AbsoluteTime_; }
 
@@ -76,16 +80,17 @@ class VELOX_API TScheduledTask : public TObject {
   /// Raises Exception when the task is active.
   void CheckActive() const;
 
-  /// Deactivates the task for good: no callback reaches it any more, and one that runs on the scheduler's thread is
-  /// waited for (unless this is that callback). What late callbacks may still touch is freed by the last of them.
+  /// Deactivates the task for good: no callback reaches it any more, and one that runs on the
+  /// scheduler's thread is waited for (unless this is that callback). What late callbacks may still
+  /// touch is freed by the last of them.
   void FreeInstance() noexcept;
 
-  /// From inside Execute(): the task will not be touched any more, so that whoever destroys it need not wait for the
-  /// end of Execute().
+  /// From inside Execute(): the task will not be touched any more, so that whoever destroys it need
+  /// not wait for the end of Execute().
   void LeaveTask() noexcept;
 
-  /// Whether Execute() is so short that it may run under the task's lock. No run of such a task is under way after
-  /// SetActive(0).
+  /// Whether Execute() is so short that it may run under the task's lock. No run of such a task is
+  /// under way after SetActive(0).
   virtual bool ExecutesUnderLock() const noexcept;
 
  private:
@@ -95,8 +100,8 @@ class VELOX_API TScheduledTask : public TObject {
 
   std::atomic<int32_t> Active_{0};
   bool UseAbsoluteTime_ = false;
-  int64_t Duration_ = 0;       // milliseconds
-  int32_t Period_ = 0;         // milliseconds
+  int64_t Duration_ = 0;  // milliseconds
+  int32_t Period_ = 0;    // milliseconds
   TDateTime AbsoluteTime_ = 0;
   std::shared_ptr<TScheduledTaskLink> Link_;  // shared with callbacks on their way
 };

@@ -24,7 +24,8 @@ struct TStartRecord {
   void* Parameter;
 };
 
-// Returns the thread's exit code. Whatever escapes the body stops here: behind it are the system's frames.
+// Returns the thread's exit code. Whatever escapes the body stops here: behind it are the system's
+// frames.
 unsigned RunThread(TStartRecord* Start) noexcept {
   const std::unique_ptr<TStartRecord> record(Start);
   try {
@@ -52,7 +53,8 @@ bool PinLibrary() noexcept {
              reinterpret_cast<LPCSTR>(&ThreadEntry), &self) != FALSE;
 }
 
-// How a debugger is told a thread's name: this software exception with this record as its arguments.
+// How a debugger is told a thread's name: this software exception with this record as its
+// arguments.
 constexpr DWORD ThreadNameException = 0x406D1388;
 
 struct TThreadNameRecord {
@@ -63,8 +65,9 @@ struct TThreadNameRecord {
 };
 
 LONG CALLBACK SwallowThreadName(EXCEPTION_POINTERS* Raised) {
-  return Raised->ExceptionRecord->ExceptionCode == ThreadNameException ? EXCEPTION_CONTINUE_EXECUTION
-                                                                       : EXCEPTION_CONTINUE_SEARCH;
+  return Raised->ExceptionRecord->ExceptionCode == ThreadNameException
+             ? EXCEPTION_CONTINUE_EXECUTION
+             : EXCEPTION_CONTINUE_SEARCH;
 }
 
 DWORD SystemWait(std::span<const HANDLE> Handles, DWORD Milliseconds) noexcept {
@@ -76,7 +79,8 @@ DWORD SystemWait(std::span<const HANDLE> Handles, DWORD Milliseconds) noexcept {
     case 1:
       return ::WaitForSingleObjectEx(Handles[0], Milliseconds, TRUE);
     default:
-      return ::WaitForMultipleObjectsEx(static_cast<DWORD>(Handles.size()), Handles.data(), FALSE, Milliseconds, TRUE);
+      return ::WaitForMultipleObjectsEx(static_cast<DWORD>(Handles.size()), Handles.data(), FALSE,
+                                        Milliseconds, TRUE);
   }
 }
 
@@ -91,12 +95,14 @@ DWORD WaitAlertable(std::span<const HANDLE> Handles) {
 
 }  // namespace
 
-TThreadFactory* TThreadFactory::GetInstance() { return SingletonInstance<TThreadFactory>(FactorySlot); }
+TThreadFactory* TThreadFactory::GetInstance() {
+  return SingletonInstance<TThreadFactory>(FactorySlot);
+}
 
 TObject* TThreadFactory::SingletonConstruction() { return new TThreadFactory; }
 
-HANDLE TThreadFactory::CreateThread(const std::string& Name, const TThreadExecutionRoutine& Routine, void* Parameter,
-                                    DWORD& ThreadId) {
+HANDLE TThreadFactory::CreateThread(const std::string& Name, const TThreadExecutionRoutine& Routine,
+                                    void* Parameter, DWORD& ThreadId) {
   [[maybe_unused]] static const bool pinned = PinLibrary();
   std::unique_ptr<TStartRecord> record(new TStartRecord{this, Name, Routine, Parameter});
   unsigned id = 0;
@@ -124,7 +130,9 @@ std::string TThreadFactory::GetThreadName(DWORD ThreadId) {
   return found == Names_.end() ? std::string() : found->first;
 }
 
-TThreadExceptionHook SetThreadExceptionHook(TThreadExceptionHook Hook) noexcept { return ExceptionHook.exchange(Hook); }
+TThreadExceptionHook SetThreadExceptionHook(TThreadExceptionHook Hook) noexcept {
+  return ExceptionHook.exchange(Hook);
+}
 
 void SetThreadName(const std::string& Name) {
   const TThreadNameRecord record{0x1000, Name.c_str(), 0xFFFFFFFF, 0};
@@ -143,7 +151,9 @@ DWORD SleepAlertable() {
   return result;
 }
 
-DWORD WaitForSingleObjectAlertable(HANDLE Handle, std::string_view) { return WaitAlertable({&Handle, 1}); }
+DWORD WaitForSingleObjectAlertable(HANDLE Handle, std::string_view) {
+  return WaitAlertable({&Handle, 1});
+}
 
 DWORD WaitForMultipleObjectsAlertable(std::span<const HANDLE> Handles, std::string_view) {
   if (Handles.empty()) RaiseLastOSErrorEx(ERROR_INVALID_PARAMETER);
@@ -167,8 +177,8 @@ DWORD WaitAlertableQuietly(std::span<const HANDLE> Handles) noexcept {
 
 HANDLE GetRealCurrentThreadHandle() {
   HANDLE real = nullptr;
-  if (!::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &real, 0, FALSE,
-                         DUPLICATE_SAME_ACCESS)) {
+  if (!::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &real,
+                         0, FALSE, DUPLICATE_SAME_ACCESS)) {
     RaiseLastOSError();
   }
   return real;
@@ -189,9 +199,13 @@ int64_t InterlockedExchangeAdd64(int64_t& Target, int64_t Value) noexcept {
   return std::atomic_ref(Target).fetch_add(Value);
 }
 
-int64_t InterlockedIncrement64(int64_t& Target, int64_t Value) noexcept { return std::atomic_ref(Target) += Value; }
+int64_t InterlockedIncrement64(int64_t& Target, int64_t Value) noexcept {
+  return std::atomic_ref(Target) += Value;
+}
 
-int64_t InterlockedDecrement64(int64_t& Target, int64_t Value) noexcept { return std::atomic_ref(Target) -= Value; }
+int64_t InterlockedDecrement64(int64_t& Target, int64_t Value) noexcept {
+  return std::atomic_ref(Target) -= Value;
+}
 
 int64_t InterlockedAnd64(int64_t& Target, int64_t Value) noexcept {
   int64_t old;

@@ -36,7 +36,9 @@ std::string WithDelimiter(std::string Path) {
 }
 
 // "C:\dir\app.exe" gives "C:\dir\"; "app.exe" gives nothing.
-std::string FolderOf(const std::string& FileName) { return FileName.substr(0, FileName.find_last_of("\\/:") + 1); }
+std::string FolderOf(const std::string& FileName) {
+  return FileName.substr(0, FileName.find_last_of("\\/:") + 1);
+}
 
 // Empty when the system does not tell.
 std::string AllUsersFolder() {
@@ -56,9 +58,10 @@ std::string LinePrefix(bool WithThreadId) {
 }
 
 THandle OpenForAppending(const std::string& FileName, DWORD Disposition) noexcept {
-  return THandle(::CreateFileA(FileName.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, Disposition,
-                               FILE_ATTRIBUTE_NORMAL, nullptr));
+  return THandle(::CreateFileA(FileName.c_str(),
+                               FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                               Disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 bool IsFull(const THandle& File) noexcept {
@@ -74,18 +77,21 @@ void Rotate(const std::string& FileName) noexcept {
 
 void WriteAll(const THandle& File, const std::string& Text) noexcept {
   DWORD written;
-  if (File) ::WriteFile(File.Get(), Text.data(), static_cast<DWORD>(Text.size()), &written, nullptr);
+  if (File)
+    ::WriteFile(File.Get(), Text.data(), static_cast<DWORD>(Text.size()), &written, nullptr);
 }
 
 std::string Banner(const std::string& Prefix) {
   std::string text;
   const TModuleInfo& module = *TModuleInfo::GetInstance();
-  if (module.GetVersionInfo() != nullptr) text = Prefix + "Module version: " + module.ModuleVersion() + "\r\n";
+  if (module.GetVersionInfo() != nullptr)
+    text = Prefix + "Module version: " + module.ModuleVersion() + "\r\n";
   const TDateTime started = TProcessInfo::GetInstance()->GetCreationTime();
   return text + Prefix + "Module started: " + FormatTimeStamp(started) + " \r\n";
 }
 
-// Empty when the process can't be described now: the record is written all the same, and the next one tries again.
+// Empty when the process can't be described now: the record is written all the same, and the next
+// one tries again.
 std::string TryBanner(const std::string& Prefix) {
   try {
     return Banner(Prefix);
@@ -102,7 +108,8 @@ std::string ExceptionText(const std::string& Text, const TExceptionDescription& 
     message = (separate ? ": " : "") + Raised.Message;
   }
   return Text + message + ". " + Raised.ClassName +
-         Format(" at %08llX", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Raised.Address)));
+         Format(" at %08llX",
+                static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Raised.Address)));
 }
 
 void TraceHeapStatus(TTracer& Tracer) {
@@ -121,7 +128,8 @@ void TraceHeapStatus(TTracer& Tracer) {
                {"Overhead = ", status.Overhead},
                {"HeapErrorCode = ", status.HeapErrorCode}};
   for (const auto& line : lines) {
-    Tracer.Trace(Format("%s%llu", line.Label, static_cast<unsigned long long>(line.Value)), ttError);
+    Tracer.Trace(Format("%s%llu", line.Label, static_cast<unsigned long long>(line.Value)),
+                 ttError);
   }
 }
 
@@ -147,7 +155,8 @@ void RunUserAPC(const TUserAPC& Call) {
   try {
     Call.Routine(Call.Data);
   } catch (...) {
-    TraceException(Format("Error  : APC = %p, hThread = %.8llx, dwData = %.8llx", reinterpret_cast<void*>(Call.Routine),
+    TraceException(Format("Error  : APC = %p, hThread = %.8llx, dwData = %.8llx",
+                          reinterpret_cast<void*>(Call.Routine),
                           static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Thread)),
                           static_cast<unsigned long long>(Call.Data)));
     throw;
@@ -301,7 +310,8 @@ void TraceThread(const std::string& Text) noexcept {
 
 DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {
   std::unique_ptr<TUserAPC> call(new TUserAPC{++UserAPCCount, APC, Thread, Data});
-  const DWORD result = ::QueueUserAPC(&UserAPCEntry, Thread, reinterpret_cast<ULONG_PTR>(call.get()));
+  const DWORD result =
+      ::QueueUserAPC(&UserAPCEntry, Thread, reinterpret_cast<ULONG_PTR>(call.get()));
   if (result != 0) call.release();  // the APC's now
   return result;
 }

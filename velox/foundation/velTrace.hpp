@@ -11,7 +11,8 @@
 
 namespace velox {
 
-/// What a record is about. It decides only whether the record is written; it does not appear in the line.
+/// What a record is about. It decides only whether the record is written; it does not appear in the
+/// line.
 enum class TTraceType : uint8_t {
   ttComment = 0,  ///< never written
   ttDebug = 1,    ///< written
@@ -21,18 +22,19 @@ using enum TTraceType;
 
 /// The trace log of the process: a text file with one line a record.
 ///
-/// The file is NAME.log, NAME being the program's file name without extension. It stands beside the program, or, after
-/// SetProgramDataSubdir, in the folder SUBDIR\Logs below the all-users profile. It is opened and closed around every
-/// record, so it can be read, moved or deleted at any time and nothing is lost when the process is killed. A file that
-/// has reached 104,857,600 bytes is renamed to NAME.log.1, replacing the one before, and a new one begun. The first
-/// record of a process is preceded by lines that tell the program's version, if it has one, and when it started.
+/// The file is NAME.log, NAME being the program's file name without extension. It stands beside the
+/// program, or, after SetProgramDataSubdir, in the folder SUBDIR\Logs below the all-users profile.
+/// It is opened and closed around every record, so it can be read, moved or deleted at any time and
+/// nothing is lost when the process is killed. A file that has reached 104,857,600 bytes is renamed
+/// to NAME.log.1, replacing the one before, and a new one begun. The first record of a process is
+/// preceded by lines that tell the program's version, if it has one, and when it started.
 ///
 ///     2024-03-05 14:07:09.042   [000004D2]  Connection refused
 ///
 /// Nothing here raises: a record that can't be written is lost.
 ///
-/// Threads: all operations may be called from any thread. Records are written one at a time, in the order of their
-/// time stamps.
+/// Threads: all operations may be called from any thread. Records are written one at a time, in the
+/// order of their time stamps.
 class VELOX_API TTracer : public TObject {
  public:
   static TTracer* GetInstance();
@@ -40,7 +42,8 @@ class VELOX_API TTracer : public TObject {
 
   TTracer();
 
-  /// Chooses the folder; empty for the program's own. Nothing happens when it is the one in use (letter case counts).
+  /// Chooses the folder; empty for the program's own. Nothing happens when it is the one in use
+  /// (letter case counts).
   void SetProgramDataSubdir(const std::string& Subdir);
   std::string GetProgramDataSubdir() const;
   /// The log's full path.
@@ -49,16 +52,16 @@ class VELOX_API TTracer : public TObject {
   /// Works the path out anew from the program's name and the chosen folder.
   void InitializeFileName();
 
-  /// Opens the log for appending, after rotating a full one. F stays empty when that is not possible. The result tells
-  /// whether the log's folder exists.
+  /// Opens the log for appending, after rotating a full one. F stays empty when that is not
+  /// possible. The result tells whether the log's folder exists.
   bool OpenFile(THandle& F);
 
   /// Writes one record.
   void Trace(const std::string& Text, TTraceType AType) noexcept;
 
-  /// Writes a record about the exception being handled: "TEXT: MESSAGE. CLASS at ADDRESS". The first EOutOfMemory of a
-  /// process is followed by the state of its heaps; then the process ends, with exit code 1, when
-  /// TerminateOnOutOfMemoryRequired is set.
+  /// Writes a record about the exception being handled: "TEXT: MESSAGE. CLASS at ADDRESS". The
+  /// first EOutOfMemory of a process is followed by the state of its heaps; then the process ends,
+  /// with exit code 1, when TerminateOnOutOfMemoryRequired is set.
   void TraceException(const std::string& Text) noexcept;
 
   /// Writes a record with the system's text for an error code: "TEXT - MESSAGE".
@@ -81,18 +84,18 @@ extern VELOX_API std::atomic<bool> TerminateOnOutOfMemoryRequired;
 /// The operations of the process's log.
 VELOX_API void Trace(const std::string& Text, TTraceType AType) noexcept;
 VELOX_API void TraceException(const std::string& Text) noexcept;
-/// Of the calling thread's last error. The text is made after that was taken when it is a literal; build other texts
-/// first, since building may change the last error.
+/// Of the calling thread's last error. The text is made after that was taken when it is a literal;
+/// build other texts first, since building may change the last error.
 VELOX_API void TraceOSError(const std::string& Text) noexcept;
 VELOX_API void TraceOSError(const char* Text) noexcept;
 
-/// Writes one line to the calling thread's own file, NAME and the thread's id in eight hexadecimal digits and ".log",
-/// beside the program. No lock, no rotation, no heading; never raises.
+/// Writes one line to the calling thread's own file, NAME and the thread's id in eight hexadecimal
+/// digits and ".log", beside the program. No lock, no rotation, no heading; never raises.
 VELOX_API void TraceThread(const std::string& Text) noexcept;
 
-/// Queues APC(Data) to a thread, which runs it when it next waits alertably. An exception that escapes it is written to
-/// the log and raised on that thread by the wait of the library that ran it. Returns QueueUserAPC's result: 0 when the
-/// APC could not be queued (see GetLastError).
+/// Queues APC(Data) to a thread, which runs it when it next waits alertably. An exception that
+/// escapes it is written to the log and raised on that thread by the wait of the library that ran
+/// it. Returns QueueUserAPC's result: 0 when the APC could not be queued (see GetLastError).
 VELOX_API DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data);
 
 }  // namespace velox

@@ -4,7 +4,8 @@
 
 namespace velox {
 
-/// The state of all heaps of the process, in bytes, for the trace log's report when memory runs out.
+/// The state of all heaps of the process, in bytes, for the trace log's report when memory runs
+/// out.
 struct THeapStatus {
   uint64_t TotalAddrSpace = 0;    ///< address space that the heaps have reserved
   uint64_t TotalUncommitted = 0;  ///< of it: without memory behind it

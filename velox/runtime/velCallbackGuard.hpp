@@ -2,21 +2,25 @@
 
 #include "velox/runtime/velCompiler.hpp"
 
-/// Exceptions and the operating system's frames. An exception that leaves a callback which the system called (an APC,
-/// a timer or completion routine, a thread's entry, a window procedure) would end the process, since it can't be
-/// unwound through the system's own frames. So each such callback runs its body through GuardCallback, which keeps an
-/// escaping exception in a list of the thread; the library's alertable wait that let the callback run raises it as
-/// soon as the system's call has returned. Several exceptions in one wait: the oldest is raised by that wait, each of
-/// the others by one of the waits that follow on the thread. What is left when the thread ends is dropped.
+/// Exceptions and the operating system's frames. An exception that leaves a callback which the
+/// system called (an APC, a timer or completion routine, a thread's entry, a window procedure)
+/// would end the process, since it can't be unwound through the system's own frames. So each such
+/// callback runs its body through GuardCallback, which keeps an escaping exception in a list of the
+/// thread; the library's alertable wait that let the callback run raises it as soon as the system's
+/// call has returned. Several exceptions in one wait: the oldest is raised by that wait, each of
+/// the others by one of the waits that follow on the thread. What is left when the thread ends is
+/// dropped.
 namespace velox {
 
-/// Adds the exception being handled to the calling thread's list. (Without memory for the list entry, it is dropped.)
+/// Adds the exception being handled to the calling thread's list. (Without memory for the list
+/// entry, it is dropped.)
 VELOX_API void KeepCurrentException() noexcept;
 
 /// Whether the calling thread's list holds an exception.
 VELOX_API bool HasKeptException() noexcept;
 
-/// Takes the oldest exception from the calling thread's list and raises it; returns when there is none.
+/// Takes the oldest exception from the calling thread's list and raises it; returns when there is
+/// none.
 VELOX_API void RaiseKeptException();
 
 /// Runs the body of a callback; an exception that escapes it is kept for the thread's next wait.

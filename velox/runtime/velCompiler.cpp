@@ -18,6 +18,8 @@ std::string TypeName(const std::type_info& Type) {
   return std::string(name.starts_with(Own) ? name.substr(Own.size()) : name);
 }
 
-const std::type_info* CurrentExceptionType() noexcept { return abi::__cxa_current_exception_type(); }
+const std::type_info* CurrentExceptionType() noexcept {
+  return abi::__cxa_current_exception_type();
+}
 
 }  // namespace velox

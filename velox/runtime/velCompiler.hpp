@@ -3,7 +3,8 @@
 #include <string>
 #include <typeinfo>
 
-/// What depends on the compiler. Porting the library to another one starts, and should end, in this folder.
+/// What depends on the compiler. Porting the library to another one starts, and should end, in this
+/// folder.
 
 #if defined(VELOX_STATIC)
 #define VELOX_API
@@ -19,18 +20,19 @@
 /// The address that the function in which it stands returns to.
 #define VELOX_RETURN_ADDRESS() __builtin_return_address(0)
 
-/// Lets the compiler check the arguments of a printf-like function against its pattern (positions count from 1, and
-/// `this` counts).
+/// Lets the compiler check the arguments of a printf-like function against its pattern (positions
+/// count from 1, and `this` counts).
 #define VELOX_PRINTF(PatternPosition, FirstArgument) \
   __attribute__((format(gnu_printf, PatternPosition, FirstArgument)))
 
 namespace velox {
 
-/// The readable name of a type, without the prefix "velox::" of the library's own types. Falls back to the compiler's
-/// internal name when that can't be decoded.
+/// The readable name of a type, without the prefix "velox::" of the library's own types. Falls back
+/// to the compiler's internal name when that can't be decoded.
 VELOX_API std::string TypeName(const std::type_info& Type);
 
-/// The type of the exception that is being handled, null outside a handler or for one that is not C++'s.
+/// The type of the exception that is being handled, null outside a handler or for one that is not
+/// C++'s.
 VELOX_API const std::type_info* CurrentExceptionType() noexcept;
 
 }  // namespace velox

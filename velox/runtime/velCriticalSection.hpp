@@ -4,7 +4,8 @@
 
 namespace velox {
 
-/// A recursive lock of this process. Used through std::scoped_lock, which its lower-case names are for.
+/// A recursive lock of this process. Used through std::scoped_lock, which its lower-case names are
+/// for.
 class TCriticalSection {
  public:
   TCriticalSection() noexcept { ::InitializeCriticalSection(&Section_); }

@@ -16,7 +16,8 @@ constexpr std::chrono::sys_days Epoch = std::chrono::year{1899} / 12 / 30;
 constexpr double FirstDay = -693'593.0;  // 0001-01-01
 constexpr double EndDay = 2'958'466.0;   // 10000-01-01
 
-// The time separator as it was when it was first needed: asking the system each time would cost more than the rest.
+// The time separator as it was when it was first needed: asking the system each time would cost
+// more than the rest.
 struct TSeparator {
   TSeparator() noexcept { ::GetLocaleInfoA(LOCALE_USER_DEFAULT, LOCALE_STIME, Text, sizeof Text); }
   char Text[8] = ":";
@@ -31,13 +32,14 @@ TDateTime Now() noexcept {
 }
 
 TDateTime SystemTimeToDateTime(const SYSTEMTIME& Time) {
-  const std::chrono::year_month_day date{std::chrono::year{Time.wYear}, std::chrono::month{Time.wMonth},
-                                         std::chrono::day{Time.wDay}};
-  const bool valid = date.ok() && Time.wYear >= 1 && Time.wYear <= 9999 && Time.wHour < 24 && Time.wMinute < 60 &&
-                     Time.wSecond < 60 && Time.wMilliseconds < 1000;
+  const std::chrono::year_month_day date{
+      std::chrono::year{Time.wYear}, std::chrono::month{Time.wMonth}, std::chrono::day{Time.wDay}};
+  const bool valid = date.ok() && Time.wYear >= 1 && Time.wYear <= 9999 && Time.wHour < 24 &&
+                     Time.wMinute < 60 && Time.wSecond < 60 && Time.wMilliseconds < 1000;
   if (!valid) throw EConvertError(messages::seInvalidDateTime);
   const double days = static_cast<double>((std::chrono::sys_days{date} - Epoch).count());
-  const double milliseconds = ((Time.wHour * 60.0 + Time.wMinute) * 60.0 + Time.wSecond) * 1000.0 + Time.wMilliseconds;
+  const double milliseconds =
+      ((Time.wHour * 60.0 + Time.wMinute) * 60.0 + Time.wSecond) * 1000.0 + Time.wMilliseconds;
   const double fraction = milliseconds / MillisecondsPerDay;
   return days >= 0 ? days + fraction : days - fraction;
 }
@@ -67,8 +69,9 @@ SYSTEMTIME DateTimeToSystemTime(TDateTime Time) {
 
 std::string FormatTimeStamp(const SYSTEMTIME& Time) {
   static const TSeparator separator;
-  return Format("%04u-%02u-%02u %02u%s%02u%s%02u.%03u", Time.wYear, Time.wMonth, Time.wDay, Time.wHour, separator.Text,
-                Time.wMinute, separator.Text, Time.wSecond, Time.wMilliseconds);
+  return Format("%04u-%02u-%02u %02u%s%02u%s%02u.%03u", Time.wYear, Time.wMonth, Time.wDay,
+                Time.wHour, separator.Text, Time.wMinute, separator.Text, Time.wSecond,
+                Time.wMilliseconds);
 }
 
 std::string FormatTimeStamp(TDateTime Time) { return FormatTimeStamp(DateTimeToSystemTime(Time)); }

@@ -12,7 +12,8 @@ Exception::~Exception() = default;
 
 std::string Exception::ClassName() const { return TypeName(typeid(*this)); }
 
-EOSError::EOSError(std::string Text, uint32_t AErrorCode) : Exception(std::move(Text)), ErrorCode(AErrorCode) {}
+EOSError::EOSError(std::string Text, uint32_t AErrorCode)
+    : Exception(std::move(Text)), ErrorCode(AErrorCode) {}
 EOSError::~EOSError() = default;
 
 EOleSysError::EOleSysError(std::string Text, int32_t AErrorCode)

@@ -8,7 +8,8 @@
 
 namespace velox {
 
-/// The library's general exception: a message, and the address where it was raised. All its others derive from it.
+/// The library's general exception: a message, and the address where it was raised. All its others
+/// derive from it.
 class VELOX_API Exception : public std::exception {
  public:
   VELOX_NOINLINE explicit Exception(std::string Text);
@@ -30,8 +31,8 @@ class VELOX_API Exception : public std::exception {
   const void* Address_;
 };
 
-/// A failed call of the operating system. Raised through RaiseLastOSErrorEx and its like (velSysUtils.hpp), which
-/// build the message from the system's own text.
+/// A failed call of the operating system. Raised through RaiseLastOSErrorEx and its like
+/// (velSysUtils.hpp), which build the message from the system's own text.
 class VELOX_API EOSError : public Exception {
  public:
   VELOX_NOINLINE EOSError(std::string Text, uint32_t AErrorCode);
@@ -41,8 +42,8 @@ class VELOX_API EOSError : public Exception {
   uint32_t ErrorCode;
 };
 
-/// No memory left. Once the library is loaded, a failed `new` raises it, in the programs that use the library too
-/// (unless they set a new-handler of their own).
+/// No memory left. Once the library is loaded, a failed `new` raises it, in the programs that use
+/// the library too (unless they set a new-handler of their own).
 class VELOX_API EOutOfMemory : public Exception {
  public:
   EOutOfMemory();
@@ -57,11 +58,11 @@ class VELOX_API EDivByZero : public Exception {
 };
 
 /// Declares an exception class that adds nothing but its name.
-#define VELOX_EXCEPTION(Name, Base)  \
+#define VELOX_EXCEPTION(Name, Base)    \
   class VELOX_API Name : public Base { \
-   public:                           \
-    using Base::Base;                \
-    ~Name() override;                \
+   public:                             \
+    using Base::Base;                  \
+    ~Name() override;                  \
   }
 
 /// Text that is no number, digit or the like.
@@ -90,7 +91,8 @@ class VELOX_API EOleSysError : public Exception {
 
 /// What can be told of the exception that is being handled, whatever its type.
 struct TExceptionDescription {
-  /// The class's name; std::bad_alloc and its like are reported as "EOutOfMemory"; "nil" when nothing is handled.
+  /// The class's name; std::bad_alloc and its like are reported as "EOutOfMemory"; "nil" when
+  /// nothing is handled.
   std::string ClassName;
   bool HasMessage = false;
   std::string Message;

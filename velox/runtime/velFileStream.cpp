@@ -9,9 +9,11 @@ namespace {
 
 HANDLE OpenFileFor(const std::string& FileName, TFileMode Mode) noexcept {
   const DWORD access = Mode == TFileMode::fmOpenRead ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
-  const DWORD share = Mode == TFileMode::fmOpenRead ? FILE_SHARE_READ | FILE_SHARE_WRITE : FILE_SHARE_READ;
+  const DWORD share =
+      Mode == TFileMode::fmOpenRead ? FILE_SHARE_READ | FILE_SHARE_WRITE : FILE_SHARE_READ;
   const DWORD disposition = Mode == TFileMode::fmCreate ? CREATE_ALWAYS : OPEN_EXISTING;
-  return ::CreateFileA(FileName.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return ::CreateFileA(FileName.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
 }
 
 std::string WithReason(const char* Text) {
@@ -62,7 +64,8 @@ int64_t TFileStream::Seek(int64_t Offset, TSeekOrigin Origin) {
 
 int64_t TFileStream::GetSize() {
   LARGE_INTEGER size;
-  if (!::GetFileSizeEx(Handle_.Get(), &size)) throw EStreamError(WithReason(messages::seStreamRead));
+  if (!::GetFileSizeEx(Handle_.Get(), &size))
+    throw EStreamError(WithReason(messages::seStreamRead));
   return size.QuadPart;
 }
 

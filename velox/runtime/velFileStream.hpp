@@ -13,16 +13,19 @@ enum class TFileMode : uint8_t {
   fmOpenReadWrite  ///< an existing file, for reading and writing
 };
 
-/// A stream over a file. Others may read the file meanwhile; a file opened for reading may also be written by others.
+/// A stream over a file. Others may read the file meanwhile; a file opened for reading may also be
+/// written by others.
 class VELOX_API TFileStream : public TStream {
  public:
   /// Raises EFCreateError or EFOpenError with the file's name and the system's reason.
   TFileStream(const std::string& FileName, TFileMode Mode);
   ~TFileStream() override;
 
-  int32_t Read(void* Buffer, int32_t Count) override;           ///< raises EReadError when the device fails
-  int32_t Write(const void* Buffer, int32_t Count) override;    ///< raises EWriteError, with the reason (disk full, …)
-  int64_t Seek(int64_t Offset, TSeekOrigin Origin) override;    ///< raises EStreamError before the beginning
+  int32_t Read(void* Buffer, int32_t Count) override;  ///< raises EReadError when the device fails
+  int32_t Write(const void* Buffer,
+                int32_t Count) override;  ///< raises EWriteError, with the reason (disk full, …)
+  int64_t Seek(int64_t Offset,
+               TSeekOrigin Origin) override;  ///< raises EStreamError before the beginning
   int64_t GetSize() override;
 
   const std::string& GetFileName() const noexcept { return FileName_; }

@@ -6,11 +6,13 @@
 
 namespace velox {
 
-/// Owns one kernel handle (event, thread, mapping, file, …) and closes it. INVALID_HANDLE_VALUE counts as none.
+/// Owns one kernel handle (event, thread, mapping, file, …) and closes it. INVALID_HANDLE_VALUE
+/// counts as none.
 class THandle {
  public:
   THandle() noexcept = default;
-  explicit THandle(HANDLE Handle) noexcept : Handle_(Handle == INVALID_HANDLE_VALUE ? nullptr : Handle) {}
+  explicit THandle(HANDLE Handle) noexcept
+      : Handle_(Handle == INVALID_HANDLE_VALUE ? nullptr : Handle) {}
   THandle(THandle&& Other) noexcept : Handle_(Other.Release()) {}
   THandle& operator=(THandle&& Other) noexcept {
     Reset(Other.Release());

@@ -1,7 +1,7 @@
 #pragma once
 
-/// The texts of the library that are meant to be translated, in one place. Texts that are fixed stand beside the code
-/// that raises them.
+/// The texts of the library that are meant to be translated, in one place. Texts that are fixed
+/// stand beside the code that raises them.
 namespace velox::messages {
 
 inline constexpr const char* seIncorrectParameters = "Incorrect parameters";
@@ -31,7 +31,8 @@ inline constexpr const char* seCannotCreateFile = "Cannot create file \"%s\". %s
 // Containers.
 inline constexpr const char* seInvalidIndex = "Invalid index";
 inline constexpr const char* seObjectIsNull = "Object cannot be null";
-inline constexpr const char* seCannotMoveElementInSortedArray = "Cannot move element in sorted array";
+inline constexpr const char* seCannotMoveElementInSortedArray =
+    "Cannot move element in sorted array";
 
 // Process and module information.
 inline constexpr const char* seVersionRootMissing = "Root block of version resource does not exist";

@@ -12,8 +12,9 @@ namespace velox {
 template <class Signature>
 class TMethod;
 
-/// A bound method: code paired with the object it runs on. It is a value of two pointers: copying is free, two methods
-/// are equal when both pointers are, and nothing is owned (the object must outlive the method).
+/// A bound method: code paired with the object it runs on. It is a value of two pointers: copying
+/// is free, two methods are equal when both pointers are, and nothing is owned (the object must
+/// outlive the method).
 ///
 ///     TReactionEvent event = TReactionEvent::Bind<&TReader::OnReady>(this);
 ///     if (event) event(sender);
@@ -30,7 +31,7 @@ class TMethod<R(Args...)> {
 
   /// A member function on an object.
   template <auto Member, class T>
-    requires std::is_member_function_pointer_v<decltype(Member)>
+  requires std::is_member_function_pointer_v<decltype(Member)>
   static constexpr TMethod Bind(T* AObject) noexcept {
     return TMethod(
         [](void* Object, Args... Arguments) -> R {
@@ -42,7 +43,9 @@ class TMethod<R(Args...)> {
   /// A free function or a class operation.
   template <auto Function>
   static constexpr TMethod Bind() noexcept {
-    return TMethod([](void*, Args... Arguments) -> R { return Function(std::forward<Args>(Arguments)...); }, nullptr);
+    return TMethod(
+        [](void*, Args... Arguments) -> R { return Function(std::forward<Args>(Arguments)...); },
+        nullptr);
   }
 
   /// A callable object, borrowed: a named lambda, say, that lives as long as the method is used.

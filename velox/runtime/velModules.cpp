@@ -69,8 +69,8 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD Reason, void* Terminating) {
       velox::FinalizeAll();
       return FALSE;
     case DLL_PROCESS_DETACH:
-      // When the process ends, its other threads were stopped wherever they were: whatever they held stays held, and
-      // the system takes everything back anyway.
+      // When the process ends, its other threads were stopped wherever they were: whatever they
+      // held stays held, and the system takes everything back anyway.
       if (Terminating == nullptr) velox::FinalizeAll();
       return TRUE;
     default:

@@ -9,10 +9,13 @@ TObject::~TObject() = default;
 
 std::string TObject::ClassName() const { return TypeName(typeid(*this)); }
 
-std::string TClass::GetName() const { return Info_ == nullptr ? std::string() : TypeName(*Info_->Type); }
+std::string TClass::GetName() const {
+  return Info_ == nullptr ? std::string() : TypeName(*Info_->Type);
+}
 
 std::unique_ptr<TObject> TClass::Create() const {
-  if (Info_ == nullptr || Info_->Construct == nullptr) throw Exception(messages::seClassCannotBeCreated);
+  if (Info_ == nullptr || Info_->Construct == nullptr)
+    throw Exception(messages::seClassCannotBeCreated);
   return std::unique_ptr<TObject>(Info_->Construct());
 }
 

@@ -12,7 +12,8 @@ namespace velox {
 
 class TObject;
 
-/// A reference to a class derived from TObject: a value that names it, compares, and makes objects of it.
+/// A reference to a class derived from TObject: a value that names it, compares, and makes objects
+/// of it.
 ///
 ///     TClass operation = TClass::Of<TTransferOperation>();
 ///     std::unique_ptr<TObject> made = operation.Create();
@@ -33,8 +34,8 @@ class VELOX_API TClass {
   /// The class's name without the library's namespace, empty for no class.
   std::string GetName() const;
 
-  /// A new object made by the class's default constructor. Raises Exception when the class is none, is abstract or
-  /// has no default constructor.
+  /// A new object made by the class's default constructor. Raises Exception when the class is none,
+  /// is abstract or has no default constructor.
   std::unique_ptr<TObject> Create() const;
 
   /// Two references are equal when they name the same class, whichever module they were made in.

@@ -21,7 +21,8 @@ void SingletonCreate(TSingletonSlot& Instance, const TSingletonConstructionRouti
         throw;
       }
     } else if (found == UnderConstruction()) {
-      while (Instance.load(std::memory_order_acquire) == UnderConstruction()) std::this_thread::yield();
+      while (Instance.load(std::memory_order_acquire) == UnderConstruction())
+        std::this_thread::yield();
     } else if (found != nullptr) {
       return;
     }

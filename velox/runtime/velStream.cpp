@@ -59,7 +59,8 @@ int32_t TMemoryStream::Write(const void* Buffer, int32_t Count) {
   const int64_t needed = Position_ + Count;
   if (needed > static_cast<int64_t>(Data_.capacity())) {
     // At least half as much again, so that many small writes cost linear time.
-    Data_.reserve(static_cast<size_t>(std::max(needed, std::min(Limit, GetSize() + GetSize() / 2))));
+    Data_.reserve(
+        static_cast<size_t>(std::max(needed, std::min(Limit, GetSize() + GetSize() / 2))));
   }
   if (needed > GetSize()) Data_.resize(static_cast<size_t>(needed));
   std::memcpy(Data_.data() + Position_, Buffer, static_cast<size_t>(Count));
@@ -71,7 +72,8 @@ int64_t TMemoryStream::Seek(int64_t Offset, TSeekOrigin Origin) {
   int64_t base = 0;
   if (Origin == TSeekOrigin::soCurrent) base = Position_;
   if (Origin == TSeekOrigin::soEnd) base = GetSize();
-  if (Offset < -base || Offset > std::numeric_limits<int64_t>::max() - base) throw EStreamError(messages::seStreamSeek);
+  if (Offset < -base || Offset > std::numeric_limits<int64_t>::max() - base)
+    throw EStreamError(messages::seStreamSeek);
   Position_ = base + Offset;
   return Position_;
 }

@@ -11,18 +11,20 @@ namespace velox {
 
 enum class TSeekOrigin : uint16_t { soBeginning = 0, soCurrent = 1, soEnd = 2 };
 
-/// A sequence of bytes with a position. Sizes and positions are bytes. A stream is used by one thread at a time.
+/// A sequence of bytes with a position. Sizes and positions are bytes. A stream is used by one
+/// thread at a time.
 class VELOX_API TStream : public TObject {
  public:
-  /// Reads up to Count bytes at the position, advances it and returns how many there were; fewer than Count, or 0,
-  /// at the end. A negative Count reads nothing.
+  /// Reads up to Count bytes at the position, advances it and returns how many there were; fewer
+  /// than Count, or 0, at the end. A negative Count reads nothing.
   virtual int32_t Read(void* Buffer, int32_t Count) = 0;
 
-  /// Writes at the position, advances it and returns how many bytes were taken; fewer than Count when the medium is
-  /// full.
+  /// Writes at the position, advances it and returns how many bytes were taken; fewer than Count
+  /// when the medium is full.
   virtual int32_t Write(const void* Buffer, int32_t Count) = 0;
 
-  /// Moves the position and returns the new one, counted from the beginning. Behind the end is allowed.
+  /// Moves the position and returns the new one, counted from the beginning. Behind the end is
+  /// allowed.
   virtual int64_t Seek(int64_t Offset, TSeekOrigin Origin) = 0;
 
   /// The size; the position stays where it is.

@@ -6,8 +6,9 @@
 
 namespace velox {
 
-/// A function of a system library that is loaded when the function is first called, so that loading this library does
-/// not load what the program may never use. Zero-cost to construct; keep it at namespace scope. Thread-safe.
+/// A function of a system library that is loaded when the function is first called, so that loading
+/// this library does not load what the program may never use. Zero-cost to construct; keep it at
+/// namespace scope. Thread-safe.
 ///
 ///     TSystemFunction<decltype(&::CoInitializeEx)> CoInitialize("ole32.dll", "CoInitializeEx");
 ///     if (CoInitialize) CoInitialize(nullptr, COINIT_MULTITHREADED);
@@ -19,7 +20,8 @@ class TSystemFunction<R(WINAPI*)(Args...)> {
  public:
   using TPointer = R(WINAPI*)(Args...);
 
-  constexpr TSystemFunction(const char* Library, const char* Name) noexcept : Library_(Library), Name_(Name) {}
+  constexpr TSystemFunction(const char* Library, const char* Name) noexcept
+      : Library_(Library), Name_(Name) {}
 
   /// Whether the system has the library and the function.
   explicit operator bool() const noexcept { return Get() != nullptr; }

@@ -1,7 +1,7 @@
 #pragma once
 
-/// The one place where Windows' own headers are included, the same way everywhere. What they rename by macro, and the
-/// library names itself, gets its own name back.
+/// The one place where Windows' own headers are included, the same way everywhere. What they rename
+/// by macro, and the library names itself, gets its own name back.
 
 #ifndef NOMINMAX
 #define NOMINMAX
