@@ -12,11 +12,11 @@ namespace {
 
 std::string Log;
 
+VELOX_COM_CLASSES_BEGIN
 /// Writes down each change of its count.
 class TCounting final : public IInterface {
  public:
   explicit TCounting(char AName) : Name(AName) {}
-  virtual ~TCounting() = default;
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
   ULONG STDMETHODCALLTYPE AddRef() override {
     Log += {'+', Name};
@@ -29,6 +29,7 @@ class TCounting final : public IInterface {
   const char Name;
   ULONG References = 0;
 };
+VELOX_COM_CLASSES_END
 
 std::string Taken() { return std::exchange(Log, {}); }
 

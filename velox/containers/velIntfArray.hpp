@@ -9,8 +9,10 @@
 
 namespace velox {
 
+VELOX_COM_CLASSES_BEGIN
 /// An enumerator of objects. Its operations are those of the container that hands it out.
 struct IObjectEnumerator : public IInterface {};
+VELOX_COM_CLASSES_END
 
 /// Gives a counted reference back.
 struct TInterfaceRelease {
