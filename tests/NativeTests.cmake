@@ -1,5 +1,7 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
+  containers/velAVLTree_test.cpp
+  containers/velCyclicBuffer_test.cpp
   containers/velObjArray_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp

@@ -33,6 +33,10 @@ inline constexpr const char* seInvalidIndex = "Invalid index";
 inline constexpr const char* seObjectIsNull = "Object cannot be null";
 inline constexpr const char* seCannotMoveElementInSortedArray =
     "Cannot move element in sorted array";
+inline constexpr const char* seBufferHaveNotBeenAllocated = "Buffer have not been allocated";
+inline constexpr const char* seCannotSetSize = "Cannot set size";
+inline constexpr const char* seBufferIsTooSmall = "Buffer is too small for its items";
+inline constexpr const char* seBufferIsDamaged = "Shared buffer is damaged";
 
 // Process and module information.
 inline constexpr const char* seVersionRootMissing = "Root block of version resource does not exist";

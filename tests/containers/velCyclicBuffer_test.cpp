@@ -1,0 +1,237 @@
+#include "velox/containers/velCyclicBuffer.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+using TBytes = std::vector<uint8_t>;
+
+template <class F>
+std::string MessageOf(F&& Action) {
+  try {
+    Action();
+  } catch (const Exception& raised) {
+    return raised.what();
+  }
+  return "";
+}
+
+int32_t Write(TCyclicBuffer& Ring, const std::string& Text) {
+  auto count = static_cast<int32_t>(Text.size()) / Ring.GetItemSize();
+  Ring.WriteData(Text.data(), count);
+  return count;
+}
+
+std::string Read(TCyclicBuffer& Ring, int32_t Count) {
+  std::string text(static_cast<size_t>(Count * Ring.GetItemSize()), '?');
+  Ring.ReadData(text.data(), Count);
+  text.resize(static_cast<size_t>(Count * Ring.GetItemSize()));
+  return text;
+}
+
+/// Reads and writes at random, through two objects when the ring is shared, against a deque that
+/// drops its oldest.
+void CompareWithModel(TCyclicBuffer& Writer, TCyclicBuffer& Reader, bool Overwritable,
+                      int Operations, unsigned Seed) {
+  std::mt19937 random(Seed);
+  std::deque<uint8_t> model;
+  const auto item = static_cast<size_t>(Writer.GetItemSize());
+  const auto room = static_cast<size_t>(Writer.GetSize() - 1);
+  Writer.SetOverwritable(Overwritable);
+  TBytes bytes((room + 3) * item);
+  uint8_t next = 0;
+  for (int i = 0; i < Operations; ++i) {
+    const size_t asked = random() % (room + 4);
+    auto count = static_cast<int32_t>(asked);
+    if (random() % 2 == 0) {
+      for (uint8_t& byte : bytes) byte = next++;
+      const size_t free = Overwritable ? room : room - model.size() / item;
+      Writer.WriteData(bytes.data(), count);
+      ASSERT_EQ(static_cast<size_t>(count), std::min(asked, free)) << i;
+      model.insert(model.end(), bytes.begin(),
+                   bytes.begin() + static_cast<ptrdiff_t>(item) * count);
+      while (model.size() > room * item) model.pop_front();
+    } else {
+      Reader.ReadData(bytes.data(), count);
+      ASSERT_EQ(static_cast<size_t>(count), std::min(asked, model.size() / item)) << i;
+      const auto end = model.begin() + static_cast<ptrdiff_t>(item) * count;
+      ASSERT_TRUE(std::equal(model.begin(), end, bytes.begin())) << i;
+      model.erase(model.begin(), end);
+    }
+    ASSERT_EQ(static_cast<size_t>(Reader.GetCount()), model.size() / item) << i;
+    ASSERT_EQ(Reader.GetEmpty(), model.empty()) << i;
+    ASSERT_EQ(static_cast<size_t>(Writer.GetAvailable()), room - model.size() / item) << i;
+  }
+}
+
+TEST(CyclicBuffer, BehavesAsItsModel) {
+  unsigned seed = 0;
+  for (const bool overwritable : {false, true}) {
+    for (const int32_t size : {2, 3, 7, 16}) {
+      TInternalCyclicBuffer internal;
+      internal.SetSize(size);
+      CompareWithModel(internal, internal, overwritable, 40'000, ++seed);
+      for (const int32_t item : {1, 3}) {
+        TExternalCyclicBuffer external;
+        TBytes storage(static_cast<size_t>(size * item));  // exactly, for the sanitizer
+        external.SetItemSize(item);
+        external.SetBuffer(storage.data(), size);
+        CompareWithModel(external, external, overwritable, 30'000, ++seed);
+      }
+      std::vector<uint32_t> block(3 + static_cast<size_t>(size + 3) / 4);
+      TSharedCyclicBuffer writer(true);
+      TSharedCyclicBuffer reader(false);
+      writer.SetBuffer(block.data(), size + 12);
+      reader.SetBuffer(block.data(), 0);
+      CompareWithModel(writer, reader, overwritable, 25'000, ++seed);
+    }
+  }
+}
+
+TEST(CyclicBuffer, HoldsOneItemLessThanItsSize) {
+  TInternalCyclicBuffer ring;
+  ring.SetSize(8);
+  EXPECT_EQ(ring.GetAvailable(), 7);
+  EXPECT_EQ(Write(ring, "abcdefghij"), 7);
+  EXPECT_EQ(ring.GetAvailable(), 0);
+  EXPECT_EQ(ring.GetMaximalAvailable(), 0);
+  EXPECT_EQ(Write(ring, "x"), 0);
+  ring.SetOverwritable(true);
+  EXPECT_EQ(ring.GetMaximalAvailable(), 7);
+  EXPECT_EQ(Write(ring, "12345678"), 7);
+  EXPECT_EQ(Read(ring, 20), "1234567");
+  EXPECT_TRUE(ring.GetEmpty());
+}
+
+TEST(CyclicBuffer, NeedsStorageForAnythingButNothing) {
+  const std::string unallocated = "Buffer have not been allocated";
+  TInternalCyclicBuffer internal;
+  TExternalCyclicBuffer external;
+  TSharedCyclicBuffer shared(true);
+  for (TCyclicBuffer* ring :
+       {static_cast<TCyclicBuffer*>(&internal), static_cast<TCyclicBuffer*>(&external),
+        static_cast<TCyclicBuffer*>(&shared)}) {
+    int32_t none = 0;
+    ring->ReadData(nullptr, none);
+    ring->WriteData(nullptr, none);
+    EXPECT_EQ(MessageOf([&] { Read(*ring, 1); }), unallocated);
+    EXPECT_EQ(MessageOf([&] { Write(*ring, "a"); }), unallocated);
+    EXPECT_EQ(ring->GetCount(), 0);
+    EXPECT_TRUE(ring->GetEmpty());
+    int32_t negative = -1;
+    EXPECT_EQ(MessageOf([&] { ring->ReadData(&none, negative); }), "Incorrect parameters");
+    EXPECT_EQ(MessageOf([&] { ring->WriteData(&none, negative); }), "Incorrect parameters");
+  }
+  EXPECT_EQ(MessageOf([&] { external.SetSize(8); }), "Cannot set size");
+  EXPECT_EQ(MessageOf([&] { shared.SetSize(8); }), "Cannot set size");
+  EXPECT_EQ(MessageOf([&] { internal.SetSize(-1); }), "Incorrect parameters");
+  EXPECT_EQ(MessageOf([&] { external.SetItemSize(0); }), "Incorrect parameters");
+  uint32_t block[3] = {};
+  EXPECT_EQ(MessageOf([&] { shared.SetBuffer(block, 11); }), "Incorrect parameters");
+}
+
+TEST(InternalCyclicBuffer, AnotherSizeDiscardsTheContents) {
+  TInternalCyclicBuffer ring;
+  ring.SetSize(8);
+  Write(ring, "abc");
+  ring.SetSize(8);
+  EXPECT_EQ(ring.GetCount(), 3);
+  ring.SetSize(9);
+  EXPECT_EQ(ring.GetCount(), 0);
+  Write(ring, "abc");
+  ring.SetSize(0);
+  EXPECT_EQ(MessageOf([&] { Read(ring, 1); }), "Buffer have not been allocated");
+}
+
+TEST(InternalCyclicBuffer, SizeIsBytesOfStorageAlsoForLargerItems) {
+  TInternalCyclicBuffer ring;
+  ring.SetItemSize(4);
+  ring.SetSize(16);
+  EXPECT_EQ(MessageOf([&] { ring.SetItemSize(2); }), "Already Allocated");
+  EXPECT_EQ(ring.GetAvailable(), 15);
+  EXPECT_EQ(Write(ring, "aaaabbbbccccdddd"), 4);
+  EXPECT_EQ(MessageOf([&] { Write(ring, "eeee"); }), "Buffer is too small for its items");
+  EXPECT_EQ(Read(ring, 9), "aaaabbbbccccdddd");
+}
+
+/// A block of size 4 as a peer may leave it.
+struct TBlock {
+  uint32_t Size = 4, Head = 0, Tail = 0;
+  char Data[4] = {'a', 'b', 'c', 'd'};
+};
+
+TEST(SharedCyclicBuffer, WordsStandAtTheirPlaces) {
+  TBlock block{77, 77, 77};
+  TSharedCyclicBuffer creator(true);
+  creator.SetBuffer(&block, sizeof block);
+  EXPECT_EQ(block.Size, 4u);
+  EXPECT_EQ(block.Head, 0u);
+  EXPECT_EQ(block.Tail, 0u);
+  Write(creator, "wxy");
+  EXPECT_EQ(std::string(block.Data, 4), "wxyd");
+  EXPECT_EQ(block.Tail, 3u);
+  EXPECT_EQ(Read(creator, 2), "wx");
+  EXPECT_EQ(block.Head, 2u);
+  EXPECT_EQ(creator.GetHead() - reinterpret_cast<uint8_t*>(&block), 14);
+
+  TSharedCyclicBuffer opener(false);
+  opener.SetBuffer(&block, 3);
+  EXPECT_EQ(opener.GetSize(), 4);
+  EXPECT_EQ(Read(opener, 9), "y");
+  Write(opener, "z");  // a position at the end stays there
+  EXPECT_EQ(block.Tail, 4u);
+  EXPECT_EQ(block.Head, 3u);
+  EXPECT_EQ(Read(creator, 9), "z");
+  EXPECT_EQ(block.Head, 4u);
+  Write(creator, "q");
+  EXPECT_EQ(block.Tail, 1u);
+  EXPECT_EQ(block.Head, 0u);
+}
+
+TEST(SharedCyclicBuffer, OverwritingUpToTheEndLeavesTheHeadOneItemBehindIt) {
+  TBlock block;
+  TSharedCyclicBuffer ring(true);
+  ring.SetBuffer(&block, sizeof block);
+  ring.SetOverwritable(true);
+  Write(ring, "abc");
+  Write(ring, "d");
+  EXPECT_EQ(block.Tail, 4u);
+  EXPECT_EQ(block.Head, 5u);
+  EXPECT_EQ(ring.GetCount(), 3);
+  EXPECT_EQ(Read(ring, 1), "b");
+  EXPECT_EQ(block.Head, 2u);
+  EXPECT_EQ(Read(ring, 9), "cd");
+}
+
+TEST(SharedCyclicBuffer, BrokenWordsAreRefused) {
+  const std::string damaged = "Shared buffer is damaged";
+  const TBlock cases[] = {{4, 6, 0},          {4, 0, 5},          {4, 0xFFFFFFFF, 0},
+                          {4, 0, 0x80000000}, {0x80000000, 0, 0}, {0xFFFFFFFF, 1, 1}};
+  for (TBlock block : cases) {
+    TSharedCyclicBuffer ring(false);
+    ring.SetBuffer(&block, 0);
+    EXPECT_EQ(MessageOf([&] { Read(ring, 1); }), damaged);
+    EXPECT_EQ(MessageOf([&] { Write(ring, "x"); }), damaged);
+    EXPECT_EQ(MessageOf([&] { ring.GetCount(); }), damaged);
+    EXPECT_EQ(std::string(block.Data, 4), "abcd");
+  }
+  // The creator knows how long the block is.
+  TBlock grown;
+  TSharedCyclicBuffer creator(true);
+  creator.SetBuffer(&grown, sizeof grown);
+  grown.Size = 5;
+  EXPECT_EQ(MessageOf([&] { Write(creator, "x"); }), damaged);
+}
+
+}  // namespace
+}  // namespace velox
