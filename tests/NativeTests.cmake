@@ -1,8 +1,10 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
   containers/velObjArray_test.cpp
+  codecs/velZLib_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
   runtime/velStream_test.cpp)
-add_executable(velox_native_tests native/main.cpp ${VELOX_NATIVE_TESTS})
+add_executable(velox_native_tests native/main.cpp native/zlib_reference_test.cpp ${VELOX_NATIVE_TESTS})
 target_link_libraries(velox_native_tests PRIVATE velox velox_options gtest)
+target_compile_definitions(velox_native_tests PRIVATE VELOX_TESTS_DIRECTORY="${CMAKE_CURRENT_SOURCE_DIR}")
