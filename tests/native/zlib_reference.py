@@ -17,8 +17,8 @@ LARGEST = 1 << 20
 def plain_bytes(rng, index):
     if index < 2:  # both ends of the range
         size = index * LARGEST
-    else:  # small ones as often as large ones
-        size = int(LARGEST ** rng.random())
+    else:  # far more small ones than large ones
+        size = int(LARGEST ** rng.random() ** 1.5)
     noise = rng.randbytes(size)
     kind = rng.randrange(4)
     if kind == 0:

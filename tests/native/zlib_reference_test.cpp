@@ -28,6 +28,13 @@ std::string OutputOf(const std::string& Command) {
   return ::pclose(pipe) == 0 ? output : std::string();
 }
 
+struct TFolder {
+  TFolder() { std::filesystem::create_directory(Path); }
+  ~TFolder() { std::filesystem::remove_all(Path); }
+  const std::filesystem::path Path = std::filesystem::temp_directory_path() /
+                                     ("velox-zlib-" + std::to_string(std::random_device{}()));
+};
+
 std::string ReadBlock(std::istream& File) {
   uint8_t size[4];
   File.read(reinterpret_cast<char*>(size), 4);
@@ -79,11 +86,9 @@ TEST(ZLib, AgreesWithPython) {
     GTEST_SKIP() << "python3 with its zlib module, the reference, is not installed";
   }
   const std::string script = "python3 '" VELOX_TESTS_DIRECTORY "/native/zlib_reference.py' ";
-  const auto folder = std::filesystem::temp_directory_path() /
-                      ("velox-zlib-" + std::to_string(std::random_device{}()));
-  std::filesystem::create_directory(folder);
-  const std::string theirs = (folder / "theirs").string();
-  const std::string ours = (folder / "ours").string();
+  const TFolder folder;
+  const std::string theirs = (folder.Path / "theirs").string();
+  const std::string ours = (folder.Path / "ours").string();
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   TRandom random(seed);
@@ -104,7 +109,6 @@ TEST(ZLib, AgreesWithPython) {
     }
   }
   EXPECT_EQ(OutputOf(script + "check " + ours), std::to_string(BufferCount) + "\n");
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace
