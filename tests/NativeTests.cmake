@@ -1,11 +1,16 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
+  native/main.cpp
+  native/zlib_reference_test.cpp
+  codecs/velZLib_test.cpp
   containers/velAVLTree_test.cpp
   containers/velCyclicBuffer_test.cpp
   containers/velObjArray_test.cpp
+  foundation/velSysUtils_memory_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
   runtime/velStream_test.cpp
-  foundation/velSysUtils_memory_test.cpp)
-add_executable(velox_native_tests native/main.cpp ${VELOX_NATIVE_TESTS})
+)
+add_executable(velox_native_tests ${VELOX_NATIVE_TESTS})
 target_link_libraries(velox_native_tests PRIVATE velox velox_options gtest)
+target_compile_definitions(velox_native_tests PRIVATE VELOX_TESTS_DIRECTORY="${CMAKE_CURRENT_SOURCE_DIR}")

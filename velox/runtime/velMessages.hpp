@@ -48,4 +48,8 @@ inline constexpr const char* seOperationOnActiveTask = "Cannot perform operation
 inline constexpr const char* seInvalidEvent = "Invalid event specified";
 inline constexpr const char* seInvalidWindow = "Invalid window handle specified";
 
+// Compression.
+inline constexpr const char* sTargetBufferTooSmall = "ZLib error: target buffer may be too small";
+inline constexpr const char* sInvalidStreamOp = "Invalid stream operation";
+
 }  // namespace velox::messages
