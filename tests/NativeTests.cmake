@@ -1,6 +1,7 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
   containers/velObjArray_test.cpp
+  codecs/velBinary_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
   runtime/velStream_test.cpp
