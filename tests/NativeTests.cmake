@@ -2,6 +2,7 @@
 set(VELOX_NATIVE_TESTS
   containers/velObjArray_test.cpp
   codecs/velBinary_test.cpp
+  codecs/velHash_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
   runtime/velStream_test.cpp

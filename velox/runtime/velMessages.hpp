@@ -39,4 +39,8 @@ inline constexpr const char* seOperationOnActiveTask = "Cannot perform operation
 inline constexpr const char* seInvalidEvent = "Invalid event specified";
 inline constexpr const char* seInvalidWindow = "Invalid window handle specified";
 
+// Codecs.
+inline constexpr const char* seAssertionFailed = "Assertion failure";
+inline constexpr const char* seSizeMustBeEven = "Size must be 2 * n";
+
 }  // namespace velox::messages

@@ -20,6 +20,7 @@ struct TModule {
 constexpr TModule Table[] = {
     {"runtime", &modules::InitializeRuntime, &modules::FinalizeRuntime},
     {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
+    {"velHash", nullptr, &modules::FinalizeHash},
 };
 
 size_t Initialized = 0;

@@ -8,5 +8,6 @@ namespace velox::modules {
 void InitializeRuntime();
 void FinalizeRuntime() noexcept;
 void FinalizeSyncUtils() noexcept;
+void FinalizeHash() noexcept;
 
 }  // namespace velox::modules
