@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -32,8 +30,8 @@ int32_t SizeOf(const TBytes& Bytes) { return static_cast<int32_t>(Bytes.size());
 
 /// "123456789" with room for a check value behind it.
 TBytes DigitsWithRoom(size_t Room) {
-  TBytes bytes(Digits, Digits + 9);
-  bytes.resize(9 + Room, 0xEE);
+  TBytes bytes(9 + Room, 0xEE);
+  std::copy(Digits, Digits + 9, bytes.begin());
   return bytes;
 }
 

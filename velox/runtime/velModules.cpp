@@ -21,6 +21,7 @@ constexpr TModule Table[] = {
     {"runtime", &modules::InitializeRuntime, &modules::FinalizeRuntime},
     {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
     {"velHash", nullptr, &modules::FinalizeHash},
+    {"velHash_md5", nullptr, &modules::FinalizeMD5},
 };
 
 size_t Initialized = 0;

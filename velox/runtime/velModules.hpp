@@ -9,5 +9,6 @@ void InitializeRuntime();
 void FinalizeRuntime() noexcept;
 void FinalizeSyncUtils() noexcept;
 void FinalizeHash() noexcept;
+void FinalizeMD5() noexcept;
 
 }  // namespace velox::modules

@@ -17,8 +17,9 @@
 #include <ws2tcpip.h>
 // Winsock comes first: windows.h would bring its predecessor.
 #include <windows.h>
-// COM's base, which windows.h leaves out here.
+// COM's base and CryptoAPI, which windows.h leaves out here.
 #include <objbase.h>
+#include <wincrypt.h>
 
 #undef CreateEvent
 #undef CreateMutex
