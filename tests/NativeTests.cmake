@@ -7,6 +7,8 @@ set(VELOX_NATIVE_TESTS
   containers/velCyclicBuffer_test.cpp
   containers/velObjArray_test.cpp
   foundation/velSysUtils_memory_test.cpp
+  codecs/velBinary_test.cpp
+  codecs/velHash_test.cpp
   runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
   runtime/velStream_test.cpp

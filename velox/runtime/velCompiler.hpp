@@ -25,8 +25,8 @@
 #define VELOX_PRINTF(PatternPosition, FirstArgument) \
   __attribute__((format(gnu_printf, PatternPosition, FirstArgument)))
 
-/// Stand around classes derived from a COM interface: those have no virtual destructor, since their layout is fixed, and
-/// the compiler would warn of it.
+/// Stand around classes derived from a COM interface: those have no virtual destructor, since their
+/// layout is fixed, and the compiler would warn of it.
 #define VELOX_COM_CLASSES_BEGIN \
   _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wnon-virtual-dtor\"")
 #define VELOX_COM_CLASSES_END _Pragma("GCC diagnostic pop")

@@ -8,7 +8,8 @@ namespace velox {
 namespace {
 
 HANDLE OpenFileFor(const std::string& FileName, TFileMode Mode) noexcept {
-  const DWORD access = Mode == TFileMode::fmOpenRead ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
+  const bool reads = Mode == TFileMode::fmOpenRead || Mode == TFileMode::fmOpenReadDenyWrite;
+  const DWORD access = reads ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
   const DWORD share =
       Mode == TFileMode::fmOpenRead ? FILE_SHARE_READ | FILE_SHARE_WRITE : FILE_SHARE_READ;
   const DWORD disposition = Mode == TFileMode::fmCreate ? CREATE_ALWAYS : OPEN_EXISTING;

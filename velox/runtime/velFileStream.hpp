@@ -8,13 +8,14 @@
 namespace velox {
 
 enum class TFileMode : uint8_t {
-  fmCreate,        ///< makes a new file, or empties the one there is; for reading and writing
-  fmOpenRead,      ///< an existing file, for reading
-  fmOpenReadWrite  ///< an existing file, for reading and writing
+  fmCreate,             ///< makes a new file, or empties the one there is; for reading and writing
+  fmOpenRead,           ///< an existing file, for reading
+  fmOpenReadDenyWrite,  ///< an existing file, for reading, that nobody writes meanwhile
+  fmOpenReadWrite       ///< an existing file, for reading and writing
 };
 
-/// A stream over a file. Others may read the file meanwhile; a file opened for reading may also be
-/// written by others.
+/// A stream over a file. Others may read the file meanwhile; a file opened with fmOpenRead may also
+/// be written by others.
 class VELOX_API TFileStream : public TStream {
  public:
   /// Raises EFCreateError or EFOpenError with the file's name and the system's reason.

@@ -51,5 +51,8 @@ inline constexpr const char* seInvalidWindow = "Invalid window handle specified"
 // Compression.
 inline constexpr const char* sTargetBufferTooSmall = "ZLib error: target buffer may be too small";
 inline constexpr const char* sInvalidStreamOp = "Invalid stream operation";
+// Codecs.
+inline constexpr const char* seAssertionFailed = "Assertion failure";
+inline constexpr const char* seSizeMustBeEven = "Size must be 2 * n";
 
 }  // namespace velox::messages

@@ -23,6 +23,8 @@ constexpr TModule Table[] = {
     {"velModuleInfo", nullptr, &modules::FinalizeModuleInfo},
     {"velTrace", &modules::InitializeTrace, &modules::FinalizeTrace},
     {"velReactor", nullptr, &modules::FinalizeReactor},
+    {"velHash", nullptr, &modules::FinalizeHash},
+    {"velHash_md5", nullptr, &modules::FinalizeMD5},
 };
 
 size_t Initialized = 0;

@@ -14,5 +14,7 @@ void FinalizeModuleInfo() noexcept;
 void InitializeTrace();
 void FinalizeTrace() noexcept;
 void FinalizeReactor() noexcept;
+void FinalizeHash() noexcept;
+void FinalizeMD5() noexcept;
 
 }  // namespace velox::modules

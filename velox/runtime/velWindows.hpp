@@ -17,10 +17,11 @@
 #include <ws2tcpip.h>
 // Winsock comes first: windows.h would bring its predecessor.
 #include <windows.h>
-// COM's base, which windows.h leaves out here.
+// COM's base and CryptoAPI, which windows.h leaves out here.
 #include <objbase.h>
 // Snapshots of processes and threads; version resources.
 #include <tlhelp32.h>
+#include <wincrypt.h>
 #include <winver.h>
 
 #undef CreateEvent

@@ -1,0 +1,218 @@
+// Prints checksums, CRCs and MD5 digests of files.
+//
+//     velhash [--crc8 --crc16 --crc16-ccitt --crc16-xmodem --crc32 --crc64 --sum8 --sum16 --sum32
+//     --adler32
+//              --fletcher --md5] FILE…
+//
+// One line for each value, in the order of the options, file by file: the option's name, the value,
+// the file. Without an option: crc32 and md5. The file "-" is standard input. Exit code 1 when a
+// value could not be computed (the others still are), 2 when the command line is wrong.
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "velox/codecs/velHash.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velFileStream.hpp"
+#include "velox/runtime/velFormat.hpp"
+#include "velox/runtime/velWindows.hpp"
+
+using namespace velox;
+
+namespace {
+
+/// A value being computed.
+struct TSum {
+  std::function<void(const void*, int32_t)> Update;
+  std::function<std::string()> Text;  // the value, in lower-case hexadecimal
+};
+
+template <class T>
+std::string Hexadecimal(T Value) {
+  return Format("%0*llx", static_cast<int>(2 * sizeof(T)), static_cast<unsigned long long>(Value));
+}
+
+/// With a CRC of its own, since the named instances are shared; it has the parameters of the named
+/// one.
+template <class T>
+TSum Crc(T* Named) {
+  auto value = std::make_shared<decltype(Named->GetInitialValue())>(Named->GetInitialValue());
+  return {[=](const void* data, int32_t size) { Named->UpdateThreadSafe(data, size, *value); },
+          [=] { return Hexadecimal(Named->GetFinalCRC(*value)); }};
+}
+
+template <class T>
+TSum Checksum() {
+  auto sum = std::make_shared<T>();
+  return {[=](const void* data, int32_t size) { sum->Update(data, size); },
+          [=] { return Hexadecimal(sum->GetCurrentChecksum()); }};
+}
+
+TSum Fletcher() {
+  TSum sum = Checksum<TFletcherChecksum>();
+  const auto update = sum.Update;
+  sum.Update = [=](const void* data, int32_t size) {
+    if (size % 2 != 0) throw Exception("it takes an even number of bytes, and this is an odd one");
+    update(data, size);
+  };
+  return sum;
+}
+
+TSum Digest() {
+  auto md5 = std::make_shared<TMD5>();
+  return {[=](const void* data, int32_t size) { md5->Update(data, size); },
+          [=] {
+            TMD5Digest digest;
+            md5->GetCurrentMD5(digest);
+            std::string text = TMD5::ToString(digest);
+            std::transform(text.begin(), text.end(), text.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            return text;
+          }};
+}
+
+struct TAlgorithm {
+  std::string Name;
+  TSum (*Start)();
+};
+
+const std::vector<TAlgorithm> Algorithms = {
+    {"crc8", [] { return Crc(TCRC8::GetInstanceIButton()); }},
+    {"crc16", [] { return Crc(TCRC16::GetInstanceStandard()); }},
+    {"crc16-ccitt", [] { return Crc(TCRC16::GetInstanceCITT()); }},
+    {"crc16-xmodem", [] { return Crc(TCRC16::GetInstanceXModem()); }},
+    {"crc32", [] { return Crc(TCRC32::GetInstanceStandard()); }},
+    {"crc64", [] { return Crc(TCRC64::GetInstanceStandard()); }},
+    {"sum8", [] { return Checksum<TChecksum8>(); }},
+    {"sum16", [] { return Checksum<TChecksum16>(); }},
+    {"sum32", [] { return Checksum<TChecksum32>(); }},
+    {"adler32", [] { return Checksum<TAdler32Checksum>(); }},
+    {"fletcher", [] { return Fletcher(); }},
+    {"md5", [] { return Digest(); }},
+};
+
+const TAlgorithm* FindAlgorithm(const std::string& Name) {
+  const auto found = std::find_if(Algorithms.begin(), Algorithms.end(),
+                                  [&](const TAlgorithm& a) { return a.Name == Name; });
+  return found == Algorithms.end() ? nullptr : &*found;
+}
+
+/// The bytes of a file or of standard input.
+class TInput {
+ public:
+  explicit TInput(const std::string& Name) {
+    if (Name != "-") File_ = std::make_unique<TFileStream>(Name, TFileMode::fmOpenRead);
+  }
+
+  /// Fills the block; fewer bytes only at the end. Whole blocks keep words of 16 bits together.
+  int32_t ReadBlock(std::vector<uint8_t>& Block) {
+    int32_t size = 0;
+    while (size < static_cast<int32_t>(Block.size())) {
+      const int32_t count = Read(Block.data() + size, static_cast<int32_t>(Block.size()) - size);
+      if (count <= 0) break;
+      size += count;
+    }
+    return size;
+  }
+
+ private:
+  int32_t Read(void* Buffer, int32_t Count) {
+    if (File_) return File_->Read(Buffer, Count);
+    DWORD done = 0;
+    if (::ReadFile(::GetStdHandle(STD_INPUT_HANDLE), Buffer, static_cast<DWORD>(Count), &done,
+                   nullptr)) {
+      return static_cast<int32_t>(done);
+    }
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_BROKEN_PIPE || error == ERROR_HANDLE_EOF) return 0;  // the writer is done
+    throw EReadError(Format("Cannot read standard input, error %lu", error));
+  }
+
+  std::unique_ptr<TFileStream> File_;
+};
+
+void Complain(const std::string& File, const char* Text) {
+  std::fprintf(stderr, "velhash: %s: %s\n", File.c_str(), Text);
+}
+
+/// Prints the values of one file. False, with a message, when one of them could not be computed.
+bool PrintSums(const std::string& File, const std::vector<const TAlgorithm*>& Chosen) {
+  struct TRunning {
+    const TAlgorithm* Algorithm;
+    TSum Sum;
+    std::string Failure;
+  };
+  try {
+    TInput input(File);
+    std::vector<TRunning> sums;
+    for (const TAlgorithm* algorithm : Chosen) sums.push_back({algorithm, algorithm->Start(), {}});
+
+    std::vector<uint8_t> block(256 * 1024);
+    while (const int32_t size = input.ReadBlock(block)) {
+      for (TRunning& running : sums) {
+        try {
+          if (running.Failure.empty()) running.Sum.Update(block.data(), size);
+        } catch (const Exception& e) {
+          running.Failure = e.what();
+        }
+      }
+    }
+
+    bool complete = true;
+    for (TRunning& running : sums) {
+      const char* name = running.Algorithm->Name.c_str();
+      if (running.Failure.empty()) {
+        std::printf("%s  %s  %s\n", name, running.Sum.Text().c_str(), File.c_str());
+        continue;
+      }
+      Complain(File, Format("no %s value: %s", name, running.Failure.c_str()).c_str());
+      complete = false;
+    }
+    return complete;
+  } catch (const std::exception& e) {
+    Complain(File, e.what());
+    return false;
+  }
+}
+
+int Usage() {
+  std::string names;
+  for (const TAlgorithm& algorithm : Algorithms) names += " [--" + algorithm.Name + "]";
+  std::fprintf(stderr, "usage: velhash%s FILE...\nthe file \"-\" is standard input\n",
+               names.c_str());
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<const TAlgorithm*> chosen;
+  std::vector<std::string> files;
+  for (const std::string& argument : std::vector<std::string>(argv + 1, argv + argc)) {
+    if (!argument.starts_with("--")) {
+      files.push_back(argument);
+      continue;
+    }
+    const TAlgorithm* algorithm = FindAlgorithm(argument.substr(2));
+    if (algorithm == nullptr) {
+      Complain(argument, "no such option");
+      return Usage();
+    }
+    chosen.push_back(algorithm);
+  }
+  if (files.empty()) return Usage();
+  if (chosen.empty()) chosen = {FindAlgorithm("crc32"), FindAlgorithm("md5")};
+
+  bool complete = true;
+  for (const std::string& file : files) complete = PrintSums(file, chosen) && complete;
+  if (std::fflush(stdout) != 0) {
+    Complain("standard output", "cannot be written");
+    complete = false;
+  }
+  return complete ? 0 : 1;
+}
