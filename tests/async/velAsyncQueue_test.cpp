@@ -1,0 +1,287 @@
+#include "velox/async/velAsyncQueue.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "tests/async/apc_thread.hpp"
+#include "tests/support/support.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velHandle.hpp"
+
+namespace velox {
+namespace {
+
+using enum TCallState;
+using enum TAsynchronousCallQueueState;
+using test::TApcThread;
+
+// The message of what Body raises, empty when it raises nothing.
+template <class F>
+std::string MessageOf(F&& Body) {
+  try {
+    Body();
+  } catch (const Exception& e) {
+    return e.what();
+  }
+  return {};
+}
+
+struct TRecorder {
+  std::atomic<int> Runs{0};
+  std::atomic<DWORD> Thread{0};
+  std::function<void()> During;
+  void Handle(TAsynchronousCall&, bool&) {
+    Thread = ::GetCurrentThreadId();
+    if (During) During();
+    ++Runs;
+  }
+  TAsynchronousCallHandler Handler() {
+    return TAsynchronousCallHandler::Bind<&TRecorder::Handle>(this);
+  }
+  void HandleQueued(TAsynchronousCallQueue&, void* Data) {
+    Thread = ::GetCurrentThreadId();
+    if (During) During();
+    if (Data != nullptr) ++*static_cast<std::atomic<int>*>(Data);
+    ++Runs;
+  }
+  TAsynchronousCallQueueHandler QueueHandler() {
+    return TAsynchronousCallQueueHandler::Bind<&TRecorder::HandleQueued>(this);
+  }
+};
+
+TEST(AsynchronousCall, RunsOnItsThreadAndCanBeUsedAgain) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  for (int i = 1; i <= 3; ++i) {
+    call.Queue(true);
+    EXPECT_EQ(recorder.Runs, i);
+    EXPECT_EQ(recorder.Thread, target.Id());
+    EXPECT_EQ(call.GetState(), clsFree);
+  }
+  EXPECT_EQ(call.WaitForFinished(), WAIT_OBJECT_0);
+}
+
+TEST(AsynchronousCall, RunsAtOnceOnTheCallingThread) {
+  const THandle own(GetRealCurrentThreadHandle());
+  TRecorder recorder;
+  TAsynchronousCall call(own.Get(), ::GetCurrentThreadId(), recorder.Handler());
+  call.Queue(false);
+  EXPECT_EQ(recorder.Runs, 1);
+}
+
+TEST(AsynchronousCall, RefusesWhatCannotRun) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCall bare;
+  EXPECT_EQ(MessageOf([&] { bare.Queue(false); }), "Incorrect parameters");
+  EXPECT_EQ(MessageOf([&] { bare.QueueEx(target.Handle(), target.Id(), nullptr, false); }),
+            "Incorrect parameters");
+  target.Hold();
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  call.Queue(false);
+  EXPECT_EQ(MessageOf([&] { call.Queue(false); }), "Call is busy");
+  target.Release();
+  call.WaitForFinished();
+  THandle event(::CreateEventA(nullptr, FALSE, FALSE, nullptr));  // no thread
+  EXPECT_THROW(call.QueueEx(event.Get(), target.Id(), recorder.Handler(), false), EOSError);
+  EXPECT_EQ(call.GetState(), clsFree);
+}
+
+TEST(AsynchronousCall, CancelledBeforeItsRunItIsSkipped) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  target.Hold();
+  call.Queue(false);
+  EXPECT_FALSE(call.Cancel());
+  EXPECT_EQ(call.GetState(), clsCancelled);
+  target.Release();
+  call.WaitForFinished();
+  EXPECT_EQ(recorder.Runs, 0);
+  EXPECT_EQ(call.GetState(), clsFree);
+  EXPECT_FALSE(call.Cancel());
+}
+
+TEST(AsynchronousCall, CancelledDuringItsRunItIsWaitedFor) {
+  TApcThread target;
+  TRecorder recorder;
+  std::atomic<bool> inside{false};
+  std::atomic<bool> go{false};
+  recorder.During = [&] {
+    inside = true;
+    test::WaitUntil([&] { return go.load(); });
+  };
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  call.Queue(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  std::thread release([&] {
+    test::WaitUntil([&] { return call.GetState() == clsCancelled; });
+    go = true;
+  });
+  EXPECT_TRUE(call.Cancel());
+  EXPECT_EQ(recorder.Runs, 1);
+  EXPECT_EQ(call.GetState(), clsFree);
+  release.join();
+}
+
+TEST(AsynchronousCall, WaitsEndWithTheTargetThread) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  target.Hold();
+  call.Queue(false);
+  std::thread stop([&] {
+    ::SleepEx(20, FALSE);
+    target.StopWithoutApcs();
+  });
+  EXPECT_EQ(call.WaitForFinished(), WAIT_OBJECT_0 + 1);
+  stop.join();
+}
+
+TEST(AsynchronousCall, AHandlerThatRaisesReachesTheWaitOfItsThread) {
+  TApcThread target;
+  TRecorder recorder;
+  recorder.During = [] { throw Exception("from the handler"); };
+  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  call.Queue(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return target.Caught() == 1; }));
+  EXPECT_EQ(call.GetState(), clsInCall);
+  target.Stop();
+}
+
+TEST(AsynchronousCallQueue, RunsInOrderOnTheBoundThreadOnly) {
+  TApcThread target;
+  std::vector<int> order;
+  struct TStep {
+    std::vector<int>& Order;
+    int Number;
+  };
+  auto append = [](TAsynchronousCallQueue&, void* Data) {
+    static_cast<TStep*>(Data)->Order.push_back(static_cast<TStep*>(Data)->Number);
+  };
+  TAsynchronousCallQueue queue;
+  queue.Activate(target.Handle(), target.Id());
+  EXPECT_EQ(queue.GetState(), acqsActive);
+  target.Hold();
+  std::vector<TStep> steps;
+  for (int i = 0; i < 100; ++i) steps.push_back({order, i});
+  for (TStep& step : steps) queue.Queue(TAsynchronousCallQueueHandler::To(append), &step);
+  EXPECT_EQ(queue.GetPending(), 100);
+  EXPECT_TRUE(order.empty());
+  target.Release();
+  EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
+  EXPECT_EQ(queue.GetPending(), 0);
+  ASSERT_EQ(order.size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<size_t>(i)], i);
+}
+
+TEST(AsynchronousCallQueue, BoundToTheCallingThreadItRunsAtOnce) {
+  TRecorder recorder;
+  TAsynchronousCallQueue queue;
+  EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "Queue is inactive");
+  EXPECT_EQ(queue.GetPending(), 0);
+  queue.Activate(nullptr, 0);
+  queue.Activate(nullptr, 0);  // does nothing
+  queue.Queue(recorder.QueueHandler(), nullptr);
+  EXPECT_EQ(recorder.Runs, 1);
+  std::string inside;
+  recorder.During = [&] { inside = MessageOf([&] { queue.Wait(); }); };
+  queue.Queue(recorder.QueueHandler(), nullptr);
+  EXPECT_EQ(inside, "Queue is in call now and can be deadlocked");
+  EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
+}
+
+TEST(AsynchronousCallQueue, DeactivationWaitsForWhatIsPendingAndEndsInactive) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCallQueue queue;
+  queue.Deactivate(true);
+  EXPECT_EQ(queue.GetState(), acqsInactive);
+  queue.Activate(target.Handle(), target.Id());
+  target.Hold();
+  for (int i = 0; i < 5; ++i) queue.Queue(recorder.QueueHandler(), nullptr);
+  std::thread release([&] {
+    test::WaitUntil([&] { return queue.GetState() == acqsDeactivating; });
+    target.Release();
+  });
+  queue.Deactivate(true);
+  EXPECT_EQ(recorder.Runs, 5);
+  EXPECT_EQ(queue.GetState(), acqsInactive);
+  release.join();
+
+  queue.Activate(target.Handle(), target.Id());
+  queue.Deactivate(true);  // nothing pending: it stays so
+  EXPECT_EQ(queue.GetState(), acqsDeactivating);
+  queue.Activate(target.Handle(), target.Id());
+  EXPECT_EQ(queue.GetState(), acqsDeactivating);
+  EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "Queue is inactive");
+}
+
+// Eight threads send 20,000 calls to two threads, through queues and through single calls that they
+// cancel and destroy at random. Every call that was not cancelled runs exactly once, and nothing is
+// left behind.
+TEST(AsyncStress, NoCallIsLostOrDoubledAndNothingIsLeft) {
+  constexpr int Threads = 8;
+  constexpr int Operations = 20'000 / Threads;
+  TApcThread targets[2];
+  const auto round = [&] {
+    TAsynchronousCallQueue queues[2];
+    for (int i = 0; i < 2; ++i) queues[i].Activate(targets[i].Handle(), targets[i].Id());
+    std::atomic<int> queued{0};
+    std::atomic<int> expected{0};
+    std::atomic<int> cancelled{0};
+    TRecorder viaQueue;
+    TRecorder viaCall;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < Threads; ++t) {
+      senders.emplace_back([&, t] {
+        std::minstd_rand random(static_cast<unsigned>(t + 1));
+        for (int n = 0; n < Operations; ++n) {
+          const size_t target = random() % 2;
+          switch (random() % 4) {
+            case 0: {
+              TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
+                                     viaCall.Handler());
+              call.Queue(random() % 2 == 0);
+              if (random() % 2 == 0) call.Cancel();
+              call.WaitForFinished();
+              EXPECT_EQ(call.GetState(), clsFree);
+              ++expected;
+              break;
+            }
+            case 1: {
+              auto call = std::make_unique<TAsynchronousCall>(
+                  targets[target].Handle(), targets[target].Id(), viaCall.Handler());
+              call->Queue(false);
+              ++cancelled;  // destroyed at once: it may or may not have run
+              break;
+            }
+            default:
+              ++queued;
+              queues[target].Queue(viaQueue.QueueHandler(), nullptr);
+          }
+        }
+      });
+    }
+    for (std::thread& sender : senders) sender.join();
+    for (TAsynchronousCallQueue& queue : queues) EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
+    EXPECT_EQ(viaQueue.Runs, queued);
+    EXPECT_LE(viaCall.Runs, expected + cancelled);
+  };
+  round();
+  const uint32_t handles = test::HandleCount();
+  const uint64_t memory = test::PrivateBytes();
+  round();
+  EXPECT_LE(test::HandleCount(), handles + 8);
+  EXPECT_LE(test::PrivateBytes(), memory + 4'000'000);
+}
+
+}  // namespace
+}  // namespace velox

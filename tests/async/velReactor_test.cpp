@@ -1,0 +1,351 @@
+#include "velox/async/velReactor.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "tests/async/apc_thread.hpp"
+#include "tests/support/support.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+using enum TReactionState;
+
+THandle AutoEvent() { return THandle(::CreateEventA(nullptr, FALSE, FALSE, nullptr)); }
+
+struct TSink {
+  std::atomic<int> Runs{0};
+  std::atomic<DWORD> Thread{0};
+  std::function<void(TObject*)> During;
+  void Run(TObject* Sender) {
+    Thread = ::GetCurrentThreadId();
+    ++Runs;
+    if (During) During(Sender);
+  }
+  TReactionEvent Event() { return TReactionEvent::Bind<&TSink::Run>(this); }
+};
+
+// An event with a reaction of its own reactor.
+struct TWatched {
+  explicit TWatched(TReactor& Reactor, HANDLE Target = nullptr)
+      : Reaction(std::make_unique<TEventReaction>(&Reactor, Event.Get(), Target, Sink.Event())) {}
+  void Activate() {
+    Reaction->SetActive(true);
+    EXPECT_TRUE(test::WaitUntil([this] { return Reaction->GetStatus() == rsActivated; }));
+  }
+  void SignalAndWait() {
+    const int before = Sink.Runs;
+    ::SetEvent(Event.Get());
+    EXPECT_TRUE(test::WaitUntil([&] { return Sink.Runs > before; }));
+  }
+  THandle Event = AutoEvent();
+  TSink Sink;
+  std::unique_ptr<TEventReaction> Reaction;
+};
+
+std::string LogText() { return test::ReadFileBytes(TTracer::GetInstance()->GetFileName()); }
+
+TEST(Reactor, RunsTheReactionOfASignalledHandle) {
+  TReactor reactor;
+  TWatched watched(reactor);
+  EXPECT_FALSE(watched.Reaction->GetActive());
+  watched.Activate();
+  EXPECT_TRUE(watched.Reaction->GetActive());
+  for (int i = 0; i < 3; ++i) watched.SignalAndWait();
+  EXPECT_EQ(watched.Sink.Runs, 3);
+  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(watched.Sink.Thread), "Reactor thread");
+  watched.Reaction->SetActive(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return watched.Reaction->GetStatus() == rsNone; }));
+  ::SetEvent(watched.Event.Get());
+  watched.Activate();  // the signal waited in the event
+  EXPECT_TRUE(test::WaitUntil([&] { return watched.Sink.Runs == 4; }));
+}
+
+TEST(Reactor, RefusesWhatIsNotSpecified) {
+  TReactor reactor;
+  TSink sink;
+  const THandle event = AutoEvent();
+  const struct {
+    std::function<void()> Make;
+    const char* Text;
+  } cases[] = {{[&] { TEventReaction(nullptr, event.Get(), nullptr, sink.Event()); },
+                "Reactor must be specified"},
+               {[&] { TEventReaction(&reactor, nullptr, nullptr, sink.Event()); },
+                "Handle must be specified"},
+               {[&] { TEventReaction(&reactor, event.Get(), nullptr, nullptr); },
+                "Event must be specified"}};
+  for (const auto& c : cases) {
+    try {
+      c.Make();
+      ADD_FAILURE();
+    } catch (const Exception& e) {
+      EXPECT_STREQ(e.what(), c.Text);
+    }
+  }
+}
+
+TEST(Reactor, The65thReactionStartsASecondThread) {
+  TReactor reactor;
+  std::vector<std::unique_ptr<TWatched>> all;
+  for (int i = 0; i < 65; ++i) {
+    all.push_back(std::make_unique<TWatched>(reactor));
+    all.back()->Activate();
+  }
+  std::set<DWORD> first;
+  for (int i = 0; i < 64; ++i) {
+    all[static_cast<size_t>(i)]->SignalAndWait();
+    first.insert(all[static_cast<size_t>(i)]->Sink.Thread);
+  }
+  all[64]->SignalAndWait();
+  EXPECT_EQ(first.size(), 1u);
+  EXPECT_FALSE(first.contains(all[64]->Sink.Thread));
+  all.erase(all.begin() + 10);  // its place is free again
+  TWatched next(reactor);
+  next.Activate();
+  next.SignalAndWait();
+  EXPECT_TRUE(first.contains(next.Sink.Thread));
+}
+
+TEST(Reactor, SignalledTogetherTheyRunInOrderOfRegistration) {
+  TReactor reactor;
+  std::vector<int> order;
+  TWatched gate(reactor);
+  TWatched first(reactor);
+  TWatched second(reactor);
+  for (TWatched* watched : {&gate, &first, &second}) watched->Activate();
+  gate.Sink.During = [&](TObject*) {  // on the thread, so both are signalled before its next wait
+    ::SetEvent(second.Event.Get());
+    ::SetEvent(first.Event.Get());
+  };
+  first.Sink.During = [&](TObject*) { order.push_back(1); };
+  second.Sink.During = [&](TObject*) { order.push_back(2); };
+  gate.SignalAndWait();
+  EXPECT_TRUE(test::WaitUntil([&] { return second.Sink.Runs == 1; }));
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(Reactor, DeactivatedBeforeItWasAddedItNeverEntersTheSet) {
+  TReactor reactor;
+  TWatched blocker(reactor);
+  TWatched late(reactor);
+  std::atomic<bool> inside{false};
+  std::atomic<bool> go{false};
+  blocker.Sink.During = [&](TObject*) {
+    inside = true;
+    while (!go) ::SleepEx(1, FALSE);  // not alertable: requests wait
+  };
+  blocker.Activate();
+  ::SetEvent(blocker.Event.Get());
+  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  late.Reaction->SetActive(true);
+  EXPECT_EQ(late.Reaction->GetStatus(), rsActivating);
+  late.Reaction->SetActive(false);
+  EXPECT_EQ(late.Reaction->GetStatus(), rsNone);
+  ::SetEvent(late.Event.Get());
+  go = true;
+  late.Activate();  // while the dropped request is still on its way
+  EXPECT_TRUE(test::WaitUntil([&] { return late.Sink.Runs == 1; }));
+}
+
+TEST(Reactor, AReactionMayDestroyOrDeactivateItselfAndOthersInItsRun) {
+  TReactor reactor;
+  auto own = std::make_unique<TWatched>(reactor);
+  auto other = std::make_unique<TWatched>(reactor);
+  std::atomic<bool> done{false};
+  own->Activate();
+  other->Activate();
+  TWatched* const raw = own.get();
+  raw->Sink.During = [&](TObject*) {
+    other.reset();
+    raw->Reaction.reset();
+    done = true;
+  };
+  ::SetEvent(raw->Event.Get());
+  EXPECT_TRUE(test::WaitUntil([&] { return done.load(); }));
+
+  TWatched off(reactor);
+  off.Sink.During = [&](TObject*) { off.Reaction->SetActive(false); };
+  off.Activate();
+  off.SignalAndWait();
+  EXPECT_TRUE(test::WaitUntil([&] { return off.Reaction->GetStatus() == rsNone; }));
+  off.Sink.During = [&](TObject*) {
+    off.Reaction->SetActive(false);
+    off.Reaction->SetActive(true);
+    off.Reaction.reset();
+    done = false;
+  };
+  off.Activate();
+  ::SetEvent(off.Event.Get());
+  EXPECT_TRUE(test::WaitUntil([&] { return !done; }));
+}
+
+TEST(Reactor, DestructionWaitsForTheRunEvenWhenTheRunWaitsAlertably) {
+  TReactor reactor;
+  for (const BOOL alertable : {FALSE, TRUE}) {
+    TWatched watched(reactor);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> left{false};
+    watched.Sink.During = [&](TObject*) {
+      inside = true;
+      const ULONGLONG start = ::GetTickCount64();
+      while (::GetTickCount64() - start < 60) ::SleepEx(5, alertable);
+      left = true;
+    };
+    watched.Activate();
+    ::SetEvent(watched.Event.Get());
+    EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+    watched.Reaction.reset();
+    EXPECT_TRUE(left);
+  }
+}
+
+TEST(Reactor, AnAbandonedMutexLeavesTheSetWithoutARun) {
+  TReactor reactor;
+  THandle mutex(::CreateMutexA(nullptr, FALSE, nullptr));
+  TSink sink;
+  TWatched neighbour(reactor);
+  neighbour.Activate();
+  auto own = [&](void*) { ::WaitForSingleObject(mutex.Get(), INFINITE); };
+  std::atomic<bool> owned{false};
+  std::atomic<bool> end{false};
+  auto hold = [&](void* p) {
+    own(p);
+    owned = true;
+    test::WaitUntil([&] { return end.load(); });
+  };
+  DWORD id = 0;
+  const THandle owner(TThreadFactory::GetInstance()->CreateThread(
+      "Owner", TThreadExecutionRoutine::To(hold), nullptr, id));
+  EXPECT_TRUE(test::WaitUntil([&] { return owned.load(); }));
+  TEventReaction reaction(&reactor, mutex.Get(), nullptr, sink.Event());
+  reaction.SetActive(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return reaction.GetStatus() == rsActivated; }));
+  end = true;
+  WaitForSingleObjectAlertable(owner.Get());
+  neighbour.SignalAndWait();
+  neighbour.SignalAndWait();
+  EXPECT_EQ(sink.Runs, 0);
+  EXPECT_EQ(reaction.GetStatus(), rsActivated);
+  reaction.SetActive(false);
+  EXPECT_EQ(reaction.GetStatus(), rsNone);
+}
+
+TEST(Reactor, AHandleClosedUnderItEndsTheThreadWhichLetsGoOfAll) {
+  TReactor reactor;
+  TWatched healthy(reactor);
+  auto broken = std::make_unique<TWatched>(reactor);
+  healthy.Activate();
+  broken->Activate();
+  broken->Event.Reset();
+  ::SetEvent(healthy.Event.Get());  // makes the thread wait anew
+  // The signal may be served before the wait fails; afterwards nobody watches.
+  EXPECT_TRUE(test::WaitUntil(
+      [] { return LogText().find("[TReactorThread.Run] Wait error - ") != std::string::npos; }));
+  broken.reset();
+  healthy.Reaction->SetActive(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return healthy.Reaction->GetStatus() == rsNone; }));
+  healthy.Activate();  // on a new thread
+  healthy.SignalAndWait();
+}
+
+TEST(Reactor, AnExceptionIsLoggedAndTheThreadGoesOn) {
+  TReactor reactor;
+  TWatched watched(reactor);
+  watched.Sink.During = [](TObject*) { throw Exception("reaction failed"); };
+  watched.Activate();
+  watched.SignalAndWait();
+  watched.SignalAndWait();
+  EXPECT_NE(LogText().find("Exception in [TReactorThread.Run]: reaction failed. Exception at "),
+            std::string::npos);
+}
+
+TEST(Reactor, WithATargetThreadTheMethodRunsThereUntilTheReactionIsGone) {
+  TReactor reactor;
+  test::TApcThread target;
+  auto watched = std::make_unique<TWatched>(reactor, target.Handle());
+  watched->Activate();
+  watched->SignalAndWait();
+  EXPECT_EQ(watched->Sink.Thread, target.Id());
+  target.Hold();
+  ::SetEvent(watched->Event.Get());
+  EXPECT_TRUE(test::WaitUntil(
+      [&] { return ::WaitForSingleObject(watched->Event.Get(), 0) == WAIT_TIMEOUT; }));
+  const int runs = watched->Sink.Runs;
+  watched->Reaction.reset();  // its APC is still queued
+  target.Release();
+  test::TApcThread* const raw = &target;
+  raw->Stop();
+  EXPECT_EQ(watched->Sink.Runs, runs);
+}
+
+TEST(Reactor, ItsEndLetsGoOfActiveReactions) {
+  auto reactor = std::make_unique<TReactor>();
+  TWatched watched(*reactor);
+  watched.Activate();
+  reactor.reset();
+  watched.Reaction->SetActive(false);
+  EXPECT_EQ(watched.Reaction->GetStatus(), rsNone);
+}
+
+// Eight threads make, signal, deactivate and destroy 20,000 reactions at random, some from inside
+// their own runs. A reaction left in its set runs for its signal; one that is gone does not run;
+// handles and memory come back.
+TEST(ReactorStress, ReactionsComeAndGoFromManyThreads) {
+  constexpr int Threads = 8;
+  const auto round = [](int Operations) {
+    TReactor reactor;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+      threads.emplace_back([&reactor, t, Operations] {
+        std::minstd_rand random(static_cast<unsigned>(t + 1));
+        for (int n = 0; n < Operations; ++n) {
+          TWatched watched(reactor);
+          watched.Reaction->SetActive(true);
+          switch (random() % 4) {
+            case 0:
+              watched.SignalAndWait();
+              break;
+            case 1:
+              ::SetEvent(watched.Event.Get());
+              watched.Reaction->SetActive(false);
+              if (random() % 2) watched.Reaction->SetActive(true);
+              break;
+            case 2: {
+              std::atomic<bool> gone{false};
+              watched.Sink.During = [&](TObject*) {
+                watched.Reaction.reset();
+                gone = true;
+              };
+              ::SetEvent(watched.Event.Get());
+              EXPECT_TRUE(test::WaitUntil([&] { return gone.load(); }));
+              break;
+            }
+            default:
+              ::SetEvent(watched.Event.Get());
+              break;  // destroyed active, its signal on the way
+          }
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  };
+  round(50);
+  const uint32_t handles = test::HandleCount();
+  const uint64_t memory = test::PrivateBytes();
+  round(20'000 / Threads);
+  EXPECT_LE(test::HandleCount(), handles + 8);
+  EXPECT_LE(test::PrivateBytes(), memory + 8'000'000);
+}
+
+}  // namespace
+}  // namespace velox
