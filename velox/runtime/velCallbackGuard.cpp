@@ -1,32 +1,67 @@
 #include "velox/runtime/velCallbackGuard.hpp"
 
+#include <deque>
 #include <exception>
+#include <memory>
 #include <utility>
-#include <vector>
+
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velModules.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
+#include "velox/runtime/velWindows.hpp"
 
 namespace velox {
 namespace {
 
-// Oldest first. It nearly always holds at most one.
-thread_local std::vector<std::exception_ptr> Kept;
+using TKept = std::deque<std::exception_ptr>;  // oldest first; never empty
+
+// The calling thread's list stands in a slot of the system's, null while there is nothing to keep.
+// A thread_local object would be destroyed too late here: the compiler's storage for it goes before
+// its destructor runs.
+DWORD Slot = TLS_OUT_OF_INDEXES;
+
+TKept* Find() noexcept { return static_cast<TKept*>(::TlsGetValue(Slot)); }
 
 }  // namespace
 
 void KeepCurrentException() noexcept {
   try {
-    Kept.push_back(std::current_exception());
+    if (TKept* const kept = Find()) {
+      kept->push_back(std::current_exception());
+      return;
+    }
+    auto first = std::make_unique<TKept>(1, std::current_exception());
+    if (::TlsSetValue(Slot, first.get())) first.release();  // the slot's now
   } catch (...) {
     return;
   }
 }
 
-bool HasKeptException() noexcept { return !Kept.empty(); }
+bool HasKeptException() noexcept { return Find() != nullptr; }
 
 void RaiseKeptException() {
-  if (Kept.empty()) return;
-  const std::exception_ptr oldest = std::move(Kept.front());
-  Kept.erase(Kept.begin());
+  TKept* const kept = Find();
+  if (kept == nullptr) return;
+  const std::exception_ptr oldest = std::move(kept->front());
+  kept->pop_front();
+  if (kept->empty()) DropKeptExceptions();
   std::rethrow_exception(oldest);
+}
+
+void DropKeptExceptions() noexcept {
+  const std::unique_ptr<TKept> kept(Find());
+  if (kept != nullptr) ::TlsSetValue(Slot, nullptr);
+}
+
+void modules::InitializeCallbackGuard() {
+  Slot = ::TlsAlloc();
+  if (Slot == TLS_OUT_OF_INDEXES)
+    throw EOSError(SystemErrorMessage(::GetLastError()), ::GetLastError());
+}
+
+void modules::FinalizeCallbackGuard() noexcept {
+  DropKeptExceptions();
+  ::TlsFree(Slot);
 }
 
 }  // namespace velox

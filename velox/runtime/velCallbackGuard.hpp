@@ -23,6 +23,9 @@ VELOX_API bool HasKeptException() noexcept;
 /// none.
 VELOX_API void RaiseKeptException();
 
+/// Drops what the calling thread's list holds. (When a thread ends, the library does that.)
+VELOX_API void DropKeptExceptions() noexcept;
+
 /// Runs the body of a callback; an exception that escapes it is kept for the thread's next wait.
 template <class F>
 void GuardCallback(F&& Body) noexcept {

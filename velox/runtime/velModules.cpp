@@ -4,6 +4,7 @@
 #include <iterator>
 #include <new>
 
+#include "velox/runtime/velCallbackGuard.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velWindows.hpp"
 
@@ -19,6 +20,7 @@ struct TModule {
 // A module stands behind those it uses. Finalisations run from the last to the first.
 constexpr TModule Table[] = {
     {"runtime", &modules::InitializeRuntime, &modules::FinalizeRuntime},
+    {"velCallbackGuard", &modules::InitializeCallbackGuard, &modules::FinalizeCallbackGuard},
     {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
     {"velModuleInfo", nullptr, &modules::FinalizeModuleInfo},
     {"velTrace", &modules::InitializeTrace, &modules::FinalizeTrace},
@@ -74,6 +76,9 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD Reason, void* Terminating) {
       // When the process ends, its other threads were stopped wherever they were: whatever they
       // held stays held, and the system takes everything back anyway.
       if (Terminating == nullptr) velox::FinalizeAll();
+      return TRUE;
+    case DLL_THREAD_DETACH:
+      velox::DropKeptExceptions();
       return TRUE;
     default:
       return TRUE;

@@ -9,6 +9,8 @@ namespace velox::modules {
 /// trace log.
 void InitializeRuntime();
 void FinalizeRuntime() noexcept;
+void InitializeCallbackGuard();
+void FinalizeCallbackGuard() noexcept;
 void FinalizeSyncUtils() noexcept;
 void FinalizeModuleInfo() noexcept;
 void InitializeTrace();
