@@ -91,9 +91,9 @@ TEST(InterfaceArray, GrowsByItsRule) {
     if (array.GetAllocCount() != capacities.back()) capacities.push_back(array.GetAllocCount());
   }
   EXPECT_EQ(capacities,
-            (std::vector<int32_t>{0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120}));
+            (std::vector<int32_t>{0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 121}));
   while (array.GetCount() > 0) array.Remove(0);
-  EXPECT_EQ(array.GetAllocCount(), 120);
+  EXPECT_EQ(array.GetAllocCount(), 121);
   EXPECT_EQ(a.References, 0u);
 }
 
