@@ -1,6 +1,8 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
   containers/velObjArray_test.cpp
+  codecs/velGostCryptor_test.cpp
+  native/velGostCryptor_libgcrypt_test.cpp
   codecs/velBinary_test.cpp
   codecs/velHash_test.cpp
   runtime/velMethod_test.cpp
@@ -9,3 +11,12 @@ set(VELOX_NATIVE_TESTS
   foundation/velSysUtils_memory_test.cpp)
 add_executable(velox_native_tests native/main.cpp ${VELOX_NATIVE_TESTS})
 target_link_libraries(velox_native_tests PRIVATE velox velox_options gtest)
+
+# Other implementations to compare with, where they are installed.
+find_path(GCRYPT_INCLUDE gcrypt.h)
+find_library(GCRYPT_LIBRARY gcrypt)
+if(GCRYPT_INCLUDE AND GCRYPT_LIBRARY)
+  target_compile_definitions(velox_native_tests PRIVATE VELOX_HAVE_LIBGCRYPT)
+  target_include_directories(velox_native_tests SYSTEM PRIVATE ${GCRYPT_INCLUDE})
+  target_link_libraries(velox_native_tests PRIVATE ${GCRYPT_LIBRARY})
+endif()
