@@ -2,7 +2,9 @@
 set(VELOX_NATIVE_TESTS
   containers/velObjArray_test.cpp
   codecs/velGostCryptor_test.cpp
+  codecs/velIntelHex_test.cpp
   native/velGostCryptor_libgcrypt_test.cpp
+  native/velIntelHex_srecord_test.cpp
   codecs/velBinary_test.cpp
   codecs/velHash_test.cpp
   runtime/velMethod_test.cpp
