@@ -54,5 +54,16 @@ inline constexpr const char* sInvalidStreamOp = "Invalid stream operation";
 // Codecs.
 inline constexpr const char* seAssertionFailed = "Assertion failure";
 inline constexpr const char* seSizeMustBeEven = "Size must be 2 * n";
+// Cipher.
+inline constexpr const char* seIncorrectSubstitutionTable = "Incorrect substitution table";
+
+// Memory images as text; seLineError closes with one of the others.
+inline constexpr const char* seIncorrectRecordLength = "Incorrect record length";
+inline constexpr const char* seIncorrectRecordChecksum = "Incorrect record checksum";
+inline constexpr const char* seIncorrectRecordType = "Incorrect record type";
+inline constexpr const char* seColonExpected = "Col %d - \":\" Expected";
+inline constexpr const char* seHexByteExpected = "Col %d - Hex byte expected";
+inline constexpr const char* seLineError = "Line %d : %s";
+inline constexpr const char* seImageTooLarge = "Image cannot exceed 2 GiB";
 
 }  // namespace velox::messages

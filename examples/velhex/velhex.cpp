@@ -1,0 +1,72 @@
+// Turns Intel HEX files into plain memory images and back, and lists what is in them.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "examples/support/whole_file.hpp"
+#include "velox/codecs/velIntelHex.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace {
+
+using namespace velox;
+
+constexpr const char* Usage =
+    "usage: velhex to-bin IN OUT   Intel HEX to a memory image that starts at address 0, gaps "
+    "filled with FF\n"
+    "       velhex to-hex IN OUT   a memory image to Intel HEX; bytes of FF at its end are not "
+    "kept\n"
+    "       velhex info IN         lists the blocks of an Intel HEX file: address, size in bytes\n";
+
+void ToBinary(const std::string& Input, const std::string& Output) {
+  TIntelHex image;
+  image.LoadFromFile(Input);
+  example::WriteWholeFile(Output, image.GetBuffer(), static_cast<int32_t>(image.GetBufferSize()));
+}
+
+void ToHex(const std::string& Input, const std::string& Output) {
+  TIntelHex image;
+  const std::vector<uint8_t> bytes = example::ReadWholeFile(Input);
+  image.SetBufferSize(static_cast<uint32_t>(bytes.size()));
+  if (!bytes.empty()) std::memcpy(image.GetBuffer(), bytes.data(), bytes.size());
+  example::ReplaceFile(Output, [&](const std::string& Temporary) { image.SaveToFile(Temporary); });
+}
+
+void PrintInfo(const std::string& Input) {
+  TIntelHex image;
+  image.LoadFromFile(Input);
+  unsigned count = 0;
+  unsigned total = 0;
+  for (auto block = image.FindBlock(0); block; block = image.FindBlock(block->EndAddress + 1)) {
+    const unsigned size = block->EndAddress - block->StartAddress + 1;
+    std::printf("%08X  %u\n", static_cast<unsigned>(block->StartAddress), size);
+    ++count;
+    total += size;
+  }
+  std::printf("%u blocks, %u bytes, image of %u bytes\n", count, total,
+              static_cast<unsigned>(image.GetBufferSize()));
+}
+
+void Run(const std::string& Command, const std::vector<std::string>& Files) {
+  if (Command == "to-bin" && Files.size() == 2) return ToBinary(Files[0], Files[1]);
+  if (Command == "to-hex" && Files.size() == 2) return ToHex(Files[0], Files[1]);
+  if (Command == "info" && Files.size() == 1) return PrintInfo(Files[0]);
+  throw Exception("Unknown command or wrong number of files; velhex --help tells what there is");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || std::strcmp(argv[1], "--help") == 0) {
+    std::fputs(Usage, stdout);
+    return argc < 2 ? 1 : 0;
+  }
+  try {
+    Run(argv[1], {argv + 2, argv + argc});
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "velhex: %s\n", e.what());
+    return 1;
+  }
+}

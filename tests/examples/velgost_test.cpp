@@ -1,0 +1,81 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/examples/run_example.hpp"
+#include "tests/support/support.hpp"
+
+namespace velox {
+namespace {
+
+const std::string Key = "ccddeeff8899aabb4455667700112233f3f2f1f0f7f6f5f4fbfaf9f8fffefdfc";
+
+// The block of GOST R 34.12-2015, appendix A, in memory order.
+const std::string Plain = "\x10\x32\x54\x76\x98\xba\xdc\xfe";
+const std::string Crypted = "\x3d\xca\xd8\xc2\xe5\x01\xe9\x4e";
+
+TEST(VelGost, EncryptsAndDecryptsFiles) {
+  const test::TTemporaryFolder folder;
+  const std::string in = folder.File("in"), out = folder.File("out"), back = folder.File("back");
+  const std::string table = folder.File("table");
+  test::WriteFileBytes(in, Plain);
+  test::WriteFileBytes(
+      table,
+      "c462a5b9e8d703f1\r\n68239a5c1e47bd0f\r\nb3582fade174c960\r\nc821d4f670a53e9b\r\n"
+      "7f5a816d093eb42c\r\n5df692cab78143e0\r\n8e25691cf4b0da37\r\n17ed05834fa69cb2\r\n");
+  for (const std::string& sbox : {std::string("TC26-Z"), table}) {
+    const auto run =
+        test::RunExample("velgost", {"encrypt", "--key", Key, "--sbox", sbox, in, out});
+    EXPECT_EQ(run.ExitCode, 0);
+    EXPECT_EQ(test::ReadFileBytes(out), Crypted) << sbox;
+  }
+  EXPECT_EQ(test::RunExample("velgost", {"decrypt", "--key", Key, "--sbox", "tc26-z", out, back})
+                .ExitCode,
+            0);
+  EXPECT_EQ(test::ReadFileBytes(back), Plain);
+  // The feedback's first gamma is the encrypted start, and any size will do.
+  test::WriteFileBytes(in, std::string(5, '\0'));
+  EXPECT_EQ(test::RunExample("velgost", {"encrypt", "--iv", "1032547698badcfe", "--key", Key,
+                                         "--sbox", "tc26-z", in, in})
+                .ExitCode,
+            0);
+  EXPECT_EQ(test::ReadFileBytes(in), Crypted.substr(0, 5));
+  const auto mac = test::RunExample("velgost", {"mac", "--key", Key, "--sbox", "tc26-z", in});
+  EXPECT_EQ(mac.ExitCode, 0);
+  ASSERT_EQ(mac.Lines.size(), 1u);
+  EXPECT_EQ(mac.Lines[0].find_first_not_of("0123456789ABCDEF"), std::string::npos);
+  EXPECT_EQ(mac.Lines[0].size(), 8u);
+}
+
+TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {
+  const test::TTemporaryFolder folder;
+  const std::string in = folder.File("in"), out = folder.File("out"), table = folder.File("table");
+  test::WriteFileBytes(in, "123456789");
+  test::WriteFileBytes(table, "0123456789abcdef\n");
+  const TStrings cases[] = {
+      {"encrypt", "--key", Key, "--sbox", "tc26-z", in, out},                // 9 bytes
+      {"encrypt", "--key", Key, "--sbox", "tc26-z", in},                     // no output
+      {"encrypt", "--key", Key + "0", "--sbox", "tc26-z", in, out},          // key too long
+      {"encrypt", "--key", "x" + Key.substr(1), "--sbox", "test", in, out},  // no digit
+      {"encrypt", "--sbox", "tc26-z", in, out},                              // no key
+      {"encrypt", "--key", Key, "--iv", "12", "--sbox", "tc26-z", in, out},  // short start
+      {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},         //
+      {"encrypt", "--key", Key, "--sbox", table, in, out},                   // one line
+      {"decrypt", "--key", Key, "--sbox", "tc26-z", folder.File("none"), out},
+      {"mac", "--key", Key, "--sbox", "tc26-z", in, out},
+      {"sign", "--key", Key, "--sbox", "tc26-z", in, out},
+      {"encrypt", "--unknown", in, out},
+      {"encrypt", in, out, "--key"},
+  };
+  for (const TStrings& arguments : cases) {
+    const auto run = test::RunExample("velgost", arguments);
+    EXPECT_EQ(run.ExitCode, 1);
+    ASSERT_EQ(run.Lines.size(), 1u);
+    EXPECT_EQ(run.Lines[0].rfind("velgost: ", 0), 0u) << run.Lines[0];
+    EXPECT_FALSE(std::filesystem::exists(out)) << run.Lines[0];
+  }
+}
+
+}  // namespace
+}  // namespace velox

@@ -1,0 +1,166 @@
+// Intel HEX against srec_cat (package srecord) and objcopy (binutils), on the development machine
+// only. A start of srec_cat costs more than all that is done with one image, so each start takes
+// many.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "velox/codecs/velIntelHex.hpp"
+#include "velox/runtime/velFormat.hpp"
+
+namespace velox {
+namespace {
+
+using TBytes = std::vector<uint8_t>;
+using TArguments = std::vector<std::string>;
+
+constexpr int Starts = 25;
+constexpr int ImagesPerStart = 40;
+// An image's data lies within this many bytes from its start: address 0, or one that puts the
+// boundary of the first segment into the middle.
+constexpr uint32_t Window = 0x4000;
+constexpr uint32_t WindowStarts[] = {0, 0x10000 - Window / 2};
+
+/// The program's exit code, -1 when it can't be started. What it prints is dropped, except its
+/// errors.
+int RunProgram(const TArguments& Arguments) {
+  std::vector<char*> values;
+  for (const std::string& argument : Arguments)
+    values.push_back(const_cast<char*>(argument.c_str()));
+  values.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t child = 0;
+  const int failure = posix_spawnp(&child, values[0], &actions, nullptr, values.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (failure != 0) return -1;
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/// Runs of random bytes, a few of them 0xFF, anywhere in a window.
+TBytes RandomWindow(std::mt19937& Random) {
+  TBytes bytes;
+  for (uint32_t runs = Random() % 5 + 1; runs > 0; --runs) {
+    const uint32_t size = Random() % 300 + 1;
+    const uint32_t start =
+        Random() % 4 == 0 ? Window / 2 - Random() % size : Random() % (Window - size);
+    if (bytes.size() < start + size) bytes.resize(start + size, 0xFF);
+    for (uint32_t i = 0; i < size; ++i) {
+      bytes[start + i] = Random() % 4 == 0 ? uint8_t{0xFF} : static_cast<uint8_t>(Random());
+    }
+  }
+  bytes.back() = 0;
+  return bytes;
+}
+
+TBytes ReadBytes(const std::string& FileName) {
+  std::ifstream file(FileName, std::ios::binary);
+  EXPECT_TRUE(file.is_open()) << FileName;
+  TBytes bytes(std::filesystem::file_size(FileName));
+  file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
+void Assign(TIntelHex& Image, const TBytes& Bytes, uint32_t Start = 0) {
+  Image.SetBufferSize(static_cast<uint32_t>(Start + Bytes.size()));
+  std::memcpy(Image.GetBuffer() + Start, Bytes.data(), Bytes.size());
+}
+
+bool IsImage(const TIntelHex& Image, const TBytes& Bytes) {
+  return std::equal(Image.GetBuffer(), Image.GetBuffer() + Image.GetBufferSize(), Bytes.begin(),
+                    Bytes.end());
+}
+
+class IntelHexAgainst : public testing::Test {
+ protected:
+  IntelHexAgainst() {
+    std::string name = (std::filesystem::temp_directory_path() / "velox-hex-XXXXXX").string();
+    EXPECT_NE(mkdtemp(name.data()), nullptr);
+    Folder_ = name + "/";
+  }
+  ~IntelHexAgainst() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(Folder_, ignored);
+  }
+
+  std::string File(const std::string& Name) const { return Folder_ + Name; }
+
+  std::string Folder_;
+  std::mt19937 Random_{521};
+};
+
+TEST_F(IntelHexAgainst, SrecCat) {
+  if (RunProgram({"srec_cat", "-VERSion"}) < 0) {
+    GTEST_SKIP() << "srec_cat (package srecord) is not installed";
+  }
+  for (int start = 0; start < Starts && !HasFailure(); ++start) {
+    SCOPED_TRACE(start);
+    TArguments inputs{"srec_cat", "("};
+    TBytes all;
+    for (uint32_t i = 0; i < ImagesPerStart; ++i) {
+      const TBytes bytes = RandomWindow(Random_);
+      const uint32_t windowStart = WindowStarts[i % std::size(WindowStarts)];
+      TIntelHex image;
+      Assign(image, bytes, windowStart);
+      const std::string name = File(Format("%u.hex", static_cast<unsigned>(i)));
+      image.SaveToFile(name);
+      // Put into one, the windows follow each other.
+      all.resize(i * Window, 0xFF);
+      all.insert(all.end(), bytes.begin(), bytes.end());
+      inputs.insert(inputs.end(),
+                    {name, "-Intel", "-Offset", std::to_string(int64_t{i} * Window - windowStart)});
+    }
+    inputs.push_back(")");
+    // What we wrote, image by image, as srec_cat reads it.
+    TArguments toBinary = inputs;
+    toBinary.insert(toBinary.end(), {"-Fill", "0xFF", "0", std::to_string(all.size()), "-Output",
+                                     File("all.bin"), "-Binary"});
+    ASSERT_EQ(RunProgram(toBinary), 0);
+    EXPECT_TRUE(ReadBytes(File("all.bin")) == all);
+    // What srec_cat writes, with records of many lengths.
+    TArguments toHex = inputs;
+    toHex.insert(toHex.end(), {"-Output", File("all.hex"), "-Intel", "-Output_Block_Size",
+                               std::to_string(start == 0 ? 255 : Random_() % 254 + 1)});
+    ASSERT_EQ(RunProgram(toHex), 0);
+    TIntelHex image;
+    image.LoadFromFile(File("all.hex"));
+    EXPECT_TRUE(IsImage(image, all));
+  }
+}
+
+TEST_F(IntelHexAgainst, Objcopy) {
+  if (RunProgram({"objcopy", "--version"}) < 0)
+    GTEST_SKIP() << "objcopy (package binutils) is not installed";
+  // Below 64 KiB, since objcopy writes segments of the kind that is refused for what follows.
+  TBytes bytes(0xFFFF);
+  std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<uint8_t>(Random_()); });
+  bytes.front() = bytes.back() = 0;
+  TIntelHex image;
+  Assign(image, bytes);
+  image.SaveToFile(File("ours.hex"));
+  ASSERT_EQ(RunProgram({"objcopy", "-I", "ihex", "-O", "binary", "--gap-fill", "0xff",
+                        File("ours.hex"), File("o.bin")}),
+            0);
+  EXPECT_TRUE(ReadBytes(File("o.bin")) == bytes);
+  ASSERT_EQ(
+      RunProgram({"objcopy", "-I", "binary", "-O", "ihex", File("o.bin"), File("theirs.hex")}), 0);
+  image.LoadFromFile(File("theirs.hex"));
+  EXPECT_TRUE(IsImage(image, bytes));
+}
+
+}  // namespace
+}  // namespace velox
