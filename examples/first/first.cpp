@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include "velox/async/velScheduler.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velHandle.hpp"
 
