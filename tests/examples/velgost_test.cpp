@@ -54,14 +54,14 @@ TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {
   test::WriteFileBytes(in, "123456789");
   test::WriteFileBytes(table, "0123456789abcdef\n");
   const TStrings cases[] = {
-      {"encrypt", "--key", Key, "--sbox", "tc26-z", in, out},                // 9 bytes
-      {"encrypt", "--key", Key, "--sbox", "tc26-z", in},                     // no output
-      {"encrypt", "--key", Key + "0", "--sbox", "tc26-z", in, out},          // key too long
-      {"encrypt", "--key", "x" + Key.substr(1), "--sbox", "test", in, out},  // no digit
-      {"encrypt", "--sbox", "tc26-z", in, out},                              // no key
-      {"encrypt", "--key", Key, "--iv", "12", "--sbox", "tc26-z", in, out},  // short start
-      {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},         //
-      {"encrypt", "--key", Key, "--sbox", table, in, out},                   // one line
+      {"encrypt", "--key", Key, "--sbox", "tc26-z", in, out},                 // 9 bytes
+      {"encrypt", "--key", Key, "--sbox", "tc26-z", in},                      // no output
+      {"encrypt", "--key", Key + "0", "--sbox", "tc26-z", in, out},           // key too long
+      {"encrypt", "--key", std::string(64, 'x'), "--sbox", "test", in, out},  // no digit
+      {"encrypt", "--sbox", "tc26-z", in, out},                               // no key
+      {"encrypt", "--key", Key, "--iv", "12", "--sbox", "tc26-z", in, out},   // short start
+      {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},          //
+      {"encrypt", "--key", Key, "--sbox", table, in, out},                    // one line
       {"decrypt", "--key", Key, "--sbox", "tc26-z", folder.File("none"), out},
       {"mac", "--key", Key, "--sbox", "tc26-z", in, out},
       {"sign", "--key", Key, "--sbox", "tc26-z", in, out},

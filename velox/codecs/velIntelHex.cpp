@@ -10,6 +10,7 @@
 #include <new>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "velox/codecs/velBinary.hpp"
 #include "velox/codecs/velHash.hpp"
@@ -64,31 +65,60 @@ using TFile = std::unique_ptr<std::FILE, TCloseFile>;
 
 std::string LastReason() { return std::generic_category().message(errno); }
 
-std::string ReadTextFile(const std::string& FileName) {
+// The lines of a text that comes in parts. CR LF counts as one end, whether or not a part ends
+// within it.
+class TLineSplitter {
+ public:
+  void Add(std::string_view Part) {
+    while (!Part.empty()) {
+      if (AfterReturn_ && Part.front() == '\n') Part.remove_prefix(1);
+      AfterReturn_ = false;
+      const auto end =
+          std::find_if(Part.begin(), Part.end(), [](char c) { return c == '\r' || c == '\n'; });
+      Line_.append(Part.begin(), end);
+      if (end == Part.end()) return;
+      AfterReturn_ = *end == '\r';
+      EndLine();
+      Part.remove_prefix(static_cast<size_t>(end - Part.begin()) + 1);
+    }
+  }
+
+  TStrings Finish() {
+    if (!Line_.empty()) EndLine();
+    return std::move(Lines_);
+  }
+
+ private:
+  void EndLine() {
+    Lines_.push_back(Line_);
+    Line_.clear();
+  }
+
+  TStrings Lines_;
+  std::string Line_;
+  bool AfterReturn_ = false;
+};
+
+TStrings ReadLines(const std::string& FileName) {
   const TFile file(std::fopen(FileName.c_str(), "rb"));
   if (file == nullptr) {
     throw EFOpenError(Format(messages::seCannotOpenFile, FileName.c_str(), LastReason().c_str()));
   }
-  std::string text;
+  TLineSplitter splitter;
   std::array<char, 65536> chunk;
-  while (const size_t count = std::fread(chunk.data(), 1, chunk.size(), file.get()))
-    text.append(chunk.data(), count);
+  while (const size_t count = std::fread(chunk.data(), 1, chunk.size(), file.get())) {
+    splitter.Add({chunk.data(), count});
+  }
   if (std::ferror(file.get()))
     throw EReadError(std::string(messages::seStreamRead) + ". " + LastReason());
-  return text;
+  return splitter.Finish();
 }
 
-// CR LF counts as one end.
-TStrings SplitLines(const std::string& Text) {
-  TStrings lines;
-  size_t start = 0;
-  while (start < Text.size()) {
-    size_t end = start;
-    while (end < Text.size() && Text[end] != '\r' && Text[end] != '\n') ++end;
-    lines.emplace_back(Text, start, end - start);
-    start = end + (Text.compare(end, 2, "\r\n") == 0 ? 2 : 1);
-  }
-  return lines;
+// At least doubles what is there when it doesn't suffice, so that many small blocks cost linear
+// time too.
+void ReserveLines(TStrings& Lines, size_t Count) {
+  const size_t needed = Lines.size() + Count;
+  if (needed > Lines.capacity()) Lines.reserve(std::max(needed, 2 * Lines.capacity()));
 }
 
 bool WriteLines(std::FILE* File, const TStrings& Lines) {
@@ -213,9 +243,7 @@ void TIntelHex::StoreRecord(const uint8_t* Record, uint32_t& Base, uint32_t& Hig
   }
 }
 
-void TIntelHex::LoadFromFile(const std::string& FileName) {
-  LoadFromStrings(SplitLines(ReadTextFile(FileName)));
-}
+void TIntelHex::LoadFromFile(const std::string& FileName) { LoadFromStrings(ReadLines(FileName)); }
 
 void TIntelHex::SaveToStrings(TStrings& Lines) const {
   uint32_t segment = 0;
@@ -258,6 +286,8 @@ void TIntelHex::GetLine(const void* Data, uint8_t Length, std::string& Line, uin
 void TIntelHex::SaveBlockToStrings(uint32_t& Segment, uint32_t StartAddress, uint32_t EndAddress,
                                    TStrings& Lines) const {
   if (EndAddress >= Buffer_.size()) throw Exception(messages::seIncorrectParameters);
+  if (StartAddress > EndAddress) return;
+  ReserveLines(Lines, (EndAddress - StartAddress) / BytesPerLine + 1);
   while (StartAddress <= EndAddress) {
     const uint32_t segment = StartAddress / SegmentSize;
     const uint32_t segmentEnd = std::min((segment + 1) * SegmentSize - 1, EndAddress);
