@@ -60,7 +60,7 @@ TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {
       {"encrypt", "--key", std::string(64, 'x'), "--sbox", "test", in, out},  // no digit
       {"encrypt", "--sbox", "tc26-z", in, out},                               // no key
       {"encrypt", "--key", Key, "--iv", "12", "--sbox", "tc26-z", in, out},   // short start
-      {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},          //
+      {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},          // neither
       {"encrypt", "--key", Key, "--sbox", table, in, out},                    // one line
       {"decrypt", "--key", Key, "--sbox", "tc26-z", folder.File("none"), out},
       {"mac", "--key", Key, "--sbox", "tc26-z", in, out},

@@ -89,11 +89,12 @@ class VELOX_API TGostCryptor : public TObject {
   void CryptInCipherFeedbackMode(void* Data, int32_t Size, const TGostCryptedBlock& IV,
                                  bool Encrypt) const;
 
-  /// The imitation insert of Size bytes; a last part of a block counts as filled up with zeros, and nothing at all
-  /// gives 0. Raises Exception "Size incorrect" for a negative Size.
+  /// The imitation insert of Size bytes; a last part of a block counts as filled up with zeros, and
+  /// nothing at all gives 0. Raises Exception "Size incorrect" for a negative Size.
   ///
-  /// As TransformBlock does, each step exchanges the halves behind its 16 rounds. Programs that chain the rounds without
-  /// that exchange (libgcrypt's GOST28147_IMIT is one) come to other values.
+  /// As TransformBlock does, each step exchanges the halves behind its 16 rounds. Programs that
+  /// chain the rounds without that exchange (libgcrypt's GOST28147_IMIT is one) come to other
+  /// values.
   uint32_t CalculateMAC(const void* Data, int32_t Size) const;
 
   /// The key's eight words K0 to K7, written directly.
