@@ -51,6 +51,7 @@ inline constexpr const char* seInvalidWindow = "Invalid window handle specified"
 // Compression.
 inline constexpr const char* sTargetBufferTooSmall = "ZLib error: target buffer may be too small";
 inline constexpr const char* sInvalidStreamOp = "Invalid stream operation";
+
 // Codecs.
 inline constexpr const char* seAssertionFailed = "Assertion failure";
 inline constexpr const char* seSizeMustBeEven = "Size must be 2 * n";
@@ -65,5 +66,15 @@ inline constexpr const char* seColonExpected = "Col %d - \":\" Expected";
 inline constexpr const char* seHexByteExpected = "Col %d - Hex byte expected";
 inline constexpr const char* seLineError = "Line %d : %s";
 inline constexpr const char* seImageTooLarge = "Image cannot exceed 2 GiB";
+
+// Channels.
+inline constexpr const char* seActiveChannel = "Cannot change active channel";
+inline constexpr const char* sePropertyOfActiveOperation = "Cannot change property of active operation";
+inline constexpr const char* seSpecifySizeAndBuffer =
+    "Specify size and buffer for operation. Cannot perform operation.";
+inline constexpr const char* seSpecifyChannel = "Specify channel for operation. Cannot perform operation.";
+inline constexpr const char* seChannelIsNotActive = "Channel is not active. Cannot perform operation.";
+inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
+inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
 }  // namespace velox::messages

@@ -1,0 +1,244 @@
+// The shared-memory channel, against itself and against a peer made of plain system calls.
+#include "velox/channels/velSharedMemChannel.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "tests/support/support.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+using enum TOperationKind;
+using enum TChannelMode;
+
+/// The channels of all cases: their queues are kept for ever, so they are used again.
+class TPair {
+ public:
+  TPair() : Name(test::UniqueName("velox-shm-")) {}
+  ~TPair() {
+    Client().SetActive(false);
+    Server().SetActive(false);
+  }
+  void Activate(int32_t Size) {
+    for (TSharedMemChannel* channel : {&Server(), &Client()}) {
+      channel->SetMemoryName(Name);
+      channel->SetMemorySize(Size);
+      channel->SetMode(channel == &Server() ? cmServer : cmClient);
+      channel->SetActive(true);
+    }
+  }
+  static TSharedMemChannel& Server() {
+    static TSharedMemChannel channel;
+    return channel;
+  }
+  static TSharedMemChannel& Client() {
+    static TSharedMemChannel channel;
+    return channel;
+  }
+  const std::string Name;
+};
+
+struct TTransfer : TTransferOperation {
+  TTransfer(TChannel& Channel, TOperationKind Kind, std::vector<char>& Data) {
+    SetChannel(&Channel);
+    SetKind(Kind);
+    SetBuffer(Data.data());
+    SetSize(static_cast<int32_t>(Data.size()));
+    SetOnTransferred(TOperationTransferEvent::Bind<&TTransfer::Moved>(this));
+  }
+  ~TTransfer() override { Close(); }
+  bool Run() {
+    SetActive(true);
+    return test::WaitUntil([this] { return !GetActive(); }) && GetSucceeded();
+  }
+  void Moved(TObject*, bool&) { ++Chunks; }
+  std::atomic<int> Chunks = 0;
+};
+
+std::vector<char> Numbers(size_t Count, char First = 0) {
+  std::vector<char> result(Count);
+  std::iota(result.begin(), result.end(), First);
+  return result;
+}
+
+std::string MessageOf(TSharedMemChannel& Channel) {
+  try {
+    Channel.SetActive(true);
+  } catch (const Exception& e) {
+    return e.what();
+  }
+  return "activated";
+}
+
+TEST(SharedMemChannel, RefusesWhatIsMissingNameFirst) {
+  const TPair pair;
+  TSharedMemChannel& channel = TPair::Server();
+  channel.SetMemoryName("");
+  channel.SetMemorySize(0);
+  EXPECT_EQ(MessageOf(channel), "Specify name of shared memory.");
+  channel.SetMemoryName(pair.Name);
+  EXPECT_EQ(MessageOf(channel), "Specify size of shared memory.");
+  channel.SetMemorySize(-1);
+  EXPECT_EQ(MessageOf(channel), "Specify size of shared memory.");
+  EXPECT_EQ(channel.GetBandwidth(), 1048576);
+  EXPECT_EQ(channel.GetLatence(), 0);
+}
+
+TEST(SharedMemChannel, AClientNeedsAServerAndCanTryAgain) {
+  TPair pair;
+  TSharedMemChannel& client = TPair::Client();
+  client.SetMemoryName(pair.Name);
+  client.SetMemorySize(100);
+  client.SetMode(cmClient);
+  try {
+    client.SetActive(true);
+    FAIL();
+  } catch (const EOSError& e) {
+    EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
+  }
+  EXPECT_FALSE(client.GetActive());
+  pair.Activate(100);
+  EXPECT_THROW(client.SetMemorySize(1), Exception);
+  EXPECT_THROW(client.SetMemoryName("x"), Exception);
+  EXPECT_THROW(client.SetMode(cmServer), Exception);
+}
+
+TEST(SharedMemChannel, CarriesBothWaysAlsoUnderANewName) {
+  for (int round = 0; round < 3; ++round) {
+    TPair pair;
+    pair.Activate(1000);
+    for (const bool fromClient : {true, false}) {
+      TChannel& from = fromClient ? TPair::Client() : TPair::Server();
+      TChannel& to = fromClient ? TPair::Server() : TPair::Client();
+      std::vector<char> sent = Numbers(700, static_cast<char>(round)), received(700);
+      TTransfer read(to, okRead, received), first(from, okWrite, sent);
+      read.SetActive(true);
+      first.SetSize(300);
+      ASSERT_TRUE(first.Run());
+      ASSERT_TRUE(test::WaitUntil([&] { return read.GetTransferred() == 300; }));
+      EXPECT_TRUE(read.GetActive());  // until the rest arrives
+      first.SetBuffer(sent.data() + 300);
+      first.SetSize(400);
+      ASSERT_TRUE(first.Run());
+      ASSERT_TRUE(test::WaitUntil([&] { return !read.GetActive(); }));
+      EXPECT_EQ(received, sent);
+    }
+  }
+}
+
+TEST(SharedMemChannel, AWriterNeverWaitsAndTheReaderGetsTheNewest) {
+  TPair pair;
+  pair.Activate(64);  // holds 63
+  std::vector<char> sent = Numbers(200), received(63);
+  TTransfer write(TPair::Client(), okWrite, sent);
+  ASSERT_TRUE(write.Run());
+  EXPECT_EQ(write.Chunks, 4);  // 63, 63, 63, 11
+  TTransfer read(TPair::Server(), okRead, received);
+  ASSERT_TRUE(read.Run());
+  EXPECT_EQ(received, Numbers(63, static_cast<char>(137)));
+}
+
+TEST(SharedMemChannel, WakesAWriterWhenAFullBufferHasDrainedToHalf) {
+  TPair pair;
+  pair.Activate(16);  // holds 15; half is 8
+  TPair::Client().SetActive(false);
+  const THandle wake(
+      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (pair.Name + "ReadRemoteReadyEvent").c_str()));
+  ASSERT_TRUE(wake);
+  TPair::Client().SetActive(true);
+  std::vector<char> data = Numbers(15), six(6), one(1);
+  TTransfer write(TPair::Client(), okWrite, data);
+  ASSERT_TRUE(write.Run());
+  TPair::Client().SetActive(false);  // no one else takes the signal
+  TTransfer readSix(TPair::Server(), okRead, six), readOne(TPair::Server(), okRead, one);
+  ASSERT_TRUE(readSix.Run());
+  EXPECT_EQ(::WaitForSingleObject(wake.Get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+  ASSERT_TRUE(readOne.Run());
+  EXPECT_EQ(::WaitForSingleObject(wake.Get(), 0), static_cast<DWORD>(WAIT_OBJECT_0));
+}
+
+TEST(SharedMemChannel, EndsItsOperationsWhenDeactivated) {
+  TPair pair;
+  pair.Activate(64);
+  std::vector<char> data(8);
+  TTransfer a(TPair::Server(), okRead, data), b(TPair::Server(), okRead, data);
+  a.SetActive(true);
+  b.SetActive(true);
+  TPair::Server().SetActive(false);
+  EXPECT_FALSE(a.GetActive() || b.GetActive());
+  EXPECT_FALSE(a.GetSucceeded());
+}
+
+/// The peer, without the library: takes what the server writes, and writes the same bytes, each
+/// plus one, back. The block: capacity, read position, write position (32-bit words), then the
+/// data.
+struct TRawBlock {
+  explicit TRawBlock(const std::string& Name)
+      : Mapping(::OpenFileMappingA(FILE_MAP_ALL_ACCESS, FALSE, Name.c_str())),
+        Mutex(::OpenMutexA(MUTEX_ALL_ACCESS, FALSE, (Name + "Mutex").c_str())) {
+    if (Mapping)
+      Words = static_cast<uint32_t*>(::MapViewOfFile(Mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, 0));
+  }
+  char* Data() const { return reinterpret_cast<char*>(Words + 3); }
+  explicit operator bool() const { return Words != nullptr && Mutex; }
+  THandle Mapping, Mutex;
+  uint32_t* Words = nullptr;
+};
+
+int RawPeer(const std::vector<std::string>& Arguments) {
+  const std::string& name = Arguments.at(0);
+  const TRawBlock toServer(name + "Read"), toClient(name + "Write");
+  if (!toServer || !toClient || toServer.Words[0] != 100 || toClient.Words[0] != 100) return 2;
+  const THandle arrived(
+      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "WriteRemoteReadyEvent").c_str()));
+  const THandle wakeReader(
+      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "ReadReadyEvent").c_str()));
+  // The events on which the two writers wait.
+  const THandle room(
+      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "ReadRemoteReadyEvent").c_str()));
+  const THandle otherRoom(
+      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "WriteReadyEvent").c_str()));
+  if (!arrived || !wakeReader || !room || !otherRoom) return 3;
+  if (::WaitForSingleObject(arrived.Get(), 30'000) != WAIT_OBJECT_0) return 4;
+  ::WaitForSingleObject(toClient.Mutex.Get(), INFINITE);
+  const uint32_t count = toClient.Words[2] - toClient.Words[1];
+  if (count != 40 || toClient.Words[1] != 0) return 5;
+  std::vector<char> bytes(toClient.Data(), toClient.Data() + count);
+  toClient.Words[1] = count;
+  ::ReleaseMutex(toClient.Mutex.Get());
+
+  for (char& byte : bytes) ++byte;
+  ::WaitForSingleObject(toServer.Mutex.Get(), INFINITE);
+  std::memcpy(toServer.Data(), bytes.data(), count);
+  toServer.Words[2] = count;
+  ::ReleaseMutex(toServer.Mutex.Get());
+  ::SetEvent(wakeReader.Get());
+  return 0;
+}
+const test::TRole RawPeerRole("shared-memory-peer", &RawPeer);
+
+TEST(SharedMemChannel, SpeaksItsProtocolWithAPeerOfPlainCalls) {
+  TPair pair;
+  TSharedMemChannel& server = TPair::Server();
+  server.SetMemoryName(pair.Name);
+  server.SetMemorySize(100);
+  server.SetMode(cmServer);
+  server.SetActive(true);
+  test::TChild peer(test::RoleCommand("shared-memory-peer", {pair.Name}));
+  std::vector<char> sent = Numbers(40), received(40);
+  TTransfer write(server, okWrite, sent), read(server, okRead, received);
+  read.SetActive(true);
+  ASSERT_TRUE(write.Run());
+  EXPECT_TRUE(test::WaitUntil([&] { return !read.GetActive(); }));
+  EXPECT_EQ(received, Numbers(40, 1));
+  EXPECT_EQ(peer.Wait(), 0u);
+}
+
+}  // namespace
+}  // namespace velox

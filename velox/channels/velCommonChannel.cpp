@@ -1,0 +1,238 @@
+#include "velox/channels/velCommonChannel.hpp"
+
+#include <cstdlib>
+#include <utility>
+
+#include "velox/channels/velChannelArithmetic.hpp"
+#include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velMessages.hpp"
+
+namespace velox {
+
+// Operations.
+
+TTransferOperation::~TTransferOperation() {
+  Close();
+  if (Destroyed_ != nullptr) *Destroyed_ = true;
+  if (SelfAllocated_) std::free(Buffer_);
+}
+
+void TTransferOperation::Close() noexcept {
+  FreeOnComplete_ = false;  // it is being destroyed already
+  try {
+    if (!Abandoned_) SetActive(false);
+  } catch (...) {
+    TraceException("[TTransferOperation.Destroy] completion error");
+  }
+  TOperationQueue::Detach(*this);
+}
+
+void TTransferOperation::CheckActive() const {
+  if (Active_) throw Exception(messages::sePropertyOfActiveOperation);
+}
+
+void TTransferOperation::SetActive(bool Value) {
+  if (Value == Active_) return;
+  if (!Value) return Channel_->DeleteOperation(*this);
+  if (Size_ < 1 || Buffer_ == nullptr) {
+    throw Exception(messages::seSpecifySizeAndBuffer);
+  }
+  if (Channel_ == nullptr) {
+    throw Exception(messages::seSpecifyChannel);
+  }
+  if (!Channel_->GetActive()) throw Exception(messages::seChannelIsNotActive);
+  Transferred_ = 0;
+  Channel_->AddOperation(*this);
+}
+
+void TTransferOperation::SetKind(TOperationKind Value) {
+  CheckActive();
+  Kind_ = Value;
+}
+
+void TTransferOperation::SetChannel(TChannel* Value) {
+  CheckActive();
+  Channel_ = Value;
+}
+
+void TTransferOperation::SetBuffer(void* Value) {
+  if (Value == Buffer_) return;
+  CheckActive();
+  SetSelfAllocated(false);
+  Buffer_ = Value;
+}
+
+void TTransferOperation::SetSize(int32_t Value) {
+  CheckActive();
+  if (Value == Size_) return;
+  if (SelfAllocated_) {
+    if (Value <= 0) {
+      std::free(std::exchange(Buffer_, nullptr));
+    } else {
+      void* resized = std::realloc(Buffer_, static_cast<size_t>(Value));
+      if (resized == nullptr) throw EOutOfMemory();
+      Buffer_ = resized;
+    }
+  }
+  Size_ = Value;
+}
+
+void TTransferOperation::SetSelfAllocated(bool Value) {
+  CheckActive();
+  if (Value == SelfAllocated_) return;
+  SetSize(0);
+  Buffer_ = nullptr;
+  SelfAllocated_ = Value;
+}
+
+void TTransferOperation::SetTimeout(int32_t Value) {
+  CheckActive();
+  if (Value >= 0) Timeout_ = Value;
+}
+
+void TTransferOperation::SetAutoTimeout(bool Value) {
+  CheckActive();
+  AutoTimeout_ = Value;
+}
+
+void TTransferOperation::SetFreeOnComplete(bool Value) {
+  CheckActive();
+  FreeOnComplete_ = Value;
+}
+
+void TTransferOperation::SetOnStart(const TOperationNotificationEvent& Value) {
+  CheckActive();
+  OnStart_ = Value;
+}
+
+void TTransferOperation::SetOnTransferred(const TOperationTransferEvent& Value) {
+  CheckActive();
+  OnTransferred_ = Value;
+}
+
+void TTransferOperation::SetOnComplete(const TOperationNotificationEvent& Value) {
+  CheckActive();
+  OnComplete_ = Value;
+}
+
+void TTransferOperation::DoStart() {
+  if (OnStart_) OnStart_(this);
+}
+
+void TTransferOperation::DoTransferred() {
+  if (!OnTransferred_) return;
+  // The handler may destroy the operation, which then must not be touched.
+  struct TWatch {
+    explicit TWatch(TTransferOperation& AOperation)
+        : Operation(AOperation), Outer(std::exchange(AOperation.Destroyed_, &Destroyed)) {}
+    ~TWatch() {
+      if (!Destroyed) {
+        Operation.Destroyed_ = Outer;
+      } else if (Outer != nullptr) {
+        *Outer = true;
+      }
+    }
+    TTransferOperation& Operation;
+    bool Destroyed = false;
+    bool* Outer;
+  };
+  TWatch watch(*this);
+  bool reset = false;
+  OnTransferred_(this, reset);
+  if (!watch.Destroyed && reset) Transferred_ = 0;
+}
+
+void TTransferOperation::DoComplete() {
+  if (OnComplete_) OnComplete_(this);
+}
+
+// Channels.
+
+TChannel::~TChannel() = default;
+
+void TChannel::SetActive(bool Value) {
+  if (Value == Active_) return;
+  if (Value) {
+    InitializeQueues();
+    Active_ = true;
+    if (OnActivate) OnActivate(this);
+    return;
+  }
+  if (OnDeactivate) OnDeactivate(this);
+  Active_ = false;
+  FinalizeQueues();
+}
+
+void TChannel::Close() noexcept {
+  try {
+    SetActive(false);
+  } catch (...) {
+    TraceException("[TChannel.Destroy] deactivation error");
+  }
+  if (!Active_.exchange(false)) return;
+  // OnDeactivate raised.
+  try {
+    FinalizeQueues();
+  } catch (...) {
+    TraceException("[TChannel.Destroy] deactivation error");
+  }
+}
+
+void TChannel::CheckActive() const {
+  if (Active_) throw Exception(messages::seActiveChannel);
+}
+
+TClass TChannel::GetOperationClass() const { return TClass::Of<TTransferOperation>(); }
+
+void TChannel::SetBandwidth(int32_t Value) { Bandwidth_.exchange(Value); }
+
+void TChannel::SetLatence(int32_t Value) { Latence_.exchange(Value); }
+
+int32_t TChannel::GetTimeout(int32_t Size) const {
+  if (Size == 0) return 0;
+  const int32_t transfer = MultiplyDivide(Size, 1000, Bandwidth_);
+  return MultiplyDivide(AddWrapped(transfer, Latence_), 12, 10);
+}
+
+std::unique_ptr<TTransferOperation> TChannel::CreateOperation() {
+  std::unique_ptr<TObject> made = GetOperationClass().Create();
+  auto* operation = dynamic_cast<TTransferOperation*>(made.get());
+  if (operation == nullptr) throw Exception(messages::seIncorrectParameters);
+  made.release();
+  std::unique_ptr<TTransferOperation> result(operation);
+  result->SetChannel(this);
+  return result;
+}
+
+namespace {
+
+size_t QueueIndex(TOperationKind Kind) {
+  const size_t index = static_cast<uint8_t>(Kind) & 0x7F;
+  if (index > static_cast<size_t>(TOperationKind::okWrite)) {
+    throw Exception(messages::seIncorrectParameters);
+  }
+  return index;
+}
+
+}  // namespace
+
+TOperationQueue* TChannel::GetOperationQueues(TOperationKind Kind) const {
+  return OperationQueues_[QueueIndex(Kind)];
+}
+
+void TChannel::SetOperationQueues(TOperationKind Kind, TOperationQueue* Queue) {
+  OperationQueues_[QueueIndex(Kind)] = Queue;
+}
+
+void TChannel::AddOperation(TTransferOperation& Operation) {
+  TOperationQueue* queue = GetOperationQueues(Operation.GetKind());
+  if (queue == nullptr) throw Exception(messages::seChannelIsNotActive);
+  queue->AddOperation(Operation);
+}
+
+void TChannel::DeleteOperation(TTransferOperation& Operation) {
+  TOperationQueue* queue = GetOperationQueues(Operation.GetKind());
+  if (queue != nullptr) queue->CancelOperation(Operation);
+}
+
+}  // namespace velox

@@ -1,0 +1,527 @@
+#include <algorithm>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+#include "velox/channels/velChannelArithmetic.hpp"
+#include "velox/channels/velCommonChannel.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velCriticalSection.hpp"
+#include "velox/runtime/velException.hpp"
+#include "velox/runtime/velFormat.hpp"
+#include "velox/runtime/velMessages.hpp"
+
+namespace velox {
+namespace {
+
+HANDLE NewEvent() {
+  const HANDLE event = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  if (event == nullptr) RaiseLastOSError();
+  return event;
+}
+
+// How long before its time, by the coarse clock, a timeout may be taken for due. More than that
+// clock's step.
+constexpr uint64_t TimeoutTolerance = 20;  // milliseconds
+
+// How often one reaction looks for work again before it lets the others of its thread have their
+// turn.
+constexpr int MaximalRounds = 32;
+
+}  // namespace
+
+// What outlives the queue while somebody is still at work with it.
+struct TOperationQueue::TShared {
+  void Signal() noexcept {
+    if (Signals.fetch_add(1) == 0) ::SetEvent(QueueChangedEvent.Get());
+  }
+
+  TCriticalSection Lock;
+  THandle QueueChangedEvent{NewEvent()};
+  /// Not 0: someone is going to look for work, because the event is set or because a reaction is
+  /// running and looks again before it ends. So only the signal that finds 0 needs the system.
+  std::atomic<uint32_t> Signals{0};
+  std::atomic<bool> Closed{false};  // set under Lock, for good
+};
+
+// One reaction run. Signals that come during the run are taken by the run itself.
+struct TOperationQueue::TTurn {
+  explicit TTurn(TShared& AShared) noexcept
+      : Shared(AShared), Seen(AShared.Signals.fetch_add(1) + 1) {}
+  ~TTurn() {
+    // Left by an exception: what was signalled since is work for the next run.
+    if (!Ended && Shared.Signals.exchange(0) != Seen) Shared.Signal();
+  }
+
+  /// True when nothing was signalled since the last look; the run is over then.
+  bool End() noexcept {
+    uint32_t current = Seen;
+    // 0: a run on another thread has looked meanwhile, after all signals that this one knows of.
+    Ended = Shared.Signals.compare_exchange_strong(current, 0) || current == 0;
+    Seen = current;
+    return Ended;
+  }
+
+  /// Leaves what was signalled to another run.
+  void HandOver() noexcept {
+    Ended = true;
+    Shared.Signals = 0;
+    Shared.Signal();
+  }
+
+  TShared& Shared;
+  uint32_t Seen;
+  bool Ended = false;
+};
+
+// The procedures at work under the lock. An event raised by one of them may cancel operations or
+// destroy the queue, that is, start another step inside this one, which then has to correct what
+// this one knows.
+struct TOperationQueue::TStep {
+  explicit TStep(TOperationQueue& AQueue)
+      : Queue(AQueue), Guard(AQueue.Shared_->Lock), Outer(std::exchange(AQueue.Step_, this)) {}
+  ~TStep() {
+    if (!QueueDestroyed) Queue.Step_ = Outer;
+  }
+
+  /// The operation at this position has left the queue.
+  void Removed(int32_t Position) noexcept {
+    if (Position < Index) {
+      --Index;
+    } else if (Position < Index + Count) {
+      --Count;
+    } else if (Position == Index + Count) {
+      CurrentRemoved = true;
+    }
+  }
+
+  TOperationQueue& Queue;
+  std::unique_lock<TCriticalSection> Guard;
+  TStep* Outer;
+  int32_t Index = 0;
+  int32_t Count = 0;
+  bool CurrentRemoved = false;  // the one behind those finished
+  bool Transferring = false;
+  bool QueueDestroyed = false;
+};
+
+// Operations that have left their queue and wait, on one thread's stack, for their OnComplete. All
+// batches are listed, so that an operation that is being destroyed can be found and taken out.
+class TOperationQueue::TBatch {
+ public:
+  TBatch() noexcept {
+    const TListGuard guard;
+    Next_ = First;
+    if (Next_ != nullptr) Next_->Previous_ = this;
+    First = this;
+  }
+
+  ~TBatch() {
+    const TListGuard guard;
+    for (TTransferOperation* operation : Waiting_) {
+      if (operation != nullptr) operation->Abandoned_ = true;
+    }
+    (Previous_ == nullptr ? First : Previous_->Next_) = Next_;
+    if (Next_ != nullptr) Next_->Previous_ = Previous_;
+  }
+
+  void Add(TTransferOperation* const* Begin, TTransferOperation* const* End) {
+    const TListGuard guard;
+    Waiting_.insert(Waiting_.end(), Begin, End);
+  }
+
+  /// Completes all. The first exception passes at the end, the others go to the trace log.
+  void Complete() {
+    std::exception_ptr first;
+    while (TakeNext()) {
+      try {
+        OperationCompleted(*Current_);
+      } catch (...) {
+        if (first == nullptr) {
+          first = std::current_exception();
+        } else {
+          TraceException("[TOperationQueue.OperationCompleted] completion error");
+        }
+      }
+      Leave();
+    }
+    if (first != nullptr) std::rethrow_exception(first);
+  }
+
+  /// For an operation that is being destroyed: no batch holds it any more on return. True when one
+  /// held it waiting; its completion is the caller's business then.
+  static bool Forget(TTransferOperation& Operation) noexcept {
+    const DWORD thread = ::GetCurrentThreadId();
+    bool waiting = false;
+    const TListGuard guard;
+    for (TBatch* batch = First; batch != nullptr; batch = batch->Next_) {
+      // Destroyed by its own OnComplete. (One that another thread runs is waited for.)
+      if (batch->Current_ == &Operation && batch->ThreadId_ == thread) {
+        batch->Current_ = nullptr;
+        Operation.Completions_.Finish();
+      }
+      for (TTransferOperation*& entry : batch->Waiting_) {
+        if (entry != &Operation) continue;
+        entry = nullptr;
+        waiting = true;
+      }
+    }
+    return waiting;
+  }
+
+ private:
+  struct TListGuard {
+    TListGuard() noexcept { ::AcquireSRWLockExclusive(&ListLock); }
+    ~TListGuard() { ::ReleaseSRWLockExclusive(&ListLock); }
+  };
+
+  bool TakeNext() noexcept {
+    const TListGuard guard;
+    while (Position_ < Waiting_.size()) {
+      Current_ = std::exchange(Waiting_[Position_++], nullptr);
+      if (Current_ == nullptr) continue;
+      Current_->Completions_.Begin();
+      Activation_ = Current_->Activations_;
+      return true;
+    }
+    return false;
+  }
+
+  /// After OnComplete, which may have destroyed the operation, or activated it again.
+  void Leave() noexcept {
+    TTransferOperation* operation;
+    bool owned = false;
+    {
+      const TListGuard guard;
+      operation = std::exchange(Current_, nullptr);
+      if (operation == nullptr) return;
+      owned = operation->FreeOnComplete_ && operation->Activations_ == Activation_;
+    }
+    operation->Completions_.Finish();
+    if (owned) delete operation;
+  }
+
+  static inline SRWLOCK ListLock = SRWLOCK_INIT;  // guards the list and all that follows
+  static inline TBatch* First = nullptr;
+
+  TBatch* Previous_ = nullptr;
+  TBatch* Next_ = nullptr;
+  std::vector<TTransferOperation*> Waiting_;  // null: done, or destroyed
+  size_t Position_ = 0;
+  TTransferOperation* Current_ =
+      nullptr;  // its OnComplete is running; null once that has destroyed it
+  uint32_t Activation_ = 0;
+  const DWORD ThreadId_ = ::GetCurrentThreadId();
+};
+
+TOperationQueue::TOperationQueue(TChannel& Channel)
+    : Channel_(Channel),
+      Shared_(std::make_shared<TShared>()),
+      TimeoutEvent_(NewEvent()),
+      TimeoutTask_(std::make_unique<TEventTask>()) {
+  TimeoutTask_->SetEventHandle(TimeoutEvent_.Get());
+  QueueChangedReaction_ = std::make_unique<TEventReaction>(
+      TReactor::GetInstance(), Shared_->QueueChangedEvent.Get(), nullptr,
+      TReactionEvent::Bind<&TOperationQueue::DoOperationQueueChangedAsync>(this));
+  TimeoutReaction_ = std::make_unique<TEventReaction>(
+      TReactor::GetInstance(), TimeoutEvent_.Get(), nullptr,
+      TReactionEvent::Bind<&TOperationQueue::DoOperationTimeout>(this));
+  QueueChangedReaction_->SetActive(true);
+  TimeoutReaction_->SetActive(true);
+}
+
+TOperationQueue::~TOperationQueue() { Close(); }
+
+void TOperationQueue::Close() noexcept {
+  {
+    const std::scoped_lock guard(Shared_->Lock);
+    if (Shared_->Closed.exchange(true)) return;
+  }
+  try {
+    Finalize();
+  } catch (...) {
+    TraceException("[TOperationQueue.Destroy] completion error");
+  }
+  {
+    // Called from inside an event: the steps further up this thread end at once, and let go of the
+    // lock now, since a reaction that waits for it could not be ended otherwise.
+    const std::scoped_lock guard(Shared_->Lock);
+    for (TStep* step = Step_; step != nullptr; step = step->Outer) {
+      step->QueueDestroyed = true;
+      step->Guard.unlock();
+    }
+    Step_ = nullptr;
+  }
+  TimeoutReaction_.reset();
+  QueueChangedReaction_.reset();
+  TimeoutTask_.reset();
+}
+
+void TOperationQueue::Lock() noexcept { Shared_->Lock.lock(); }
+
+void TOperationQueue::Unlock() noexcept { Shared_->Lock.unlock(); }
+
+int32_t TOperationQueue::GetCount() const {
+  const std::scoped_lock guard(Shared_->Lock);
+  return static_cast<int32_t>(Operations_.size());
+}
+
+int32_t TOperationQueue::GetOperationIndex(const TTransferOperation& Operation) const {
+  const std::scoped_lock guard(Shared_->Lock);
+  const auto found = std::find(Operations_.begin(), Operations_.end(), &Operation);
+  return found == Operations_.end() ? -1 : static_cast<int32_t>(found - Operations_.begin());
+}
+
+void TOperationQueue::AddOperation(TTransferOperation& Operation) {
+  // Once the lock is released, the operation may complete, and its events may destroy the queue.
+  const std::shared_ptr<TShared> shared = Shared_;
+  {
+    const std::scoped_lock guard(shared->Lock);
+    if (shared->Closed) throw Exception(messages::seChannelIsNotActive);
+    const size_t count = Operations_.size();
+    if (count == Operations_.capacity()) Operations_.reserve(count * 11 / 10 + 10);
+    Operations_.push_back(&Operation);
+    ++Operation.Activations_;
+    Operation.State_ = TOperationState::osPending;
+    Operation.Active_ = true;
+  }
+  shared->Signal();
+}
+
+void TOperationQueue::CancelOperation(TTransferOperation& Operation) {
+  struct TSignalAtEnd {
+    ~TSignalAtEnd() { Shared->Signal(); }
+    std::shared_ptr<TShared> Shared;
+  };
+  const TSignalAtEnd atEnd{Shared_};  // OnComplete may destroy the queue
+  ExecuteOperationProcess(
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateOperation>(this)}, &Operation);
+}
+
+void TOperationQueue::Finalize() {
+  ExecuteOperationProcess(
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateAllOperations>(this)}, nullptr);
+}
+
+void TOperationQueue::ScheduleOperationQueueChanged() { Shared_->Signal(); }
+
+void TOperationQueue::DoOperationQueueChanged() {
+  ExecuteOperationProcess(
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)},
+      nullptr);
+}
+
+void TOperationQueue::DoChannelReady(TObject*) {
+  RunOnReactor({TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationData>(this)});
+}
+
+void TOperationQueue::DoOperationQueueChangedAsync(TObject*) {
+  RunOnReactor(
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)});
+}
+
+void TOperationQueue::DoOperationTimeout(TObject*) {
+  RunOnReactor(
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateTimedOutOperation>(this),
+       TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)});
+}
+
+// Operations that OnComplete adds, to keep a stream going, are carried by the same run: no signal
+// through the system.
+void TOperationQueue::RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures) {
+  const std::shared_ptr<TShared> shared = Shared_;
+  TTurn turn(*shared);
+  ExecuteOperationProcess(Procedures, nullptr);
+  for (int round = 0; !shared->Closed && !turn.End(); ++round) {
+    if (round == MaximalRounds) return turn.HandOver();
+    DoOperationQueueChanged();
+  }
+}
+
+void TOperationQueue::ExecuteOperationProcess(
+    std::initializer_list<TProcessOperationsProcedure> Procedures, TObject* Parameter) {
+  const std::shared_ptr<TShared> shared = Shared_;  // the step's lock is in it
+  TBatch batch;
+  {
+    TStep step(*this);
+    for (const TProcessOperationsProcedure& procedure : Procedures) {
+      step.Index = 0;
+      step.Count = 0;
+      procedure(step.Index, step.Count, Parameter);
+      if (step.QueueDestroyed) break;
+      TakeCompleted(batch);
+    }
+  }
+  batch.Complete();
+}
+
+void TOperationQueue::TakeCompleted(TBatch& Batch) {
+  const TStep& step = *Step_;
+  if (step.Count <= 0) return;
+  const auto begin = Operations_.begin() + step.Index;
+  const auto end = begin + step.Count;
+  Batch.Add(&*begin, &*begin + step.Count);
+  Operations_.erase(begin, end);
+  for (TStep* outer = step.Outer; outer != nullptr; outer = outer->Outer) {
+    for (int32_t i = 0; i < step.Count; ++i) outer->Removed(step.Index);
+  }
+}
+
+void TOperationQueue::OperationCompleted(TTransferOperation& Operation) {
+  Operation.State_ = TOperationState::osComplete;
+  Operation.Active_ = false;
+  Operation.DoComplete();
+}
+
+void TOperationQueue::Detach(TTransferOperation& Operation) noexcept {
+  if (TBatch::Forget(Operation)) {
+    try {
+      OperationCompleted(Operation);
+    } catch (...) {
+      TraceException("[TTransferOperation.Destroy] completion error");
+    }
+  }
+  Operation.Completions_.WaitQuietly(nullptr);
+}
+
+// The transfer loop. The operations finished are always the first ones.
+void TOperationQueue::TransferOperationData(int32_t&, int32_t& ACompletedCount, TObject*) {
+  TStep& step = *Step_;
+  for (const TStep* outer = step.Outer; outer != nullptr; outer = outer->Outer) {
+    // Called inside an event of the loop, which goes on by itself when the event returns.
+    if (outer->Transferring) return;
+  }
+  step.Transferring = true;
+  TransferSize_ = TransferPending_ ? GetActualCompletedSize() : 0;
+  TransferPending_ = false;
+  for (;;) {
+    TransferCompleted(ACompletedCount);
+    if (step.QueueDestroyed) return;
+    TTransferOperation* const operation = StartNextOperation();
+    if (operation == nullptr) return;
+    TransferChunk(*operation);
+    if (TransferPending_) return StartTimeoutTask(*operation);
+  }
+}
+
+void TOperationQueue::TransferOperationDataWhenIdle(int32_t& ACompletedIndex,
+                                                    int32_t& ACompletedCount, TObject* AParameter) {
+  if (!TransferPending_) TransferOperationData(ACompletedIndex, ACompletedCount, AParameter);
+}
+
+// Books TransferSize_ bytes on the operation at Index, and steps over the operation when it is
+// full.
+void TOperationQueue::TransferCompleted(int32_t& Index) {
+  const int32_t size = std::exchange(TransferSize_, 0);
+  if (size == 0 || Index >= static_cast<int32_t>(Operations_.size())) return;
+  TTransferOperation& operation = *Operations_[static_cast<size_t>(Index)];
+  const int32_t transferred = AddWrapped(operation.Transferred_, size);
+  operation.Transferred_ = transferred;
+  if (operation.Size_ <= transferred) {
+    if (operation.Size_ < transferred) {
+      Trace(Format("Size %d, transferred %d", operation.Size_, transferred), TTraceType::ttError);
+    }
+    ++Index;
+    FinishTimeoutTask();
+  }
+  operation.DoTransferred();
+}
+
+// The operation to carry now; null when there is none left, or OnStart has destroyed the queue.
+TTransferOperation* TOperationQueue::StartNextOperation() {
+  TStep& step = *Step_;
+  while (step.Count < static_cast<int32_t>(Operations_.size())) {
+    TTransferOperation* const operation = Operations_[static_cast<size_t>(step.Count)];
+    if (operation->State_ != TOperationState::osPending) return operation;
+    step.CurrentRemoved = false;
+    operation->DoStart();
+    if (step.QueueDestroyed) return nullptr;
+    if (step.CurrentRemoved) continue;
+    operation->State_ = TOperationState::osTransferring;
+    return operation;
+  }
+  return nullptr;
+}
+
+void TOperationQueue::TransferChunk(TTransferOperation& Operation) {
+  const int32_t transferred = Operation.Transferred_;
+  TransferSize_ = 0;
+  int32_t size = GetAvailableSize(Operation);
+  TransferPending_ = true;
+  size = std::clamp(size, 0, std::max(0, Operation.Size_ - transferred));
+  if (size == 0) return;
+  // Until the medium has taken it, no byte counts as moved.
+  TransferPending_ =
+      !TransferData(Operation, static_cast<char*>(Operation.Buffer_) + transferred, size);
+  TransferSize_ = size;
+}
+
+int32_t TOperationQueue::GetActualCompletedSize() { return TransferSize_; }
+
+void TOperationQueue::CancelTransfer() {
+  TransferPending_ = false;
+  TransferSize_ = 0;
+}
+
+void TOperationQueue::StartTimeoutTask(TTransferOperation& Operation) {
+  ArmTimeoutTask(Operation.AutoTimeout_
+                     ? Channel_.GetTimeout(TransferSize_)
+                     : MultiplyDivide(Operation.Timeout_, TransferSize_, Operation.Size_));
+}
+
+void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
+  if (std::exchange(TimeoutArmed_, false)) TimeoutTask_->SetActive(0);
+  if (Timeout == 0) return;
+  TimeoutTask_->SetDuration(Timeout);
+  TimeoutDue_ = ::GetTickCount64() + static_cast<uint64_t>(TimeoutTask_->GetDuration());
+  TimeoutArmed_ = true;
+  TimeoutTask_->SetActive(1);
+}
+
+void TOperationQueue::FinishTimeoutTask() {
+  if (!std::exchange(TimeoutArmed_, false)) return;
+  TimeoutTask_->SetActive(0);
+  ::ResetEvent(TimeoutEvent_.Get());
+}
+
+// A timeout may have fired, and even woken the reactor, for a chunk that ended before the reaction
+// got the lock.
+bool TOperationQueue::TimeoutIsDue() const noexcept {
+  return TimeoutArmed_ && ::GetTickCount64() + TimeoutTolerance >= TimeoutDue_;
+}
+
+void TOperationQueue::TerminateTimedOutOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                                                 TObject*) {
+  if (TimeoutIsDue()) TerminateOperationByIndex(ACompletedIndex, ACompletedCount, nullptr);
+}
+
+void TOperationQueue::TerminateOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                                         TObject* AParameter) {
+  const int32_t index = GetOperationIndex(*static_cast<TTransferOperation*>(AParameter));
+  TerminateOperationByIndex(ACompletedIndex, ACompletedCount,
+                            reinterpret_cast<TObject*>(static_cast<intptr_t>(index)));
+}
+
+void TOperationQueue::TerminateOperationByIndex(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                                                TObject* AParameter) {
+  ACompletedIndex = static_cast<int32_t>(reinterpret_cast<intptr_t>(AParameter));
+  ACompletedCount = 0;
+  if (ACompletedIndex < 0 || ACompletedIndex >= static_cast<int32_t>(Operations_.size())) return;
+  if (ACompletedIndex == 0) {
+    FinishTimeoutTask();
+    CancelTransfer();
+  }
+  ACompletedCount = 1;
+}
+
+void TOperationQueue::TerminateAllOperations(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                                             TObject*) {
+  ACompletedIndex = 0;
+  ACompletedCount = static_cast<int32_t>(Operations_.size());
+  if (ACompletedCount == 0) return;
+  FinishTimeoutTask();
+  CancelTransfer();
+}
+
+}  // namespace velox
