@@ -26,8 +26,14 @@ constexpr int LeastRounds = 5;
 constexpr int MostRounds = 25;
 constexpr int TracedRuns = 50;
 
-std::vector<std::pair<std::string, void (*)()>>& Groups() {
-  static std::vector<std::pair<std::string, void (*)()>> groups;
+struct TGroupEntry {
+  std::string Name;
+  void (*Body)();
+  bool Counts;
+};
+
+std::vector<TGroupEntry>& Groups() {
+  static std::vector<TGroupEntry> groups;
   return groups;
 }
 
@@ -130,7 +136,9 @@ void Compare(const TRow& Row, const TSide& Ours, const TSide& Theirs) {
   std::fflush(stdout);
 }
 
-TGroup::TGroup(const char* Name, void (*Body)()) { Groups().emplace_back(Name, Body); }
+TGroup::TGroup(const char* Name, void (*Body)(), bool Counts) {
+  Groups().push_back({Name, Body, Counts});
+}
 
 TRole::TRole(const char* Name, void (*Body)(const std::vector<std::string>&)) {
   Roles().emplace(Name, Body);
@@ -165,19 +173,21 @@ bool RunGroup(const std::string& Name) {
 }
 
 int RunBody(const std::string& Name) {
-  for (const auto& [name, body] : Groups()) {
-    if (name == Name) body();
+  for (const TGroupEntry& group : Groups()) {
+    if (group.Name == Name) group.Body();
   }
   return 0;
 }
 
 int RunAll(const std::string& Pattern) {
   if (!Tracing) PrintHeader();
+  std::sort(Groups().begin(), Groups().end(),
+            [](const TGroupEntry& A, const TGroupEntry& B) { return A.Name < B.Name; });
   bool good = true;
-  for (const auto& [name, body] : Groups()) {
-    if (name.find(Pattern) == std::string::npos) continue;
-    if (RunGroup(name)) continue;
-    std::fprintf(stderr, "velox_bench: the rows \"%s\" failed\n", name.c_str());
+  for (const TGroupEntry& group : Groups()) {
+    if (group.Name.find(Pattern) == std::string::npos || (Tracing && !group.Counts)) continue;
+    if (RunGroup(group.Name)) continue;
+    std::fprintf(stderr, "velox_bench: the rows \"%s\" failed\n", group.Name.c_str());
     good = false;
   }
   return good ? 0 : 1;
@@ -195,7 +205,7 @@ int Run(const std::vector<std::string>& Arguments) {
     return 0;
   }
   if (mode == "--list") {
-    for (const auto& group : Groups()) std::printf("%s\n", group.first.c_str());
+    for (const TGroupEntry& group : Groups()) std::printf("%s\n", group.Name.c_str());
     return 0;
   }
   return RunAll(mode);

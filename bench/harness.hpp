@@ -45,7 +45,8 @@ void Compare(const TRow& Row, const TSide& Ours, const TSide& Theirs);
 /// Rows that belong together; they run in a process of their own, so that neither threads nor
 /// memory of one group weigh on another. Define one at namespace level.
 struct TGroup {
-  TGroup(const char* Name, void (*Body)());
+  /// Counts says whether counting the requests to the system tells something about these rows.
+  TGroup(const char* Name, void (*Body)(), bool Counts = false);
 };
 
 /// A part that a group runs in another process, started with StartRole.
