@@ -3,6 +3,8 @@
 
 #include "velox/runtime/velWindows.hpp"
 // Windows' headers come before those that would include them otherwise.
+// Wine lacks what Boost looks for to find a folder of its own.
+#define BOOST_INTERPROCESS_SHARED_DIR_PATH "C:\\windows\\temp"
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstring>
 

@@ -16,6 +16,21 @@ namespace {
 
 using namespace velox;
 
+/// Positions below Count in an order without period, which the processor's branch prediction can't
+/// learn by heart.
+class TPick {
+ public:
+  explicit TPick(size_t Count) : Count_(Count) {}
+  size_t operator()() {
+    State_ = State_ * 6364136223846793005u + 1442695040888963407u;
+    return static_cast<size_t>(((State_ >> 32) * Count_) >> 32);
+  }
+
+ private:
+  uint64_t State_ = 1;
+  uint64_t Count_;
+};
+
 struct TItem : TObject {
   explicit TItem(int32_t AKey) : Key(AKey) {}
   int32_t Key;
@@ -28,6 +43,9 @@ int32_t CompareItems(TObject* A, TObject* B) {
 }
 
 bool ItemLess(TItem* A, TItem* B) { return A->Key < B->Key; }
+
+// The order is chosen while the program runs, as it is of an object array.
+bool (*volatile ChosenOrder)(TItem*, TItem*) = &ItemLess;
 
 std::vector<int32_t> ShuffledKeys(int32_t Count) {
   std::vector<int32_t> keys(static_cast<size_t>(Count));
@@ -51,7 +69,7 @@ void FillArray(TObjectArray& Array, const TItems& Items) {
 
 void FillVector(std::vector<TItem*>& Vector, const TItems& Items) {
   for (const auto& item : Items.Items) {
-    Vector.insert(std::lower_bound(Vector.begin(), Vector.end(), item.get(), &ItemLess),
+    Vector.insert(std::lower_bound(Vector.begin(), Vector.end(), item.get(), ChosenOrder),
                   item.get());
   }
 }
@@ -62,16 +80,15 @@ void FindRow(int32_t Count) {
   std::vector<TItem*> vector;
   FillArray(array, items);
   FillVector(vector, items);
-  const size_t mask = items.Items.size() - 1;
-  const auto ours = [&](int Run) {
-    // Another one each time, in the order of the shuffled items.
+  TPick pick(items.Items.size());
+  const auto ours = [&] {
     int32_t index = 0;
-    array.FindItem(items.Items[static_cast<size_t>(Run) % mask].get(), index);
+    array.FindItem(items.Items[pick()].get(), index);
     return index;
   };
-  const auto theirs = [&](int Run) {
-    TItem* item = items.Items[static_cast<size_t>(Run) % mask].get();
-    return std::lower_bound(vector.begin(), vector.end(), item, &ItemLess) - vector.begin();
+  const auto theirs = [&] {
+    return std::lower_bound(vector.begin(), vector.end(), items.Items[pick()].get(), ChosenOrder) -
+           vector.begin();
   };
   Compare({Format("sorted object array, %d items: find", Count), "std::vector, lower_bound", 0.8},
           Repeat(ours), Repeat(theirs));
@@ -115,14 +132,13 @@ void TreeRows(int32_t Count) {
     std::map<int32_t, int32_t> map;
     fill(tree);
     fillMap(map);
-    const auto ours = [&](int Run) {
+    TPick pick(size);
+    const auto ours = [&] {
       int32_t data = 0;
-      tree.Search(&keys[static_cast<size_t>(Run) % size], &data);
+      tree.Search(&keys[pick()], &data);
       return data;
     };
-    const auto theirs = [&](int Run) {
-      return map.find(keys[static_cast<size_t>(Run) % size])->second;
-    };
+    const auto theirs = [&] { return map.find(keys[pick()])->second; };
     Compare({Format("AVL tree, %d integer keys: search", Count), "std::map, find", 1.0},
             Repeat(ours), Repeat(theirs));
   }

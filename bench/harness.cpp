@@ -22,8 +22,10 @@ using TSeconds = std::chrono::duration<double>;
 constexpr TSeconds ShortestRun{
     0.02};  // of one side, so that the clock's grain and a switch of threads weigh little
 constexpr double Budget = 1.5;  // seconds a row, unless five rounds take longer
-constexpr int LeastRounds = 5;
-constexpr int MostRounds = 25;
+constexpr size_t LeastRounds = 5;
+constexpr double Patience = 8;  // seconds, after which three rounds do
+constexpr size_t FewRounds = 3;
+constexpr size_t MostRounds = 25;
 constexpr int TracedRuns = 50;
 
 struct TGroupEntry {
@@ -96,10 +98,10 @@ void Trace(const TRow& Row, const char* Who, const TSide& Side) {
 }
 
 constexpr const char* Line =
-    "| %-58s | %-36s | %9s | %9s | %6.2f | %5.2f..%-6.2f | %-9s | %6.1f |\n";
+    "| %-66s | %-42s | %9s | %9s | %6.2f | %5.2f..%-6.2f | %-9s | %6.1f |\n";
 
 void PrintHeader() {
-  std::printf("| %-58s | %-36s | %9s | %9s | %6s | %13s | %-9s | %6s |\n", "operation",
+  std::printf("| %-66s | %-42s | %9s | %9s | %6s | %13s | %-9s | %6s |\n", "operation",
               "compared with", "ours", "theirs", "ratio", "quartiles", "target", "MiB");
   std::printf("|:---|:---|---:|---:|---:|:---:|:---|---:|\n");
   std::fflush(stdout);
@@ -117,7 +119,8 @@ void Compare(const TRow& Row, const TSide& Ours, const TSide& Theirs) {
   const int theirRuns = Calibrate(Theirs);
   std::vector<double> ours, theirs, ratios;
   double spent = 0;
-  while (ratios.size() < LeastRounds || (spent < Budget && ratios.size() < MostRounds)) {
+  while (ratios.size() < (spent < Patience ? LeastRounds : FewRounds) ||
+         (spent < Budget && ratios.size() < MostRounds)) {
     // Who begins changes, so that a machine that becomes slower or faster favours neither.
     const bool oursFirst = ratios.size() % 2 == 0;
     if (oursFirst) ours.push_back(Time(Ours, ourRuns));
