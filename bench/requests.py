@@ -22,7 +22,7 @@ FEWEST = [
     ("call queue", 2, "queue the APC; there: wait again"),
     ("reactor", 4, "signal, wait for the answer; there: answer, wait again"),
     ("scheduler: arm", 4, "queue the APC; there: set the timer, wait again; then cancel it, or wait for it"),
-    ("trace record", 4, "open, look up the descriptor, close, and the file's size"),
+    ("trace record", 3, "open, look up the descriptor, close"),
     ("shared-memory channel", 12, "each way: take the mutex, release it, signal; wait, take the mutex, release it"),
 ]
 
