@@ -156,6 +156,54 @@ TEST(AsynchronousCall, AHandlerThatRaisesReachesTheWaitOfItsThread) {
   target.Stop();
 }
 
+TEST(AsynchronousCall, AHandlerThatRaisesOnTheCallingThreadLeavesACallThatCanBeDestroyed) {
+  const THandle own(GetRealCurrentThreadHandle());
+  TRecorder recorder;
+  recorder.During = [] { throw Exception("at once"); };
+  EXPECT_EQ(MessageOf([&] {
+              TAsynchronousCall call(own.Get(), ::GetCurrentThreadId(), recorder.Handler());
+              call.Queue(false);
+            }),
+            "at once");
+}
+
+// Each thread begins something, has another thread finish it, and waits: no wait may end before the
+// thread's own is finished, though other rounds of the gate end all the time, and every wait ends.
+TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
+  constexpr int Threads = 6;
+  TPendingGate gate;
+  std::atomic<std::atomic<bool>*> handed[Threads] = {};
+  std::atomic<int> running{Threads};
+  std::thread finisher([&] {
+    while (running > 0) {
+      for (auto& slot : handed) {
+        if (std::atomic<bool>* const done = slot.exchange(nullptr)) {
+          *done = true;
+          gate.Finish();
+        }
+      }
+      ::Sleep(0);
+    }
+  });
+  std::vector<std::thread> waiters;
+  for (int t = 0; t < Threads; ++t) {
+    waiters.emplace_back([&, t] {
+      for (int n = 0; n < 300; ++n) {
+        std::atomic<bool> done{false};
+        gate.Begin();
+        handed[t] = &done;
+        EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+        EXPECT_TRUE(done);
+      }
+      --running;
+    });
+  }
+  for (std::thread& waiter : waiters) waiter.join();
+  finisher.join();
+  gate.Finish();  // one too many changes nothing
+  EXPECT_EQ(gate.GetPending(), 0);
+}
+
 TEST(AsynchronousCallQueue, RunsInOrderOnTheBoundThreadOnly) {
   TApcThread target;
   std::vector<int> order;

@@ -157,6 +157,26 @@ TEST(Reactor, DeactivatedBeforeItWasAddedItNeverEntersTheSet) {
   EXPECT_TRUE(test::WaitUntil([&] { return late.Sink.Runs == 1; }));
 }
 
+TEST(Reactor, AHandleThatStaysSignalledKeepsNoRequestWaiting) {
+  TReactor reactor;
+  TWatched other(reactor);
+  THandle always(::CreateEventA(nullptr, TRUE, TRUE, nullptr));
+  TSink sink;
+  auto reaction = std::make_unique<TEventReaction>(&reactor, always.Get(), nullptr, sink.Event());
+  reaction->SetActive(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return sink.Runs > 10; }));
+  other.Activate();
+  reaction->SetActive(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return reaction->GetStatus() == rsNone; }));
+  other.SignalAndWait();
+  reaction->SetActive(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return reaction->GetStatus() == rsActivated; }));
+  reaction.reset();
+  const int runs = sink.Runs;
+  other.SignalAndWait();
+  EXPECT_EQ(sink.Runs, runs);
+}
+
 TEST(Reactor, AReactionMayDestroyOrDeactivateItselfAndOthersInItsRun) {
   TReactor reactor;
   auto own = std::make_unique<TWatched>(reactor);
@@ -282,10 +302,58 @@ TEST(Reactor, WithATargetThreadTheMethodRunsThereUntilTheReactionIsGone) {
       [&] { return ::WaitForSingleObject(watched->Event.Get(), 0) == WAIT_TIMEOUT; }));
   const int runs = watched->Sink.Runs;
   watched->Reaction.reset();  // its APC is still queued
+  std::atomic<bool> behind{false};
+  auto mark = [&](TAsynchronousCall&, bool&) { behind = true; };
+  TAsynchronousCall marker(target.Handle(), target.Id(), TAsynchronousCallHandler::To(mark));
+  marker.Queue(false);
   target.Release();
-  test::TApcThread* const raw = &target;
-  raw->Stop();
+  EXPECT_TRUE(test::WaitUntil([&] { return behind.load(); }));
   EXPECT_EQ(watched->Sink.Runs, runs);
+}
+
+TEST(Reactor, AMethodOnItsThreadMayDestroyTheReactionThoughMoreCallsAreQueued) {
+  TReactor reactor;
+  const THandle own(GetRealCurrentThreadHandle());
+  TWatched watched(reactor, own.Get());
+  watched.Activate();
+  std::atomic<int> destroyed{0};
+  watched.Sink.During = [&](TObject*) {
+    watched.Reaction.reset();  // waits alertably for its removal
+    ++destroyed;
+  };
+  for (int i = 0; i < 3; ++i) {
+    ::SetEvent(watched.Event.Get());
+    while (::WaitForSingleObject(watched.Event.Get(), 0) == WAIT_OBJECT_0) {
+      ::SetEvent(watched.Event.Get());
+      ::Sleep(1);  // not alertable
+    }
+  }
+  EXPECT_TRUE(test::WaitUntil([&] { return destroyed > 0; }));
+  EXPECT_FALSE(test::WaitUntil([&] { return destroyed > 1; }, 20));
+}
+
+TEST(Reactor, RefusesWhileItEnds) {
+  auto* const reactor = new TReactor;
+  TWatched first(*reactor);
+  std::string refused;
+  std::atomic<bool> inside{false};
+  first.Sink.During = [&](TObject*) {  // keeps the reactor's destructor waiting until it is refused
+    inside = true;
+    while (refused.empty()) {
+      try {
+        TWatched late(*reactor);
+        late.Reaction->SetActive(true);
+        ::SleepEx(1, FALSE);
+      } catch (const Exception& e) {
+        refused = e.what();
+      }
+    }
+  };
+  first.Activate();
+  ::SetEvent(first.Event.Get());
+  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  delete reactor;
+  EXPECT_EQ(refused, "Reactor terminated");
 }
 
 TEST(Reactor, ItsEndLetsGoOfActiveReactions) {

@@ -132,23 +132,39 @@ TEST(Scheduler, SettersCheckAndCorrect) {
   }
 }
 
-TEST(Scheduler, DeactivatedAtOnceItDoesNotRun) {
-  TCounter counter;
+TEST(Scheduler, DeactivatedAtOnceItDoesNotRunAndAStaleActivationArmsNothing) {
+  TCounter never;
+  TCounter once;
+  std::vector<std::unique_ptr<TCallbackTask>> tasks;
   for (int i = 0; i < 50; ++i) {
-    TCallbackTask task;
-    task.SetOnExecute(counter.Event());
-    task.SetDuration(20);
-    task.SetActive(1);
-    task.SetActive(0);
-    if (i % 2) {
-      task.SetActive(1);
-      task.SetActive(0);
-    }
+    auto task = std::make_unique<TCallbackTask>();
+    task->SetOnExecute(i % 2 ? once.Event() : never.Event());
+    task->SetDuration(20);
+    task->SetActive(1);
+    task->SetActive(0);
+    if (i % 2) task->SetActive(1);
+    tasks.push_back(std::move(task));
   }
-  Settle();
+  EXPECT_TRUE(test::WaitUntil([&] { return once.Runs == 25; }));
   ::SleepEx(60, TRUE);
   Settle();
-  EXPECT_EQ(counter.Runs, 0);
+  EXPECT_EQ(once.Runs, 25);
+  EXPECT_EQ(never.Runs, 0);
+}
+
+TEST(Scheduler, AnActivationThatCannotBeArmedIsLoggedAndLeavesNothing) {
+  TCounter counter;
+  TCallbackTask task;
+  task.SetOnExecute(counter.Event());
+  task.SetAbsoluteTime(1e9);  // no date
+  task.SetActive(1);
+  Settle();
+  task.SetActive(0);
+  task.SetDuration(1);  // replaces it
+  task.SetActive(1);
+  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 1; }));
+  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
+  EXPECT_NE(log.find("Sheduler error: Invalid date or time. EConvertError at "), std::string::npos);
 }
 
 TEST(Scheduler, AnExceptionIsLoggedAndTheThreadGoesOn) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <new>
 #include <regex>
 #include <sstream>
@@ -78,6 +79,8 @@ TEST(TraceLog, ARecordIsALineAndTheFirstIsPrecededByABanner) {
   const auto lines = log.Lines();
   ASSERT_GE(lines.size(), 3u);
   const size_t first = lines.size() - 2;
+  // The version resource of the test program.
+  EXPECT_NE(lines.at(first - 2).find("]  Module version: 3.1.2 (Build 42)"), std::string::npos);
   EXPECT_TRUE(
       std::regex_match(lines[first], std::regex(Stamp + R"(   \[[0-9A-F]{8}\]  some text)")))
       << lines[first];
@@ -237,6 +240,17 @@ TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
         << lines[first + 1 + i];
   }
   EXPECT_NE(lines.back().find("Out: "), std::string::npos);
+  std::map<std::string, long long> values;
+  for (size_t i = 0; i < std::size(labels); ++i) {
+    const std::string& line = lines[first + 1 + i];
+    values[labels[i]] =
+        std::stoll(line.substr(line.find(labels[i]) + std::string(labels[i]).size()));
+  }
+  EXPECT_GT(values["TotalAllocated = "], 0);
+  EXPECT_GE(values["TotalCommitted = "], values["TotalAllocated = "]);
+  EXPECT_EQ(values["TotalAddrSpace = "],
+            values["TotalCommitted = "] + values["TotalUncommitted = "]);
+  EXPECT_EQ(values["HeapErrorCode = "], 0);
 
   const TLogFolder ended;
   EXPECT_EQ(ended.Run("trace-memory", "end"), 1u);
@@ -274,7 +288,7 @@ TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
   EXPECT_TRUE(std::regex_search(
       log,
       std::regex(
-          R"(Error  : APC = \S+, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
+          R"(Error  : APC = [0-9A-F]{8,16}, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
 

@@ -48,7 +48,9 @@ TAsynchronousCall::TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId,
     : Handler_(AHandler), ThreadHandle_(AThreadHandle), ThreadId_(AThreadId) {}
 
 TAsynchronousCall::~TAsynchronousCall() {
-  StateExchange(clsDestroying);
+  const TCallState old = StateExchange(clsDestroying);
+  // A run that this very thread is in, or has left by an exception, can't be waited for.
+  if (old == clsInCall && ThreadId_.load() == ::GetCurrentThreadId()) return;
   Finished_.WaitQuietly(ThreadHandle_.load());
 }
 
@@ -70,7 +72,7 @@ void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId,
   }
   if (TraceAndQueueUserAPC(&CallEntry, AThreadHandle, reinterpret_cast<ULONG_PTR>(this)) == 0) {
     const DWORD error = ::GetLastError();
-    StateCompareExchange(clsFree, clsQueued);
+    if (!StateCompareExchange(clsFree, clsQueued)) StateCompareExchange(clsFree, clsCancelled);
     Finished_.Finish();
     RaiseLastOSErrorEx(static_cast<int32_t>(error));
   }
@@ -117,7 +119,11 @@ struct TAsynchronousCallQueue::TThread {
 TAsynchronousCallQueue::~TAsynchronousCallQueue() {
   StateExchange(acqsInactive);
   const std::shared_ptr<const TThread> thread = Thread_.load();
-  Idle_.WaitQuietly(thread == nullptr ? nullptr : thread->Handle);
+  if (thread == nullptr) {
+    Idle_.WaitQuietly(nullptr);
+  } else if (!InCall_.load() || thread->Id != ::GetCurrentThreadId()) {
+    Idle_.WaitQuietly(thread->Handle);
+  }  // else a handler has raised on this very thread: its call stays outstanding for good
 }
 
 void TAsynchronousCallQueue::Activate(HANDLE AThreadHandle, DWORD AThreadId) {

@@ -30,9 +30,10 @@ class TCallbackLink {
     if (Current_ != nullptr && std::exchange(Current_->Open, false)) Gate_.Finish();
   }
 
-  void Cut() noexcept {
+  /// Thread is the one that the callbacks run on, null when not known: its end ends the wait.
+  void Cut(HANDLE Thread) noexcept {
     Target_.store(nullptr);
-    if (ThreadId_.load() != ::GetCurrentThreadId()) Gate_.WaitQuietly(nullptr);
+    if (ThreadId_.load() != ::GetCurrentThreadId()) Gate_.WaitQuietly(Thread);
   }
 
  private:

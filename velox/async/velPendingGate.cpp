@@ -11,10 +11,15 @@
 namespace velox {
 namespace {
 
-constexpr uint64_t OneWaiter = uint64_t{1} << 32;
+// The word's parts: 24 bits outstanding, 16 bits waiters, 24 bits rounds.
+constexpr uint64_t OneWaiter = uint64_t{1} << 24;
+constexpr uint64_t OneRound = uint64_t{1} << 40;
 
-uint32_t Outstanding(uint64_t Word) noexcept { return static_cast<uint32_t>(Word); }
-uint32_t Waiters(uint64_t Word) noexcept { return static_cast<uint32_t>(Word >> 32); }
+uint32_t Outstanding(uint64_t Word) noexcept {
+  return static_cast<uint32_t>(Word & (OneWaiter - 1));
+}
+uint32_t Waiters(uint64_t Word) noexcept { return static_cast<uint32_t>(Word >> 24) & 0xFFFF; }
+uint64_t Round(uint64_t Word) noexcept { return Word / OneRound; }
 
 }  // namespace
 
@@ -24,10 +29,13 @@ void TPendingGate::Begin() noexcept { Word_.fetch_add(1); }
 
 void TPendingGate::Finish() noexcept {
   uint64_t word = Word_.load();
-  while (!Word_.compare_exchange_weak(word, Outstanding(word) == 1 ? 0 : word - 1)) {
-  }
+  uint64_t next;
+  do {
+    if (Outstanding(word) == 0) return;
+    next = Outstanding(word) > 1 ? word - 1 : (Round(word) + 1) * OneRound;
+  } while (!Word_.compare_exchange_weak(word, next));
   // Threads that are registered stay until they are released, so the gate is still there.
-  if (Outstanding(word) == 1 && Waiters(word) > 0) {
+  if (Outstanding(next) == 0 && Waiters(word) > 0) {
     ::ReleaseSemaphore(Semaphore_.load(), static_cast<LONG>(Waiters(word)), nullptr);
   }
 }
@@ -45,20 +53,19 @@ bool TPendingGate::MakeSemaphore() noexcept {
 }
 
 // Registers the calling thread as waiting. False when nothing is outstanding.
-bool TPendingGate::Enter() noexcept {
-  uint64_t word = Word_.load();
+bool TPendingGate::Enter(uint64_t& Entry) noexcept {
+  Entry = Word_.load();
   do {
-    if (Outstanding(word) == 0) return false;
-  } while (!Word_.compare_exchange_weak(word, word + OneWaiter));
+    if (Outstanding(Entry) == 0) return false;
+  } while (!Word_.compare_exchange_weak(Entry, Entry + OneWaiter));
   return true;
 }
 
 // Gives the registration up, when a wait ended otherwise than by the semaphore.
-void TPendingGate::Leave() noexcept {
+void TPendingGate::Leave(uint64_t Entry) noexcept {
   uint64_t word = Word_.load();
   do {
-    if (Waiters(word) ==
-        0) {  // a Finish has counted this thread: its release is on the way and must be taken
+    if (Round(word) != Round(Entry)) {  // counted: its release is on the way and must be taken
       ::WaitForSingleObject(Semaphore_.load(), INFINITE);
       return;
     }
@@ -67,42 +74,65 @@ void TPendingGate::Leave() noexcept {
 
 template <class TWait>
 DWORD TPendingGate::WaitWith(HANDLE Thread, TWait&& WaitFor) {
-  if (!Enter()) return WAIT_OBJECT_0;
+  uint64_t entry;
+  if (!Enter(entry)) return WAIT_OBJECT_0;
   struct TRegistration {
     TPendingGate& Gate;
+    uint64_t Entry;
     bool Released = false;
     ~TRegistration() {
-      if (!Released) Gate.Leave();
+      if (!Released) Gate.Leave(Entry);
     }
-  } registration{*this};
+  } registration{*this, entry};
   const std::array<HANDLE, 2> handles{Semaphore_.load(), Thread};
-  const DWORD result = WaitFor(std::span(handles.data(), Thread == nullptr ? 1 : 2));
-  registration.Released = result == WAIT_OBJECT_0;
-  return result;
+  for (;;) {
+    const DWORD result = WaitFor(std::span(handles.data(), Thread == nullptr ? 1 : 2));
+    if (result != WAIT_OBJECT_0) return result;
+    if (Round(Word_.load()) != Round(entry)) {
+      registration.Released = true;
+      return result;
+    }
+    // Meant for a thread that waited for an earlier round and has not woken yet.
+    ::ReleaseSemaphore(handles[0], 1, nullptr);
+    ::Sleep(0);
+  }
 }
 
 DWORD TPendingGate::Wait(HANDLE Thread) {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
   if (!MakeSemaphore()) RaiseLastOSError();
   return WaitWith(Thread, [](std::span<const HANDLE> Handles) {
-    return Handles.size() == 1 ? WaitForSingleObjectAlertable(Handles[0])
-                               : WaitForMultipleObjectsAlertable(Handles);
+    return Handles.size() == 1 ? WaitForSingleObjectAlertable(
+                                     Handles[0], "[TAsynchronousCallQueue].[WaitCallSingle]")
+                               : WaitForMultipleObjectsAlertable(
+                                     Handles, "[TAsynchronousCallQueue].[WaitCallMultiple]");
   });
 }
 
-DWORD TPendingGate::WaitQuietly(HANDLE Thread) noexcept {
+// Where the system has no semaphore left, it polls: a destructor waits all the same.
+template <class TWait>
+DWORD TPendingGate::WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
-  if (!MakeSemaphore()) {
-    // The system has no semaphore left; a destructor waits all the same.
-    while (GetPending() != 0) {
-      if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0)
-        return WAIT_OBJECT_0 + 1;
-      ::SleepEx(1, TRUE);
+  if (MakeSemaphore()) return WaitWith(Thread, WaitFor);
+  while (GetPending() != 0) {
+    if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0) {
+      return WAIT_OBJECT_0 + 1;
     }
-    return WAIT_OBJECT_0;
+    ::SleepEx(1, Alertable ? TRUE : FALSE);
   }
-  return WaitWith(Thread,
-                  [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); });
+  return WAIT_OBJECT_0;
+}
+
+DWORD TPendingGate::WaitQuietly(HANDLE Thread) noexcept {
+  return WaitOrPoll(Thread, true,
+                    [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); });
+}
+
+DWORD TPendingGate::WaitUnalertably(HANDLE Thread) noexcept {
+  return WaitOrPoll(Thread, false, [](std::span<const HANDLE> Handles) {
+    return ::WaitForMultipleObjects(static_cast<DWORD>(Handles.size()), Handles.data(), FALSE,
+                                    INFINITE);
+  });
 }
 
 }  // namespace velox

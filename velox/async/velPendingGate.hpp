@@ -23,7 +23,7 @@ class VELOX_API TPendingGate {
 
   /// One more is outstanding.
   void Begin() noexcept;
-  /// One less; the last one ends all waits.
+  /// One less; the last one ends all waits. Does nothing when nothing is outstanding.
   void Finish() noexcept;
   int32_t GetPending() const noexcept;
 
@@ -33,16 +33,22 @@ class VELOX_API TPendingGate {
   DWORD Wait(HANDLE Thread);
   /// The same for destructors: raises nothing.
   DWORD WaitQuietly(HANDLE Thread) noexcept;
+  /// The same, and no callback runs meanwhile.
+  DWORD WaitUnalertably(HANDLE Thread) noexcept;
 
  private:
-  bool Enter() noexcept;
-  void Leave() noexcept;
+  bool Enter(uint64_t& Entry) noexcept;
+  void Leave(uint64_t Entry) noexcept;
   bool MakeSemaphore() noexcept;
   template <class TWait>
   DWORD WaitWith(HANDLE Thread, TWait&& WaitFor);
+  template <class TWait>
+  DWORD WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept;
 
-  // Low half: outstanding. High half: threads that wait; whoever takes the first half to zero takes
-  // the second half too, and releases the semaphore that many times.
+  // What is outstanding, how many threads wait for its end, and how often it has come to an end.
+  // The Finish that makes the first 0 takes the second, counts the third up, and releases the
+  // semaphore once for each waiter. A waiter that a release for an earlier round has woken passes
+  // it on.
   std::atomic<uint64_t> Word_{0};
   std::atomic<HANDLE> Semaphore_{nullptr};  // made by the first wait
 };

@@ -43,6 +43,11 @@ class TReactorThread : public TObject {
   /// it.
   bool RequestRemoval(TReaction& Reaction);
 
+  bool HasEnded() const noexcept {
+    return ::WaitForSingleObject(Thread_.Get(), 0) == WAIT_OBJECT_0;
+  }
+  HANDLE GetHandle() const noexcept { return Thread_.Get(); }
+
   /// On this thread: whether Reaction is the one that runs now. If so its gate stays shut until the
   /// run is over.
   bool Defer(TReaction& Reaction) noexcept;
@@ -69,6 +74,9 @@ class TReactorThread : public TObject {
   TCriticalSection
       RequestLock_;  // no request is queued any more once Terminated_ has been set under it
   std::atomic<bool> Terminated_{false};
+  // A request may have been queued since the last look. A wait that a handle satisfies at once
+  // would not let it run, and one that stays signalled would keep it from running for ever.
+  std::atomic<bool> Requested_{false};
 
   TReaction* Running_ = nullptr;  // the reaction whose Run() is under way
   int32_t Deferred_ = 0;          // removals of it that its gate has not been told of
@@ -89,19 +97,20 @@ TReactorThread::TReactorThread() {
       ThreadId_));
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first requests before its own first line.
-  Started_.WaitQuietly(Thread_.Get());
+  // No callback may run meanwhile: the reactor's lock is held.
+  Started_.WaitUnalertably(Thread_.Get());
 }
 
 TReactorThread::~TReactorThread() {
   Terminated_.store(true);
-  // It fails when the thread has ended by itself.
-  TraceAndQueueUserAPC(&WakeUp, Thread_.Get(), 0);
+  while (TraceAndQueueUserAPC(&WakeUp, Thread_.Get(), 0) == 0 && !HasEnded()) ::Sleep(10);
   const HANDLE thread = Thread_.Get();
   WaitAlertableQuietly({&thread, 1});
 }
 
 void TReactorThread::Post(TReaction& Reaction, const TAsynchronousCallHandler& Handler) {
   Reaction.Call_.QueueEx(Thread_.Get(), ThreadId_, Handler, false);
+  Requested_.store(true);
 }
 
 bool TReactorThread::Offer(TReaction& Reaction) {
@@ -169,6 +178,8 @@ void TReactorThread::Execute(void*) {
 }
 
 void TReactorThread::WaitAndRun() {
+  // (Back to the loop then: the call that ends the thread may have been among them.)
+  if (Requested_.exchange(false)) return RunQueuedRequests();
   const auto count = static_cast<DWORD>(Count_);
   const DWORD result = WaitAlertableOnce({Handles_.data(), count});
   if (result == WAIT_FAILED) {
@@ -244,13 +255,16 @@ TObject* TReactor::SingletonConstruction() { return new TReactor; }
 TReactor::TReactor() : Threads_(TClass::Of<TReactorThread>()) { Threads_.SetSharedObjects(false); }
 
 TReactor::~TReactor() {
-  Terminating_.store(true);
+  {
+    const std::scoped_lock guard(Lock_);
+    Terminating_.store(true);
+  }
   Threads_.Clear();
 }
 
 void TReactor::RegisterReaction(TReaction& AReaction) {
-  if (Terminating_.load()) throw Exception("Reactor terminated");
   const std::scoped_lock guard(Lock_);
+  if (Terminating_.load()) throw Exception("Reactor terminated");
   for (int32_t i = 0; i < Threads_.GetCount(); ++i) {
     if (static_cast<TReactorThread*>(Threads_.GetItems(i))->Offer(AReaction)) return;
   }
@@ -275,31 +289,39 @@ bool TReaction::GetActive() const noexcept {
 
 void TReaction::SetActive(bool Value) {
   if (Value) {
-    if (!StatusCompareExchange(rsActivating, rsNone)) return;
-    InSet_.Begin();
-    try {
-      // A request that was cancelled may still be on its way; the call is free once it has arrived.
-      Call_.CancelQuietly();
-      Call_.WaitForFinishedQuietly();
-      Reactor_->RegisterReaction(*this);
-    } catch (...) {
-      StatusCompareExchange(rsNone, rsActivating);
-      InSet_.Finish();
-      throw;
-    }
+    Activate();
   } else if (StatusCompareExchange(rsDeactivating, rsActivating)) {
     Call_.CancelQuietly();
     StatusExchange(rsNone);
     InSet_.Finish();
   } else if (StatusCompareExchange(rsDeactivating, rsActivated)) {
-    RequestRemoval();
+    try {
+      RequestRemoval();
+    } catch (...) {
+      StatusCompareExchange(rsActivated, rsDeactivating);
+      throw;
+    }
+  }
+}
+
+void TReaction::Activate() {
+  if (GetStatus() != rsNone) return;
+  // A request that was cancelled may still be on its way; the call is free once it has arrived.
+  Call_.CancelQuietly();
+  Call_.WaitForFinishedQuietly();
+  InSet_.Begin();
+  if (!StatusCompareExchange(rsActivating, rsNone)) return InSet_.Finish();
+  try {
+    Reactor_->RegisterReaction(*this);
+  } catch (...) {
+    if (StatusCompareExchange(rsNone, rsActivating)) InSet_.Finish();
+    throw;
   }
 }
 
 void TReaction::RequestRemoval() {
   TReactorThread* const thread = Thread_.load();
-  if (thread ==
-      nullptr) {  // taken out already, since its mutex was abandoned or its thread has ended
+  if (thread == nullptr) {  // taken out already: its mutex was abandoned, or its thread has ended
     StatusCompareExchange(rsNone, rsDeactivating);
     return;
   }
@@ -312,9 +334,10 @@ void TReaction::RequestRemoval() {
 void TReaction::RequestRemovalQuietly() noexcept {
   for (;;) {
     try {
-      RequestRemoval();
-      return;
+      return RequestRemoval();
     } catch (...) {
+      const TReactorThread* const thread = Thread_.load();
+      if (thread != nullptr && thread->HasEnded()) return Deactivated();
       TraceException("[TReaction.Destroy] removal failed, trying again");
       ::SleepEx(10, FALSE);
     }
@@ -332,6 +355,7 @@ void TReaction::Deactivated() noexcept {
 }
 
 void TReaction::Retire() noexcept {
+  const TReactorThread* const thread = Thread_.load();
   switch (StatusExchange(rsDestroyed)) {
     case rsActivating:
       Call_.CancelQuietly();
@@ -347,7 +371,8 @@ void TReaction::Retire() noexcept {
       break;
   }
   TReactorThread::ForgetRunning(*this);
-  InSet_.WaitQuietly(nullptr);
+  // Threads live as long as the reactor, which the reaction's owner keeps until here.
+  InSet_.WaitQuietly(thread == nullptr ? nullptr : thread->GetHandle());
 }
 
 struct TEventReaction::TLink : TCallbackLink<TEventReaction> {
@@ -362,8 +387,10 @@ TEventReaction::TEventReaction(TReactor* AReactor, HANDLE AHandle, HANDLE AThrea
 }
 
 TEventReaction::~TEventReaction() {
+  // First of all no method any more: while the removal is waited for, an APC that is on its way
+  // could run it on this thread.
+  if (Link_ != nullptr) Link_->Cut(ThreadHandle_);
   Retire();
-  if (Link_ != nullptr) Link_->Cut();
 }
 
 void TEventReaction::Run() {

@@ -59,9 +59,9 @@ enum class TReactionState : uint32_t {
 ///
 /// Promised: once the destructor has returned, Run() is not running and will not run again;
 /// destroying a reaction inside its own Run() is allowed. After SetActive(false) from another
-/// thread a run may still be under way. Asked of you: keep the handle open while the reaction is
-/// active; keep Run() short, since it delays the other reactions of its thread; a class of your own
-/// calls Retire() first thing in its destructor.
+/// thread a run may still be under way. Asked of you: keep the handle open until
+/// GetStatus() is rsNone again; keep Run() short, since it delays the other reactions of its
+/// thread; a class of your own calls Retire() first thing in its destructor.
 ///
 /// An exception that escapes Run() is logged; the thread goes on. When a wait fails (a handle was
 /// closed while it was waited on) the thread logs it, takes all its reactions out of its set, and
@@ -80,10 +80,13 @@ class VELOX_API TReaction : public TObject {
   virtual void Run() = 0;
 
   /// True from the moment the reactor's thread has taken the handle into its set until it has been
-  /// taken out.
+  /// asked for and taken out. (Of a reaction taken out otherwise, by an abandoned mutex or the end
+  /// of its thread, it stays true until SetActive(false).)
   bool GetActive() const noexcept;
   /// Requests the change; the reactor's thread carries it out when it next can. Nothing happens
-  /// when it was requested already. Raises what TReactor::RegisterReaction does.
+  /// when it was requested already. Activating may wait, alertably, for an earlier activation that
+  /// was taken back and is still on its way: hold no lock that another Run() takes. Raises what
+  /// TReactor::RegisterReaction does.
   void SetActive(bool Value);
 
   /// Run(), if the reaction is in a set and not leaving it.
@@ -109,6 +112,7 @@ class VELOX_API TReaction : public TObject {
  private:
   friend class TReactorThread;
 
+  void Activate();
   void RequestRemoval();
   void RequestRemovalQuietly() noexcept;
 

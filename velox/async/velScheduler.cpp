@@ -1,6 +1,7 @@
 #include "velox/async/velScheduler.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 
@@ -27,6 +28,8 @@ namespace {
 class TScheduler : public TObject {
  public:
   static TScheduler* GetInstance();
+  /// The thread's handle, null when there is none yet.
+  static HANDLE FindThread() noexcept;
   static TObject* SingletonConstruction() { return new TScheduler; }
 
   TScheduler();
@@ -47,6 +50,7 @@ class TScheduler : public TObject {
 };
 
 TSingletonSlot SchedulerSlot;
+std::atomic<HANDLE> RunningThread{nullptr};  // the scheduler's, once it runs
 
 }  // namespace
 
@@ -109,13 +113,21 @@ class TActivationCall final : public TAsynchronousCall {
  private:
   void Arrive(TAsynchronousCall& ACall, bool& ADestroy) {
     ADestroy = true;
-    Link_->Call([&](TScheduledTask& Task) { Task.StartAsync(ACall, ADestroy); });
+    try {
+      Link_->Call([&](TScheduledTask& Task) { Task.StartAsync(ACall, ADestroy); });
+    } catch (...) {
+      if (::GetCurrentThreadId() == Activator_) throw;  // inside SetActive
+      KeepCurrentException();  // for the scheduler's wait; the call frees itself
+    }
   }
 
+  const DWORD Activator_ = ::GetCurrentThreadId();
   const std::shared_ptr<TScheduledTaskLink> Link_;
 };
 
 TScheduler* TScheduler::GetInstance() { return SingletonInstance<TScheduler>(SchedulerSlot); }
+
+HANDLE TScheduler::FindThread() noexcept { return RunningThread.load(); }
 
 TScheduler::TScheduler() : FTerminateEvent(::CreateEventA(nullptr, FALSE, FALSE, nullptr)) {
   if (!FTerminateEvent) RaiseLastOSError();
@@ -125,7 +137,9 @@ TScheduler::TScheduler() : FTerminateEvent(::CreateEventA(nullptr, FALSE, FALSE,
       ThreadId_));
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first calls before its own first line.
-  Started_.WaitQuietly(Thread_.Get());
+  // No callback may run meanwhile: it could want this very singleton.
+  Started_.WaitUnalertably(Thread_.Get());
+  RunningThread.store(Thread_.Get());
 }
 
 TScheduler::~TScheduler() {
@@ -220,22 +234,23 @@ void TScheduledTask::SetAbsoluteTime(TDateTime Value) {
 }
 
 void TScheduledTask::SetActive(int32_t Value) {
+  // Made outside the lock, since that waits for its thread to begin.
+  const TScheduler* const scheduler = Value == 0 ? nullptr : TScheduler::GetInstance();
   const std::scoped_lock guard(Link_->Lock);
   const int32_t old = Active_.exchange(Value);
   if (old == Value) return;
   Link_->ActivationCall = nullptr;
-  if (Value == 0) {
+  if (scheduler == nullptr) {
     CancelTimer("[TScheduledTask.SetActive] CancelWaitableTimer error");
     return;
   }
   TActivationCall* call = nullptr;
   try {
-    const TScheduler& scheduler = *TScheduler::GetInstance();
     call = new TActivationCall(Link_);
     Link_->ActivationCall = call;
-    call->QueueTo(scheduler);
+    call->QueueTo(*scheduler);  // frees itself
   } catch (...) {
-    if (call != nullptr && call->GetState() == TCallState::clsFree) delete call;
+    delete call;  // not queued, or left by an exception on this thread
     Link_->ActivationCall = nullptr;
     Active_.exchange(old);
     throw;
@@ -280,7 +295,8 @@ void CALLBACK TScheduledTask::TimerEntry(void* Id, DWORD, DWORD) {
 void TScheduledTask::OnTimer() {
   try {
     std::unique_lock lock(Link_->Lock);
-    if (!Link_->TimerSet) return;  // deactivated while this completion was on its way
+    if (!Link_->TimerSet) return;               // deactivated while this completion was on its way
+    if (Period_ == 0) Link_->TimerSet = false;  // it has done its work: nothing to cancel
     if (!ExecutesUnderLock()) lock.unlock();
     Execute();
   } catch (...) {
@@ -290,16 +306,20 @@ void TScheduledTask::OnTimer() {
 }
 
 void TScheduledTask::FreeInstance() noexcept {
+  if (!Link_->Timer) return;
+  try {
+    SetActive(0);
+  } catch (...) {
+    TraceException("[TScheduledTask.FreeInstance] deactivation error");
+  }
   {
     const std::scoped_lock guard(Link_->Lock);
-    if (!Link_->Timer) return;
-    Active_.exchange(0);
     Link_->ActivationCall = nullptr;
     CancelTimer("[TScheduledTask.SetActive] CancelWaitableTimer error");
     Link_->Timer.Reset();
     if (Link_->Id != 0) Registry().Remove(Link_->Id);
   }
-  Link_->Cut();
+  Link_->Cut(TScheduler::FindThread());
 }
 
 void TScheduledTask::LeaveTask() noexcept { Link_->Leave(); }

@@ -33,8 +33,9 @@ extern VELOX_API int64_t MSTo100NS;
 ///
 /// Promised: once the destructor has returned, Execute() is not running and will not run again; a
 /// task may be destroyed inside its own Execute(). After SetActive(0) a run may still be under way
-/// (of TEventTask: none). Asked of you: a class of your own calls FreeInstance() first thing in its
-/// destructor, and does not destroy a task while it holds a lock that the task's Execute() takes.
+/// (of TEventTask: none), so leave the configuration of other tasks alone until it is over. Asked
+/// of you: a class of your own calls FreeInstance() first thing in its destructor; and destroy no
+/// task while you hold a lock that its Execute() takes.
 ///
 /// Threads: any may call; setters and destruction by one thread at a time.
 class VELOX_API TScheduledTask : public TObject {

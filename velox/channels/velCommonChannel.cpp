@@ -20,7 +20,7 @@ TTransferOperation::~TTransferOperation() {
 void TTransferOperation::Close() noexcept {
   FreeOnComplete_ = false;  // it is being destroyed already
   try {
-    if (!Abandoned_) SetActive(false);
+    SetActive(false);
   } catch (...) {
     TraceException("[TTransferOperation.Destroy] completion error");
   }
@@ -33,7 +33,10 @@ void TTransferOperation::CheckActive() const {
 
 void TTransferOperation::SetActive(bool Value) {
   if (Value == Active_) return;
-  if (!Value) return Channel_->DeleteOperation(*this);
+  if (!Value) {
+    if (!Departed_) Channel_->DeleteOperation(*this);
+    return;
+  }
   if (Size_ < 1 || Buffer_ == nullptr) {
     throw Exception(messages::seSpecifySizeAndBuffer);
   }

@@ -191,9 +191,10 @@ class VELOX_API TTransferOperation : public TObject {
   /// How often it entered a queue; tells an OnComplete's caller that the handler activated it
   /// again.
   std::atomic<uint32_t> Activations_ = 0;
-  /// Dropped by its queue without completion (see TOperationQueue::ExecuteOperationProcess): the
-  /// channel may be gone.
-  std::atomic<bool> Abandoned_ = false;
+  /// Has left its queue and waits for its OnComplete, or was dropped without one (see
+  /// TOperationQueue::ExecuteOperationProcess). It is active still, but the queue has no more to do
+  /// with it, and the channel may be gone.
+  std::atomic<bool> Departed_ = false;
   /// Counts its OnComplete that are running, which the destructor waits for.
   TPendingGate Completions_;
   /// Set true by the destructor: tells DoTransferred that its handler destroyed the operation.

@@ -23,7 +23,7 @@ HANDLE NewEvent() {
 
 // How long before its time, by the coarse clock, a timeout may be taken for due. More than that
 // clock's step.
-constexpr uint64_t TimeoutTolerance = 20;  // milliseconds
+constexpr uint64_t TimeoutTolerance = 16;  // milliseconds
 
 // How often one reaction looks for work again before it lets the others of its thread have their
 // turn.
@@ -33,15 +33,26 @@ constexpr int MaximalRounds = 32;
 
 // What outlives the queue while somebody is still at work with it.
 struct TOperationQueue::TShared {
+  // A word of signals: how many came since it was last cleared (low half), and how often it was
+  // cleared (high half), so that a run with old knowledge can't clear what came later.
+  static constexpr uint64_t OneClearing = uint64_t{1} << 32;
+  static uint64_t Cleared(uint64_t Word) noexcept { return (Word / OneClearing + 1) * OneClearing; }
+
   void Signal() noexcept {
-    if (Signals.fetch_add(1) == 0) ::SetEvent(QueueChangedEvent.Get());
+    if (static_cast<uint32_t>(Signals.fetch_add(1)) == 0) ::SetEvent(QueueChangedEvent.Get());
+  }
+  void Clear() noexcept {
+    uint64_t word = Signals.load();
+    while (!Signals.compare_exchange_weak(word, Cleared(word))) {
+    }
   }
 
   TCriticalSection Lock;
   THandle QueueChangedEvent{NewEvent()};
-  /// Not 0: someone is going to look for work, because the event is set or because a reaction is
-  /// running and looks again before it ends. So only the signal that finds 0 needs the system.
-  std::atomic<uint32_t> Signals{0};
+  /// Signals not 0: someone is going to look for work, because the event is set or because a
+  /// reaction is running and looks again before it ends. So only the signal that finds 0 needs the
+  /// system.
+  std::atomic<uint64_t> Signals{0};
   std::atomic<bool> Closed{false};  // set under Lock, for good
 };
 
@@ -51,14 +62,16 @@ struct TOperationQueue::TTurn {
       : Shared(AShared), Seen(AShared.Signals.fetch_add(1) + 1) {}
   ~TTurn() {
     // Left by an exception: what was signalled since is work for the next run.
-    if (!Ended && Shared.Signals.exchange(0) != Seen) Shared.Signal();
+    if (!Ended && !Shared.Signals.compare_exchange_strong(Seen, TShared::Cleared(Seen))) HandOver();
   }
 
   /// True when nothing was signalled since the last look; the run is over then.
   bool End() noexcept {
-    uint32_t current = Seen;
-    // 0: a run on another thread has looked meanwhile, after all signals that this one knows of.
-    Ended = Shared.Signals.compare_exchange_strong(current, 0) || current == 0;
+    uint64_t current = Seen;
+    Ended = Shared.Signals.compare_exchange_strong(current, TShared::Cleared(Seen)) ||
+            // A run on another thread has looked meanwhile, after all signals known here; those
+            // that came later have set the event, or are that run's.
+            current / TShared::OneClearing != Seen / TShared::OneClearing;
     Seen = current;
     return Ended;
   }
@@ -66,12 +79,12 @@ struct TOperationQueue::TTurn {
   /// Leaves what was signalled to another run.
   void HandOver() noexcept {
     Ended = true;
-    Shared.Signals = 0;
+    Shared.Clear();
     Shared.Signal();
   }
 
   TShared& Shared;
-  uint32_t Seen;
+  uint64_t Seen;
   bool Ended = false;
 };
 
@@ -119,9 +132,6 @@ class TOperationQueue::TBatch {
 
   ~TBatch() {
     const TListGuard guard;
-    for (TTransferOperation* operation : Waiting_) {
-      if (operation != nullptr) operation->Abandoned_ = true;
-    }
     (Previous_ == nullptr ? First : Previous_->Next_) = Next_;
     if (Next_ != nullptr) Next_->Previous_ = Previous_;
   }
@@ -278,7 +288,8 @@ void TOperationQueue::AddOperation(TTransferOperation& Operation) {
   const std::shared_ptr<TShared> shared = Shared_;
   {
     const std::scoped_lock guard(shared->Lock);
-    if (shared->Closed) throw Exception(messages::seChannelIsNotActive);
+    // The channel becomes inactive before its queues are emptied, so nothing slips in behind that.
+    if (shared->Closed || !Channel_.GetActive()) throw Exception(messages::seChannelIsNotActive);
     const size_t count = Operations_.size();
     if (count == Operations_.capacity()) Operations_.reserve(count * 11 / 10 + 10);
     Operations_.push_back(&Operation);
@@ -362,6 +373,7 @@ void TOperationQueue::TakeCompleted(TBatch& Batch) {
   const auto begin = Operations_.begin() + step.Index;
   const auto end = begin + step.Count;
   Batch.Add(&*begin, &*begin + step.Count);
+  for (auto left = begin; left != end; ++left) (*left)->Departed_ = true;
   Operations_.erase(begin, end);
   for (TStep* outer = step.Outer; outer != nullptr; outer = outer->Outer) {
     for (int32_t i = 0; i < step.Count; ++i) outer->Removed(step.Index);
@@ -370,6 +382,7 @@ void TOperationQueue::TakeCompleted(TBatch& Batch) {
 
 void TOperationQueue::OperationCompleted(TTransferOperation& Operation) {
   Operation.State_ = TOperationState::osComplete;
+  Operation.Departed_ = false;
   Operation.Active_ = false;
   Operation.DoComplete();
 }
@@ -471,7 +484,7 @@ void TOperationQueue::StartTimeoutTask(TTransferOperation& Operation) {
 }
 
 void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
-  if (std::exchange(TimeoutArmed_, false)) TimeoutTask_->SetActive(0);
+  FinishTimeoutTask();
   if (Timeout == 0) return;
   TimeoutTask_->SetDuration(Timeout);
   TimeoutDue_ = ::GetTickCount64() + static_cast<uint64_t>(TimeoutTask_->GetDuration());

@@ -105,9 +105,10 @@ HANDLE TThreadFactory::CreateThread(const std::string& Name, const TThreadExecut
                                     void* Parameter, DWORD& ThreadId) {
   [[maybe_unused]] static const bool pinned = PinLibrary();
   std::unique_ptr<TStartRecord> record(new TStartRecord{this, Name, Routine, Parameter});
-  unsigned id = 0;
-  const uintptr_t thread = ::_beginthreadex(nullptr, 0, &ThreadEntry, record.get(), 0, &id);
-  ThreadId = id;
+  // The id is stored where the caller wants it before the thread runs.
+  static_assert(sizeof(unsigned) == sizeof(DWORD));
+  const uintptr_t thread = ::_beginthreadex(nullptr, 0, &ThreadEntry, record.get(), 0,
+                                            reinterpret_cast<unsigned*>(&ThreadId));
   if (thread == 0) return nullptr;
   record.release();  // the thread's now
   return reinterpret_cast<HANDLE>(thread);

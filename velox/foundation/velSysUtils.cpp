@@ -16,16 +16,24 @@ namespace velox {
 
 // ---------------------------------------------------------------------------- the system's results
 
-void RaiseLastOSErrorEx(int32_t ErrorCode) {
-  const auto code = static_cast<uint32_t>(ErrorCode);
-  if (code == 0) throw EOSError(messages::seUnknownOSError, code);
-  throw EOSError(Format(messages::seOSError, code, SystemErrorMessage(code).c_str()), code);
+namespace {
+
+// Where names the code that asked for the check.
+[[noreturn]] void RaiseOSError(uint32_t Code, const void* Where) {
+  if (Code == 0) throw EOSError(messages::seUnknownOSError, Code, Where);
+  throw EOSError(Format(messages::seOSError, Code, SystemErrorMessage(Code).c_str()), Code, Where);
 }
 
-void RaiseLastOSError() { RaiseLastOSErrorEx(static_cast<int32_t>(::GetLastError())); }
+}  // namespace
 
-void CheckOSResult(uint32_t Code) {
-  if (Code != 0) RaiseLastOSErrorEx(static_cast<int32_t>(Code));
+VELOX_NOINLINE void RaiseLastOSErrorEx(int32_t ErrorCode) {
+  RaiseOSError(static_cast<uint32_t>(ErrorCode), VELOX_RETURN_ADDRESS());
+}
+
+VELOX_NOINLINE void RaiseLastOSError() { RaiseOSError(::GetLastError(), VELOX_RETURN_ADDRESS()); }
+
+VELOX_NOINLINE void CheckOSResult(uint32_t Code) {
+  if (Code != 0) RaiseOSError(Code, VELOX_RETURN_ADDRESS());
 }
 
 void CheckOSResultFiltered(uint32_t Allowed) { CheckOSResultFiltered({&Allowed, 1}); }
@@ -105,7 +113,11 @@ bool EnsurePathExists(const std::string& Path) {
   const std::string parent(FolderPart(std::string_view(Path).substr(0, Path.size() - 1)));
   if (!parent.empty() && !EnsurePathExists(parent)) return false;
   // Another thread or process may make the folder at the same time.
-  return ::CreateDirectoryA(Path.c_str(), nullptr) != FALSE || IsFolder(Path);
+  if (::CreateDirectoryA(Path.c_str(), nullptr)) return true;
+  const DWORD error = ::GetLastError();
+  const bool exists = IsFolder(Path);
+  ::SetLastError(error);
+  return exists;
 }
 
 std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string& Path) {
@@ -294,7 +306,10 @@ struct TChildProcess {
 
 /// Held from making a pipe until its write end is closed here: another child started meanwhile
 /// would inherit the write end too, and the reader would wait for that child's end as well.
-TCriticalSection StartLock;
+TCriticalSection& StartLock() {
+  static TCriticalSection lock;
+  return lock;
+}
 
 /// Starts a child that writes to Output. Returns the system's error code.
 DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory, HANDLE Output,
@@ -321,7 +336,7 @@ DWORD StartProcess(std::string CommandLine, const std::string& CurrentDirectory,
 /// ExecuteProcess returns, and the last error tells why.
 bool StartWithPipe(const std::string& CommandLine, const std::string& CurrentDirectory,
                    TChildProcess& Child, int32_t& Result) {
-  const std::scoped_lock lock(StartLock);
+  const std::scoped_lock lock(StartLock());
   SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, TRUE};
   HANDLE readEnd = nullptr, writeEnd = nullptr;
   if (!::CreatePipe(&readEnd, &writeEnd, &attributes, 0)) {

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -69,6 +70,12 @@ bool IsFull(const THandle& File) noexcept {
   return ::GetFileSizeEx(File.Get(), &size) && size.QuadPart >= RotationSize;
 }
 
+bool IsFull(const std::string& FileName) noexcept {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!::GetFileAttributesExA(FileName.c_str(), GetFileExInfoStandard, &data)) return false;
+  return (int64_t{data.nFileSizeHigh} << 32) + data.nFileSizeLow >= RotationSize;
+}
+
 void Rotate(const std::string& FileName) noexcept {
   const std::string old = FileName + ".1";
   ::DeleteFileA(old.c_str());
@@ -133,12 +140,37 @@ void TraceHeapStatus(TTracer& Tracer) {
   }
 }
 
-// Once a process: tells the state of the heaps, and ends the process if that is wanted.
-void HandleOutOfMemory(TTracer& Tracer) {
+// Whether the exception being handled says that memory ran out. Allocates nothing.
+bool IsOutOfMemory() noexcept {
+  if (std::current_exception() == nullptr) return false;
+  try {
+    throw;
+  } catch (const EOutOfMemory&) {
+    return true;
+  } catch (const std::bad_alloc&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// Runs Write; a record for which there is no memory is lost.
+template <class F>
+void TryWrite(F&& Write) noexcept {
+  try {
+    Write();
+  } catch (...) {
+    // The log is the last resort: there is nobody left to tell.
+  }
+}
+
+// Once a process: tells the state of the heaps, and ends the process if that is wanted, whether or
+// not there is memory left to tell it.
+void HandleOutOfMemory(TTracer& Tracer) noexcept {
   if (OutOfMemoryHandled.exchange(true)) return;
-  TraceHeapStatus(Tracer);
+  TryWrite([&] { TraceHeapStatus(Tracer); });
   if (!TerminateOnOutOfMemoryRequired) return;
-  Tracer.Trace("Application terminated due to out of memory", ttError);
+  TryWrite([&] { Tracer.Trace("Application terminated due to out of memory", ttError); });
   ::TerminateProcess(::GetCurrentProcess(), 1);
 }
 
@@ -151,14 +183,22 @@ struct TUserAPC {
 
 std::atomic<uint32_t> UserAPCCount{0};
 
+std::string DescribeUserAPC(const TUserAPC& Call) noexcept {
+  try {
+    return Format("Error  : APC = %08llX, hThread = %.8llx, dwData = %.8llx",
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Routine)),
+                  static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Thread)),
+                  static_cast<unsigned long long>(Call.Data));
+  } catch (...) {
+    return {};
+  }
+}
+
 void RunUserAPC(const TUserAPC& Call) {
   try {
     Call.Routine(Call.Data);
   } catch (...) {
-    TraceException(Format("Error  : APC = %p, hThread = %.8llx, dwData = %.8llx",
-                          reinterpret_cast<void*>(Call.Routine),
-                          static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Thread)),
-                          static_cast<unsigned long long>(Call.Data)));
+    TraceException(DescribeUserAPC(Call));
     throw;
   }
 }
@@ -168,12 +208,16 @@ void CALLBACK UserAPCEntry(ULONG_PTR Call) {
   GuardCallback([&call] { RunUserAPC(*call); });
 }
 
-void TraceThreadException(const std::string& ThreadName) noexcept {
+std::string DescribeThread(const std::string& Name) noexcept {
   try {
-    TraceException("Thread \"" + ThreadName + "\" ended by an exception");
+    return "Thread \"" + Name + "\" ended by an exception";
   } catch (...) {
-    TraceException("Thread ended by an exception");
+    return {};
   }
+}
+
+void TraceThreadException(const std::string& ThreadName) noexcept {
+  TraceException(DescribeThread(ThreadName));
 }
 
 }  // namespace
@@ -220,13 +264,13 @@ bool TTracer::OpenFile(THandle& F) {
   // The usual case first: the folder need not be looked for when the file is there.
   F = OpenForAppending(FileName_, OPEN_EXISTING);
   if (F && !IsFull(F)) return true;
-  if (F) {
-    F.Reset();
-    Rotate(FileName_);
-  }
+  F.Reset();
+  // Looked at again by its name: another process of the same program may have rotated it meanwhile.
+  const bool full = IsFull(FileName_);
+  if (full) Rotate(FileName_);
   const bool folderExists = EnsurePathExists(FolderOf(FileName_));
-  // CREATE_NEW: a full file that could not be renamed stays as it is, and the record is lost.
-  F = OpenForAppending(FileName_, CREATE_NEW);
+  // A full file that could not be renamed stays as it is, and the record is lost.
+  F = OpenForAppending(FileName_, full ? CREATE_NEW : OPEN_ALWAYS);
   return folderExists;
 }
 
@@ -253,13 +297,9 @@ void TTracer::WriteRecord(const std::string& Text) {
 }
 
 void TTracer::TraceException(const std::string& Text) noexcept {
-  try {
-    const TExceptionDescription raised = DescribeCurrentException();
-    Trace(ExceptionText(Text, raised), ttError);
-    if (raised.ClassName == "EOutOfMemory") HandleOutOfMemory(*this);
-  } catch (...) {
-    // As in Trace.
-  }
+  const bool outOfMemory = IsOutOfMemory();
+  TryWrite([&] { Trace(ExceptionText(Text, DescribeCurrentException()), ttError); });
+  if (outOfMemory) HandleOutOfMemory(*this);
 }
 
 void TTracer::TraceOSError(const std::string& Text, uint32_t ErrorCode) noexcept {
@@ -271,19 +311,11 @@ void TTracer::TraceOSError(const std::string& Text, uint32_t ErrorCode) noexcept
 }
 
 void Trace(const std::string& Text, TTraceType AType) noexcept {
-  try {
-    TTracer::GetInstance()->Trace(Text, AType);
-  } catch (...) {
-    // The log could not even be made.
-  }
+  TryWrite([&] { TTracer::GetInstance()->Trace(Text, AType); });
 }
 
 void TraceException(const std::string& Text) noexcept {
-  try {
-    TTracer::GetInstance()->TraceException(Text);
-  } catch (...) {
-    // As in Trace.
-  }
+  TryWrite([&] { TTracer::GetInstance()->TraceException(Text); });
 }
 
 void TraceOSError(const char* Text) noexcept {
@@ -309,7 +341,11 @@ void TraceThread(const std::string& Text) noexcept {
 }
 
 DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {
-  std::unique_ptr<TUserAPC> call(new TUserAPC{++UserAPCCount, APC, Thread, Data});
+  std::unique_ptr<TUserAPC> call(new (std::nothrow) TUserAPC{++UserAPCCount, APC, Thread, Data});
+  if (call == nullptr) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
   const DWORD result =
       ::QueueUserAPC(&UserAPCEntry, Thread, reinterpret_cast<ULONG_PTR>(call.get()));
   if (result != 0) call.release();  // the APC's now

@@ -31,7 +31,7 @@ using enum TTraceType;
 ///
 ///     2024-03-05 14:07:09.042   [000004D2]  Connection refused
 ///
-/// Nothing here raises: a record that can't be written is lost.
+/// The Trace operations raise nothing: a record that can't be written is lost.
 ///
 /// Threads: all operations may be called from any thread. Records are written one at a time, in the
 /// order of their time stamps.

@@ -37,8 +37,12 @@ void AddHeap(HANDLE Heap, THeapStatus& Status) noexcept {
 
 THeapStatus GetHeapStatus() noexcept {
   THeapStatus status;
-  HANDLE heaps[MostHeaps];
-  const DWORD count = std::min(::GetProcessHeaps(MostHeaps, heaps), MostHeaps);
+  HANDLE heaps[MostHeaps] = {};
+  DWORD count = ::GetProcessHeaps(MostHeaps, heaps);
+  if (count > MostHeaps) {  // the list may not have been filled
+    heaps[0] = ::GetProcessHeap();
+    count = 1;
+  }
   for (DWORD i = 0; i < count; ++i) AddHeap(heaps[i], status);
   status.TotalAddrSpace = status.TotalCommitted + status.TotalUncommitted;
   status.TotalFree = status.FreeSmall + status.FreeBig;

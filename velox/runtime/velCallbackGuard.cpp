@@ -62,6 +62,7 @@ void modules::InitializeCallbackGuard() {
 void modules::FinalizeCallbackGuard() noexcept {
   DropKeptExceptions();
   ::TlsFree(Slot);
+  Slot = TLS_OUT_OF_INDEXES;
 }
 
 }  // namespace velox

@@ -7,23 +7,27 @@
 
 namespace velox {
 
-Exception::Exception(std::string Text) : Text_(std::move(Text)), Address_(VELOX_RETURN_ADDRESS()) {}
+Exception::Exception(std::string Text) : Exception(std::move(Text), VELOX_RETURN_ADDRESS()) {}
+Exception::Exception(std::string Text, const void* AAddress)
+    : Text_(std::move(Text)), Address_(AAddress) {}
 Exception::~Exception() = default;
 
 std::string Exception::ClassName() const { return TypeName(typeid(*this)); }
 
 EOSError::EOSError(std::string Text, uint32_t AErrorCode)
-    : Exception(std::move(Text)), ErrorCode(AErrorCode) {}
+    : EOSError(std::move(Text), AErrorCode, VELOX_RETURN_ADDRESS()) {}
+EOSError::EOSError(std::string Text, uint32_t AErrorCode, const void* AAddress)
+    : Exception(std::move(Text), AAddress), ErrorCode(AErrorCode) {}
 EOSError::~EOSError() = default;
 
 EOleSysError::EOleSysError(std::string Text, int32_t AErrorCode)
-    : Exception(std::move(Text)), ErrorCode(AErrorCode) {}
+    : Exception(std::move(Text), VELOX_RETURN_ADDRESS()), ErrorCode(AErrorCode) {}
 EOleSysError::~EOleSysError() = default;
 
-EOutOfMemory::EOutOfMemory() : Exception(messages::seOutOfMemory) {}
+EOutOfMemory::EOutOfMemory() : Exception(messages::seOutOfMemory, VELOX_RETURN_ADDRESS()) {}
 EOutOfMemory::~EOutOfMemory() = default;
 
-EDivByZero::EDivByZero() : Exception(messages::seDivByZero) {}
+EDivByZero::EDivByZero() : Exception(messages::seDivByZero, VELOX_RETURN_ADDRESS()) {}
 EDivByZero::~EDivByZero() = default;
 
 EConvertError::~EConvertError() = default;

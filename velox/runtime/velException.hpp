@@ -26,6 +26,10 @@ class VELOX_API Exception : public std::exception {
   /// The name of the exception's own class, without the library's namespace.
   std::string ClassName() const;
 
+ protected:
+  /// For derived classes with a constructor of their own, which tell who called them.
+  Exception(std::string Text, const void* AAddress);
+
  private:
   std::string Text_;
   const void* Address_;
@@ -36,6 +40,8 @@ class VELOX_API Exception : public std::exception {
 class VELOX_API EOSError : public Exception {
  public:
   VELOX_NOINLINE EOSError(std::string Text, uint32_t AErrorCode);
+  /// As raised at another address: a function that raises for its caller names that one.
+  EOSError(std::string Text, uint32_t AErrorCode, const void* AAddress);
   ~EOSError() override;
 
   /// The system's error code, as GetLastError() gave it.
@@ -46,14 +52,14 @@ class VELOX_API EOSError : public Exception {
 /// the library too (unless they set a new-handler of their own).
 class VELOX_API EOutOfMemory : public Exception {
  public:
-  EOutOfMemory();
+  VELOX_NOINLINE EOutOfMemory();
   ~EOutOfMemory() override;
 };
 
 /// An integer division by zero.
 class VELOX_API EDivByZero : public Exception {
  public:
-  EDivByZero();
+  VELOX_NOINLINE EDivByZero();
   ~EDivByZero() override;
 };
 

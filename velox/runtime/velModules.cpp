@@ -3,7 +3,9 @@
 #include <cstddef>
 #include <iterator>
 #include <new>
+#include <string>
 
+#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velCallbackGuard.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velWindows.hpp"
@@ -36,6 +38,7 @@ bool InitializeAll() noexcept {
     try {
       if (Table[Initialized].Initialize != nullptr) Table[Initialized].Initialize();
     } catch (...) {
+      TraceException(std::string(Table[Initialized].Name) + " cannot be initialised");
       return false;
     }
   }

@@ -108,7 +108,8 @@ void modules::FinalizeModuleInfo() noexcept {
 // ------------------------------------------------------------------------------- version resources
 
 const char* VersionInfoStringName(TVersionInfoStringNameId Id) noexcept {
-  return StringNames[static_cast<size_t>(Id)];
+  const auto index = static_cast<size_t>(Id);
+  return index < std::size(StringNames) ? StringNames[index] : "";
 }
 
 TVersionInfoStringTable::TVersionInfoStringTable(uint16_t Language, uint16_t CodePage,
@@ -123,7 +124,9 @@ TVersionInfoStringTable::TVersionInfoStringTable(uint16_t Language, uint16_t Cod
 }
 
 const std::string& TVersionInfoStringTable::GetStringValues(TVersionInfoStringNameId Id) const {
-  return StringValues_.at(static_cast<size_t>(Id));
+  const auto index = static_cast<size_t>(Id);
+  if (index >= StringValues_.size()) throw Exception(messages::seInvalidIndex);
+  return StringValues_[index];
 }
 
 TModuleVersionInfo::TModuleVersionInfo(const void* Block)
