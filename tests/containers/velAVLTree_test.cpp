@@ -207,22 +207,53 @@ TEST(AVLDuplicatedKeyTree, KeepsTheValuesOfAKeyInTheirOrder) {
   }
 }
 
+int32_t CompareLetters(const void* A, const void* B) { return std::memcmp(A, B, 3); }
+
+TEST(AVLTree, KindsOfTreesTakeOtherKeysAndOrders) {
+  const auto byLetters = TAVLTreeCompareRoutine::Bind<&CompareLetters>();
+  TAVLDuplicatedKeyTree lists(3, 1, byLetters);
+  EXPECT_EQ(lists.GetKeySize(), 3);
+  EXPECT_EQ(lists.GetItemSize(), 1);
+  lists.Add("abc", "x");
+  lists.Add("abd", "z");
+  lists.Add("abc", "y");
+  const uint8_t* list = nullptr;
+  ASSERT_TRUE(lists.Search("abc", &list));
+  EXPECT_EQ(std::memcmp(list, "\2\0\0\0xy", 6), 0);
+
+  TAVLObjectTree objects(3, byLetters);
+  TObject one;
+  TObject two;
+  objects.Add("abc", &one);
+  objects.Add("abd", &two);
+  EXPECT_EQ(objects.Search("abcd"), &one);
+  EXPECT_EQ(objects.Search("abd"), &two);
+  EXPECT_FALSE(objects.KeyExists("abe"));
+}
+
 TEST(AVLObjectTree, MapsKeysToObjectsThatItDoesNotOwn) {
   TObject one;
   TObject two;
   TAVLObjectTree tree;
   const int32_t keys[] = {1, 2, 3};
-  tree.Add(&keys[0], &one);
+  tree.Add(&keys[0], &two);
   tree.Add(&keys[1], &two);
+  tree.Add(&keys[0], &one);  // replaces
   EXPECT_EQ(tree.Search(&keys[0]), &one);
   EXPECT_EQ(tree.Search(&keys[2]), nullptr);
   EXPECT_FALSE(tree.Remove(&keys[2]));
-  std::vector<TObject*> passed;
-  auto note = [&passed](TObject*, const void*, const void* Data, void*) {
-    std::memcpy(&passed.emplace_back(), Data, sizeof(TObject*));
+  using TObjects = std::vector<TObject*>;
+  auto note = [&tree](TObject* Sender, const void*, const void* Data, void* UserData) {
+    EXPECT_NE(dynamic_cast<TAVLTree*>(Sender), nullptr);  // the tree inside
+    EXPECT_NE(Sender, &tree);
+    std::memcpy(&static_cast<TObjects*>(UserData)->emplace_back(), Data, sizeof(TObject*));
   };
-  tree.RightPass(TAVLIterationRoutine::To(note), nullptr);
-  EXPECT_EQ(passed, (std::vector<TObject*>{&two, &one}));
+  TObjects ascending;
+  TObjects descending;
+  tree.LeftPass(TAVLIterationRoutine::To(note), &ascending);
+  tree.RightPass(TAVLIterationRoutine::To(note), &descending);
+  EXPECT_EQ(ascending, (TObjects{&one, &two}));
+  EXPECT_EQ(descending, (TObjects{&two, &one}));
   EXPECT_TRUE(tree.Remove(&keys[0]));
   tree.Clear();
   EXPECT_FALSE(tree.KeyExists(&keys[1]));

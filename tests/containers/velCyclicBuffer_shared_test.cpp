@@ -57,6 +57,25 @@ struct TCreated {
   TSharedMemBuffer Ring{true};
 };
 
+/// The system's error that CreateMemory raises, 0 for none.
+uint32_t CreationError(TSharedMemBuffer& Ring, int32_t Size) {
+  try {
+    Ring.CreateMemory(Size);
+  } catch (const EOSError& error) {
+    return error.ErrorCode;
+  }
+  return 0;
+}
+
+std::string CreationMessage(TSharedMemBuffer& Ring, int32_t Size) {
+  try {
+    Ring.CreateMemory(Size);
+  } catch (const Exception& raised) {
+    return raised.what();
+  }
+  return "";
+}
+
 /// Whether another thread can have the named mutex now.
 bool MutexIsFree(const std::string& Name) {
   bool free = false;
@@ -134,17 +153,23 @@ TEST(SharedMemBuffer, LocksOutTheOtherThreadsOfAProcess) {
 
 TEST(SharedMemBuffer, GoesOnAfterTheHolderOfTheLockHasDied) {
   TCreated created(64);
-  EXPECT_EQ(TChild(test::RoleCommand("ring-abandoner", {created.Name})).Wait(), 5u);
-  int32_t count = 2;
-  created.Ring.WriteData("ok", count);
-  EXPECT_EQ(count, 2);
+  for (const bool process : {true, false}) {
+    if (process) {
+      EXPECT_EQ(TChild(test::RoleCommand("ring-abandoner", {created.Name})).Wait(), 5u);
+    } else {
+      std::thread([&] { created.Ring.Lock(); }).join();
+    }
+    int32_t count = 2;
+    created.Ring.WriteData("ok", count);
+    EXPECT_EQ(count, 2);
+    EXPECT_TRUE(MutexIsFree(created.Name + "Mutex")) << process;
+  }
 }
 
 TEST(SharedMemBuffer, ReleasingGivesBackLockMemoryAndHandles) {
   const uint32_t before = test::HandleCount();
   {
     TCreated created(64);
-    EXPECT_THROW(created.Ring.CreateMemory(64), Exception);
     TSharedMemBuffer other(false);
     other.SetMemoryName(created.Name);
     other.CreateMemory(0);
@@ -164,14 +189,31 @@ TEST(SharedMemBuffer, ReleasingGivesBackLockMemoryAndHandles) {
 TEST(SharedMemBuffer, TellsWhyThereIsNoMemory) {
   TSharedMemBuffer opener(false);
   opener.SetMemoryName(test::UniqueName("velox-absent-"));
-  try {
-    opener.CreateMemory(64);
-    FAIL() << "opened what nobody has created";
-  } catch (const EOSError& error) {
-    EXPECT_EQ(error.ErrorCode, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-  }
+  EXPECT_EQ(CreationError(opener, 64), static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
   TSharedMemBuffer creator(true);
   EXPECT_THROW(creator.CreateMemory(-1), Exception);
+}
+
+TEST(SharedMemBuffer, AFailureMidwayKeepsWhatItGotUntilItIsReleased) {
+  const uint32_t before = test::HandleCount();
+  {
+    const std::string name = test::UniqueName("velox-ring-");
+    TSharedMemBuffer ring(true);
+    ring.SetMemoryName(name);
+    {
+      // Names are common to all kinds of objects: this one takes the mutex's.
+      const THandle event(::CreateEventA(nullptr, FALSE, FALSE, (name + "Mutex").c_str()));
+      EXPECT_EQ(CreationError(ring, 64), static_cast<uint32_t>(ERROR_INVALID_HANDLE));
+      EXPECT_TRUE(THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, name.c_str())));
+    }
+    EXPECT_EQ(CreationMessage(ring, 64), "Already Allocated");
+    ring.ReleaseMemory();
+    EXPECT_EQ(CreationMessage(ring, 32), "");
+    EXPECT_EQ(ring.GetSize(), 32);
+    EXPECT_EQ(CreationMessage(ring, 64), "Already Allocated");
+    EXPECT_EQ(ring.GetSize(), 32);
+  }
+  EXPECT_EQ(test::HandleCount(), before);
 }
 
 TEST(SharedMemBuffer, AnOpenerRefusesASizeBeyondItsView) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -153,15 +154,67 @@ TEST(InternalCyclicBuffer, AnotherSizeDiscardsTheContents) {
   EXPECT_EQ(MessageOf([&] { Read(ring, 1); }), "Buffer have not been allocated");
 }
 
-TEST(InternalCyclicBuffer, SizeIsBytesOfStorageAlsoForLargerItems) {
-  TInternalCyclicBuffer ring;
-  ring.SetItemSize(4);
-  ring.SetSize(16);
-  EXPECT_EQ(MessageOf([&] { ring.SetItemSize(2); }), "Already Allocated");
-  EXPECT_EQ(ring.GetAvailable(), 15);
-  EXPECT_EQ(Write(ring, "aaaabbbbccccdddd"), 4);
-  EXPECT_EQ(MessageOf([&] { Write(ring, "eeee"); }), "Buffer is too small for its items");
-  EXPECT_EQ(Read(ring, 9), "aaaabbbbccccdddd");
+TEST(CyclicBuffer, SizeIsBytesOfStorageAlsoForLargerItems) {
+  std::vector<uint32_t> block(3 + 4);  // exactly, for the sanitizer
+  TInternalCyclicBuffer internal;
+  TSharedCyclicBuffer shared(true);
+  internal.SetItemSize(4);
+  shared.SetItemSize(4);
+  internal.SetSize(16);
+  shared.SetBuffer(block.data(), 12 + 16);
+  for (TCyclicBuffer* ring :
+       {static_cast<TCyclicBuffer*>(&internal), static_cast<TCyclicBuffer*>(&shared)}) {
+    EXPECT_EQ(MessageOf([&] { ring->SetItemSize(2); }), "Already Allocated");
+    EXPECT_EQ(ring->GetSize(), 16);
+    EXPECT_EQ(ring->GetAvailable(), 15);
+    EXPECT_EQ(Write(*ring, "aaaabbbbccccdddd"), 4);
+    EXPECT_EQ(MessageOf([&] { Write(*ring, "eeee"); }), "Buffer is too small for its items");
+    EXPECT_EQ(Read(*ring, 9), "aaaabbbbccccdddd");
+  }
+  // Positions that the capacity allows, but not the storage.
+  block[1] = block[2] = 17;
+  EXPECT_EQ(MessageOf([&] { Write(shared, "eeee"); }), "Buffer is too small for its items");
+  block[2] = 24;
+  EXPECT_EQ(MessageOf([&] { Read(shared, 1); }), "Buffer is too small for its items");
+}
+
+TEST(CyclicBuffer, EachOperationTakesTheLockOnceAndGivesItBack) {
+  class TCountingBuffer : public TExternalCyclicBuffer {
+   public:
+    void Lock() override { Outermost += Depth++ == 0; }
+    void Unlock() override { --Depth; }
+    uint8_t* GetHead() override { return Damaged ? nullptr : TExternalCyclicBuffer::GetHead(); }
+    bool Damaged = false;
+    int Outermost = 0;
+    int Depth = 0;
+  };
+  TCountingBuffer ring;
+  char storage[8] = "";
+  ring.SetBuffer(storage, 8);
+  char byte = 0;
+  int32_t count = 1;
+  struct {
+    const char* Name;
+    std::function<void()> Run;
+    int Locks;
+  } const operations[] = {
+      {"ReadData", [&] { ring.ReadData(&byte, count = 1); }, 1},
+      {"WriteData", [&] { ring.WriteData(&byte, count = 1); }, 1},
+      {"GetCount", [&] { ring.GetCount(); }, 1},
+      {"GetEmpty", [&] { ring.GetEmpty(); }, 1},
+      {"GetAvailable", [&] { ring.GetAvailable(); }, 1},
+      {"ReadData of nothing", [&] { ring.ReadData(&byte, count = 0); }, 0},
+      {"WriteData of nothing", [&] { ring.WriteData(&byte, count = 0); }, 0},
+  };
+  for (const auto& operation : operations) {
+    for (const bool damaged : {false, true}) {
+      ring.Damaged = damaged;
+      ring.Outermost = 0;
+      EXPECT_EQ(MessageOf(operation.Run) != "", damaged && operation.Locks > 0) << operation.Name;
+      EXPECT_EQ(ring.Outermost, operation.Locks) << operation.Name;
+      EXPECT_EQ(ring.Depth, 0) << operation.Name;
+    }
+  }
 }
 
 /// A block of size 4 as a peer may leave it.

@@ -73,7 +73,7 @@ struct TListener {
   void Modifying(TObject* Sender, TObject* AObject, TContainerModifyAction Action, bool& Accept) {
     Tell(Action == maAdd ? "+?" : "-?", Sender, AObject);
     EXPECT_TRUE(Accept);
-    Accept = !Refuse;
+    Accept = Refuse-- <= 0;
   }
   void Modified(TObject* Sender, TObject* AObject, TContainerModifyAction Action) {
     Tell(Action == maAdd ? "+" : "-", Sender, AObject);
@@ -83,7 +83,7 @@ struct TListener {
            std::to_string(static_cast<TObjectArray*>(Sender)->GetCount()) + " ";
   }
   std::string Log;
-  bool Refuse = false;
+  int Refuse = 0;  // so many of the next questions
 };
 
 TEST(ObjectArray, GrowsByItsRule) {
@@ -140,7 +140,7 @@ TEST(ObjectArray, ListenerSeesAndRefusesChanges) {
   EXPECT_EQ(listener.Log, "+?7/0 +7/1 +?8/1 +8/2 ");
 
   listener.Log.clear();
-  listener.Refuse = true;
+  listener.Refuse = 3;
   EXPECT_FALSE(numbers.Array.Add(numbers.Make(9)));
   numbers.Array.Delete(0);
   numbers.Array.Delete(numbers.Owned[0].get());
@@ -148,9 +148,49 @@ TEST(ObjectArray, ListenerSeesAndRefusesChanges) {
   EXPECT_EQ(listener.Log, "+?9/2 -?7/2 -?7/2 ");
 
   listener.Log.clear();
-  listener.Refuse = false;
+  listener.Refuse = 3;  // Clear asks until the answer is yes
   numbers.Array.Clear();
-  EXPECT_EQ(listener.Log, "-?8/2 -8/1 -?7/1 -7/0 ");
+  EXPECT_EQ(listener.Log, "-?8/2 -?8/2 -?8/2 -?8/2 -8/1 -?7/1 -7/0 ");
+}
+
+TEST(ObjectArray, DescendantsBringTheirOwnOrderAndEvents) {
+  class TOwnRules : public TObjectArray {
+   public:
+    TOwnRules() : TObjectArray(TClass::Of<TNumber>()) {}
+    std::string Log;
+
+   protected:
+    int32_t CompareObjects(TObject* A, TObject* B) override { return CompareNumbers(A, B); }
+    void DoModifying(TObject* AObject, TContainerModifyAction, bool& Accept) override {
+      Accept = static_cast<TNumber*>(AObject)->Value != 13;
+    }
+    void DoModify(TObject* AObject, TContainerModifyAction Action) override {
+      Log += (Action == maAdd ? "+" : "-") + std::to_string(static_cast<TNumber*>(AObject)->Value);
+    }
+  };
+  TNumbers numbers({3, 13, 1, 2});
+  TOwnRules array;
+  TListener unheard(array);
+  array.SetSorted(true);
+  array.AddArray(numbers.Array);
+  EXPECT_EQ(array.GetItems(0), numbers.Owned[2].get());
+  EXPECT_EQ(array.GetItems(2), numbers.Owned[0].get());
+  EXPECT_FALSE(array.Add(numbers.Owned[1].get()));
+  array.Clear();
+  EXPECT_EQ(array.Log, "+3+1+2-3-2-1");
+  EXPECT_EQ(unheard.Log, "");
+}
+
+TEST(ObjectArray, AListenerThatDropsTheItemItIsAskedAboutIsTold) {
+  TNumbers numbers({1, 2});
+  auto drop = [](TObject* Sender, TObject* AObject, TContainerModifyAction, bool&) {
+    auto& array = *static_cast<TObjectArray*>(Sender);
+    array.OnModifying = nullptr;
+    array.Delete(AObject);
+  };
+  numbers.Array.OnModifying = TContainerModifyingEvent::To(drop);
+  EXPECT_EQ(MessageOf([&] { numbers.Array.Delete(0); }), "Invalid index");
+  EXPECT_EQ(numbers.Values(), (TValues{2}));
 }
 
 TEST(ObjectArray, OwnerFreesWhatItDropsAfterTellingOfIt) {
@@ -194,6 +234,8 @@ TEST(ObjectArray, FaultsAreToldAndChangeNothing) {
     EXPECT_EQ(MessageOf([&] { array.MoveTo(0, index); }), badIndex);
     EXPECT_EQ(MessageOf([&] { array.MoveTo(index, index); }), "");
   }
+  EXPECT_EQ(MessageOf([&] { array.Insert(numbers.Owned[0].get(), 3); }), badIndex);  // a move
+  EXPECT_EQ(numbers.Values(), (TValues{1, 2, 3}));
   array.SetSorted(true);
   const std::string sorted = "Cannot move element in sorted array";
   EXPECT_EQ(MessageOf([&] { array.MoveTo(0, 7); }), sorted);
@@ -275,6 +317,33 @@ TEST(ObjectArray, LastLookupIsRemembered) {
   EXPECT_EQ(sorted.Array.IndexOf(last), 4);  // an insertion, as found
 }
 
+TEST(ObjectArray, SomeChangesForgetTheLastLookup) {
+  // Only the reference is forgotten: null is then taken for it, and NullFound is the flag it left.
+  struct {
+    void (*Change)(TOpenArray& Array);
+    bool NullFound;
+    bool Found;
+    int32_t Index;
+  } const cases[] = {
+      {[](TOpenArray& Array) { Array.Delete(1); }, false, true, 1},
+      {[](TOpenArray& Array) { Array.Clear(); }, false, false, 0},
+      {[](TOpenArray& Array) { Array.SetSorted(true); }, true, true, 0},
+      {[](TOpenArray& Array) { Array.MoveTo(0, 2); }, true, true, 1},
+  };
+  for (const auto& one : cases) {
+    SCOPED_TRACE(&one - cases);
+    TNumbers numbers({9, 8, 1});
+    TNumber* last = numbers.Owned[2].get();
+    EXPECT_EQ(numbers.Array.IndexOf(last), 2);
+    one.Change(numbers.Array);
+    int32_t index = -1;
+    EXPECT_EQ(numbers.Array.FindItem(nullptr, index), one.NullFound);
+    EXPECT_EQ(index, 2);
+    EXPECT_EQ(numbers.Array.FindItem(last, index), one.Found);
+    EXPECT_EQ(index, one.Index);
+  }
+}
+
 TEST(ObjectArray, PositionRememberedFromBeforeDeletionsStaysWithinTheArray) {
   TNumbers numbers({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, true);
   TNumber* largest = numbers.Make(99);
@@ -289,6 +358,10 @@ TEST(ObjectArray, DefaultOrderIsTheDifferenceOfAddresses) {
   TOpenArray array;
   EXPECT_EQ(array.CompareObjects(&objects[1], &objects[0]), static_cast<int32_t>(sizeof(TNumber)));
   EXPECT_EQ(array.CompareObjects(&objects[0], &objects[1]), -static_cast<int32_t>(sizeof(TNumber)));
+  for (TNumber* object : {&objects[1], &objects[0]}) array.Add(object);
+  array.SetSorted(true);
+  EXPECT_EQ(array.GetItems(0), &objects[0]);
+  EXPECT_EQ(array.IndexOf(&objects[1]), 1);
 }
 
 TEST(ObjectArray, SortsLikeTheStandardLibrary) {

@@ -113,9 +113,9 @@ class VELOX_API TAsynchronousCall : public TObject {
 /// them.
 ///
 ///     TAsynchronousCallQueue queue;
-///     queue.Activate(nullptr, 0);  // bound to the calling thread, which waits alertably from time
-///     to time queue.Queue(TAsynchronousCallQueueHandler::Bind<&TReader::Handle>(this), data);  //
-///     from any thread
+///     queue.Activate(nullptr, 0);  // bound to the calling thread, which waits alertably at times
+///     // From any thread:
+///     queue.Queue(TAsynchronousCallQueueHandler::Bind<&TReader::Handle>(this), data);
 ///
 /// A handler that raises leaves the queue counting its call as outstanding and "in call"; the
 /// exception is logged and raised on the bound thread.

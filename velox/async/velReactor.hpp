@@ -131,7 +131,8 @@ using TReactionEvent = TMethod<void(TObject* ASender)>;
 /// user's.
 ///
 ///     TEventReaction ready(TReactor::GetInstance(), event, nullptr,
-///     TReactionEvent::Bind<&TReader::OnReady>(this)); ready.SetActive(true);
+///                          TReactionEvent::Bind<&TReader::OnReady>(this));
+///     ready.SetActive(true);
 ///
 /// The promise about Run() holds for the method as well: after the destructor it does not run,
 /// wherever it was to run.

@@ -25,9 +25,9 @@
 ///     read.SetKind(TOperationKind::okRead);
 ///     read.SetBuffer(data);  // before the size: a change of buffer resets it
 ///     read.SetSize(sizeof data);
+///     // OnRead looks at GetSucceeded() and GetTransferred().
 ///     read.SetOnComplete(TOperationNotificationEvent::Bind<&TReader::OnRead>(this));
-///     read.SetActive(true);  // returns at once; OnRead looks at GetSucceeded() and
-///     GetTransferred()
+///     read.SetActive(true);  // returns at once
 ///
 /// A concrete channel (shared memory, a socket, a serial port) derives from TChannel and brings two
 /// queues derived from TOperationQueue that know how to move bytes.

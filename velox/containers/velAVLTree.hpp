@@ -76,8 +76,8 @@ class VELOX_API TAVLTree : public TObject {
   /// Puts Data into a node, which is new (all zeros) or holds data already. Here: copies DataSize
   /// bytes.
   virtual void StoreData(TAVLTreeNode* Node, const void* Data);
-  /// A node's data is about to go. Descendants that override this call Clear() in their
-  /// destructors.
+  /// A node's data is about to go. It must not raise. Descendants that override this call Clear()
+  /// in their destructors.
   virtual void ReleaseData(TAVLTreeNode* Node);
 
   static void* GetKeyPointer(TAVLTreeNode* Node) noexcept { return Node + 1; }
@@ -130,7 +130,8 @@ class VELOX_API TAVLTree : public TObject {
 
 /// Keeps every value that is added under a key. The data of a node, and what Search gives, is a
 /// pointer to the key's list: an int32_t count, then as many values of ItemSize bytes, in the order
-/// they were added. The list belongs to the tree, and its address changes when a value is added.
+/// they were added. The list belongs to the tree, and its address changes when a value is added: so
+/// the Data given to Add must not lie in the key's own list.
 class VELOX_API TAVLDuplicatedKeyTree : public TAVLTree {
  public:
   TAVLDuplicatedKeyTree(int32_t AKeySize, int32_t AItemSize,

@@ -156,6 +156,9 @@ class VELOX_API TExternalCyclicBuffer : public TLocalCyclicBuffer {
 ///     8   write position, bytes from the start of the data area
 ///     12  data area
 ///
+/// The creator's number counts bytes also when items are larger: the capacity is then more than the
+/// data area holds, and an operation that would go beyond it raises Exception instead.
+///
 /// What stands in the words is taken for another's input: it is checked before each use.
 class VELOX_API TSharedCyclicBuffer : public TCyclicBuffer {
  public:
@@ -195,9 +198,9 @@ class VELOX_API TSharedCyclicBuffer : public TCyclicBuffer {
 /// A shared ring in a named file mapping, locked by a named mutex: one process creates it, others
 /// open it.
 ///
-///     TSharedMemBuffer ring(true);             // TSharedMemBuffer ring(false) in the other
-///     process, afterwards ring.SetMemoryName("Local\\Samples"); ring.CreateMemory(65536); //
-///     there, the number does not matter
+///     TSharedMemBuffer ring(true);  // false in the other process, afterwards
+///     ring.SetMemoryName("Local\\Samples");
+///     ring.CreateMemory(65536);  // there, the number does not matter
 ///
 /// The mutex is named as the mapping with "Mutex" appended. It is held during each operation;
 /// waiting for it has no limit. A mutex whose holder has died counts as free.

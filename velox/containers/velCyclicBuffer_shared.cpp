@@ -65,9 +65,10 @@ void TSharedMemBuffer::Lock() {
   if (Mutex_ == nullptr) return;
   const DWORD self = ::GetCurrentThreadId();
   if (Owner_.load(std::memory_order_relaxed) != self) {
-    // An abandoned mutex is acquired all the same.
+    // An abandoned mutex is acquired all the same. Its last owner may have left a depth.
     if (::WaitForSingleObject(Mutex_, INFINITE) == WAIT_FAILED) RaiseLastOSError();
     Owner_.store(self, std::memory_order_relaxed);
+    Depth_ = 0;
   }
   ++Depth_;
 }

@@ -10,7 +10,8 @@
 namespace velox {
 
 VELOX_COM_CLASSES_BEGIN
-/// An enumerator of objects. Its operations are those of the container that hands it out.
+/// An enumerator of objects. It has no operations of its own yet: a container that hands one out
+/// derives an interface with its own.
 struct IObjectEnumerator : public IInterface {};
 VELOX_COM_CLASSES_END
 

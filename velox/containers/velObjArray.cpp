@@ -156,7 +156,9 @@ TObject* TObjectArray::GetItems(int32_t Index) const {
 }
 
 void TObjectArray::SetAllocCount(int32_t Value) {
-  if (Value > GetAllocCount()) Items_.reserve(static_cast<size_t>(Value));
+  if (Value <= GetAllocCount()) return;
+  if (static_cast<size_t>(Value) > Items_.max_size()) throw EOutOfMemory();
+  Items_.reserve(static_cast<size_t>(Value));
 }
 
 void TObjectArray::SetSorted(bool Value) {

@@ -23,8 +23,9 @@ namespace velox {
 /// The result of the last FindItem is remembered, and returned at once when the same reference is
 /// asked for again. The remembered state follows insertions and deletions only coarsely: an
 /// insertion marks the remembered reference as found, a deletion as absent, at the position it was
-/// found at; Clear, Delete by index, MoveTo and switching Sorted on forget it. An exact hit within
-/// the halving of a sorted array leaves it as it was.
+/// found at; Clear, Delete by index, MoveTo and switching Sorted on forget it (asked for null,
+/// FindItem then answers with what was remembered). An exact hit within the halving of a sorted
+/// array leaves it as it was.
 ///
 /// Threads: one at a time; callers that share an array lock around it.
 class VELOX_API TObjectArray : public TObject {
@@ -44,7 +45,8 @@ class VELOX_API TObjectArray : public TObject {
   /// Adds each item of AArray, first to last.
   void AddArray(const TObjectArray& AArray);
   /// Puts the object at Index (0..Count), in a sorted array too; one that is contained already is
-  /// moved there (see MoveTo). Raises Exception "Object cannot be null" or "Invalid index".
+  /// moved there (0..Count - 1; see MoveTo). Raises Exception "Object cannot be null" or "Invalid
+  /// index".
   void Insert(TObject* AObject, int32_t Index);
 
   /// Drops the object; does nothing when it is absent.
@@ -90,7 +92,9 @@ class VELOX_API TObjectArray : public TObject {
   bool GetSharedObjects() const noexcept { return SharedObjects_; }
   void SetSharedObjects(bool Value) noexcept { SharedObjects_ = Value; }
 
-  /// Called after, and before, each insertion and deletion; the sender is the array.
+  /// Called after, and before, each insertion and deletion; the sender is the array. An OnModifying
+  /// that itself changes the array makes a deletion raise Exception "Invalid index" when the item
+  /// has left its place.
   TContainerModifyEvent OnModify;
   TContainerModifyingEvent OnModifying;
   /// The order of a sorted array; initially the array's own CompareObjects.

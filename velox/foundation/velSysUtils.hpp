@@ -194,8 +194,8 @@ using TProcessOutputEvent = TMethod<void(const std::string&)>;
 ///
 ///     TStrings lines;
 ///     auto keep = [&](const std::string& line) { lines.push_back(line); };
-///     const int32_t code = ExecuteProcess("ping host", "", TProcessOutputEvent::To(keep), false,
-///     nullptr);
+///     const auto event = TProcessOutputEvent::To(keep);
+///     const int32_t code = ExecuteProcess("ping host", "", event, false, nullptr);
 VELOX_API int32_t ExecuteProcess(const std::string& CommandLine,
                                  const std::string& CurrentDirectory,
                                  const TProcessOutputEvent& OnOutput,

@@ -10,7 +10,7 @@ namespace velox {
 ///
 ///     TVersionInfoFileFlags flags{TVersionInfoFileFlag::viffDebug};
 ///     if (flags.Contains(TVersionInfoFileFlag::viffDebug))
-///     flags.Exclude(TVersionInfoFileFlag::viffDebug);
+///       flags.Exclude(TVersionInfoFileFlag::viffDebug);
 template <class E>
 requires std::is_enum_v<E>
 class TFlagSet {

@@ -18,7 +18,7 @@
 ///
 ///     const TProcessInfo process(::GetCurrentProcessId());
 ///     for (int32_t i = 0; i < process.GetThreadInfoCount(); ++i)
-///     Print(process.GetThreadInfo(i).GetName());
+///       Print(process.GetThreadInfo(i).GetName());
 ///     Print(TModuleInfo::GetInstance()->ModuleVersion());
 ///
 /// Threads: an object that is not being refreshed may be read by any thread.
