@@ -69,11 +69,14 @@ inline constexpr const char* seImageTooLarge = "Image cannot exceed 2 GiB";
 
 // Channels.
 inline constexpr const char* seActiveChannel = "Cannot change active channel";
-inline constexpr const char* sePropertyOfActiveOperation = "Cannot change property of active operation";
+inline constexpr const char* sePropertyOfActiveOperation =
+    "Cannot change property of active operation";
 inline constexpr const char* seSpecifySizeAndBuffer =
     "Specify size and buffer for operation. Cannot perform operation.";
-inline constexpr const char* seSpecifyChannel = "Specify channel for operation. Cannot perform operation.";
-inline constexpr const char* seChannelIsNotActive = "Channel is not active. Cannot perform operation.";
+inline constexpr const char* seSpecifyChannel =
+    "Specify channel for operation. Cannot perform operation.";
+inline constexpr const char* seChannelIsNotActive =
+    "Channel is not active. Cannot perform operation.";
 inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
 inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
