@@ -150,6 +150,7 @@ bool PrintSums(const std::string& File, const std::vector<const TAlgorithm*>& Ch
   try {
     TInput input(File);
     std::vector<TRunning> sums;
+    sums.reserve(Chosen.size());
     for (const TAlgorithm* algorithm : Chosen) sums.push_back({algorithm, algorithm->Start(), {}});
 
     std::vector<uint8_t> block(256 * 1024);

@@ -27,8 +27,9 @@ class TVelcopy {
     startup.hStdOutput = startup.hStdError = output.Get();
     char program[MAX_PATH] = "";
     ::GetModuleFileNameA(nullptr, program, sizeof program);
-    std::string line = program;
-    line = "\"" + line.substr(0, line.rfind('\\')) + "\\velcopy.exe\" " + Arguments;
+    const std::string self = program;
+    std::string line = "\"";
+    line += self.substr(0, self.rfind('\\')) + "\\velcopy.exe\" " + Arguments;
     PROCESS_INFORMATION information{};
     EXPECT_TRUE(::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                  &startup, &information))

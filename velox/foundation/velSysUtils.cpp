@@ -225,7 +225,7 @@ TStrings SplitCommandLine(const std::string& CommandLine) {
 
 bool FindCmdLineSwitchEx(const std::string& Switch, const TCharSet& Chars, bool IgnoreCase,
                          std::string& Value) {
-  const std::string name = Switch;  // Value may be the same string
+  const std::string name = Switch;  // NOLINT: Value may be the same string
   Value.clear();
   for (const std::string& parameter : SplitCommandLine(::GetCommandLineA())) {
     const bool isSwitch =
