@@ -38,9 +38,14 @@ namespace {
 
 constexpr int32_t DefaultMemory = 4 << 20;
 constexpr int32_t SmallestMemory = 1024;
+constexpr int32_t LargestMemory = INT32_MAX - 12;  // the channel adds its own 12 bytes
 constexpr int32_t DefaultBlock = 64 << 10;
 constexpr int32_t LongestReason = 200;  // bytes of text
-constexpr int SilenceLimit = 8;         // seconds without a byte from the other side
+constexpr int StillLimit = 8;           // seconds in which an operation moves no byte
+
+[[noreturn]] void RefuseArguments(const std::string& What) {
+  throw Exception(What + "; see velcopy --help");
+}
 
 // -------------------------------------------------------------------------------------------------
 // messages
@@ -69,7 +74,7 @@ constexpr int32_t Window(int32_t Capacity) { return Capacity - 1 - HeaderSize - 
 
 // The other side. Each message is carried by a transfer operation: activated here, moved by the
 // reactor's thread, and waited for on an event that OnComplete sets. A task of the scheduler
-// watches that the other side does not fall silent.
+// watches that none, read or write, stands still.
 class TPeer {
  public:
   TPeer(TChannel& Channel, std::string Name)
@@ -115,46 +120,42 @@ class TPeer {
 
   void ReceiveBytes(void* Bytes, int32_t Size) { Carry(Reader_, Bytes, Size); }
 
-  // Tells the other side why this one ends, unless it knows.
+  // Tells the other side why this one ends, unless it knows or can't be told.
   void TellFailure(std::string Reason) {
     if (std::exchange(Told_, true)) return;
     Reason.resize(std::min<size_t>(Reason.size(), LongestReason));
     THeader header{.Kind = TKind::Failed, .Size = static_cast<uint32_t>(Reason.size())};
-    Send(header, Reason.data());
+    try {
+      Send(header, Reason.data());
+    } catch (const Exception&) {
+      TraceException("velcopy");  // what is reported is the failure itself
+    }
   }
 
  private:
   void Carry(TTransferOperation& Operation, void* Bytes, int32_t Size) {
-    Silent_ = false;
+    SecondsStill_ = 0;
     Operation.SetBuffer(Bytes);
     Operation.SetSize(Size);
     Operation.SetActive(true);
-    while (Operation.GetActive() && !Silent_) WaitForSingleObjectAlertable(Done_.Get(), "velcopy");
+    while (Operation.GetActive() && SecondsStill_ < StillLimit)
+      WaitForSingleObjectAlertable(Done_.Get(), "velcopy");
     if (Operation.GetActive()) Operation.SetActive(false);
-    ::ResetEvent(Done_.Get());
     if (Operation.GetSucceeded()) return;
-    Silent_ = false;
-    throw Exception(Format("the %s has been silent for %d seconds; has it ended?", Name_.c_str(),
-                           SilenceLimit));
+    throw Exception(Format("the %s has not responded for %d seconds; has it ended?", Name_.c_str(),
+                           StillLimit));
   }
 
   void OnComplete(TObject*) { ::SetEvent(Done_.Get()); }
-  void OnTransferred(TObject* Sender, bool&) {
-    if (Sender == &Reader_) SecondsSilent_ = 0;
-  }
+  void OnTransferred(TObject*, bool&) { SecondsStill_ = 0; }
+  // Counts between the operations too; Carry begins anew.
   void OnSecond(TObject*) {
-    if (!Reader_.GetActive()) {
-      SecondsSilent_ = 0;  // nothing is expected
-    } else if (++SecondsSilent_ >= SilenceLimit) {
-      Silent_ = true;
-      ::SetEvent(Done_.Get());
-    }
+    if (++SecondsStill_ >= StillLimit) ::SetEvent(Done_.Get());
   }
 
   const std::string Name_;
   const THandle Done_;
-  std::atomic<int> SecondsSilent_ = 0;
-  std::atomic<bool> Silent_ = false;
+  std::atomic<int> SecondsStill_ = 0;
   bool Told_ = false;
   std::vector<char> Message_;
   // Destroyed first, in reverse order: the task, then the operations, whose events use what stands
@@ -166,39 +167,56 @@ class TPeer {
 // -------------------------------------------------------------------------------------------------
 // addresses
 
-// The channel, and what keeps a second program from using the same end of it.
+// The channel, and what keeps a second program from using the same end of it: that goes last.
 struct TEndpoint {
-  std::unique_ptr<TChannel> Channel;
   THandle Guard;
+  std::unique_ptr<TChannel> Channel;
 };
 
-THandle GuardEnd(const std::string& Name, const std::string& InUse) {
-  THandle guard(::CreateEventA(nullptr, FALSE, FALSE, Name.c_str()));
-  if (!guard || ::GetLastError() == ERROR_ALREADY_EXISTS) throw Exception(InUse);
+[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
+  throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
+}
+
+THandle GuardEnd(const std::string& Address, const std::string& Name, const std::string& Role) {
+  const std::string event = Name + Role;
+  THandle guard(::CreateEventA(nullptr, FALSE, FALSE, event.c_str()));
+  const DWORD error = ::GetLastError();
+  // An object of another kind may have the name as well.
+  if (error == ERROR_ALREADY_EXISTS || error == ERROR_INVALID_HANDLE)
+    throw Exception(Address + " is in use by another " + Role);
+  if (!guard) FailToOpen(Address, error);
   return guard;
+}
+
+THandle OpenMemory(const std::string& Name) {
+  return THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, Name.c_str()));
+}
+
+// A receiver makes the memory. It must not take up what a sender of a former session still holds.
+void CheckUnused(const std::string& Address, const std::string& Name) {
+  if (THandle(::OpenEventA(SYNCHRONIZE, FALSE, (Name + "sender").c_str())))
+    throw Exception(Address + " is in use by a sender, whose receiver has ended");
+  if (OpenMemory(Name + "Read") || OpenMemory(Name + "Write"))
+    throw Exception(Address + " is in use by another program");
 }
 
 TEndpoint OpenSharedMemory(const std::string& Address, const std::string& Name, bool Receiving,
                            int32_t Size) {
+  // Looked at before the guard is there: a sender that comes too early is in no receiver's way.
+  if (!Receiving && !OpenMemory(Name + "Read") && ::GetLastError() == ERROR_FILE_NOT_FOUND)
+    throw Exception("there is no receiver on " + Address);
   TEndpoint endpoint;
-  const std::string role = Receiving ? "receiver" : "sender";
-  endpoint.Guard = GuardEnd(Name + role, Address + " is in use by another " + role);
+  endpoint.Guard = GuardEnd(Address, Name, Receiving ? "receiver" : "sender");
+  if (Receiving) CheckUnused(Address, Name);
   auto channel = std::make_unique<TSharedMemChannel>();
   channel->SetMemoryName(Name);
   channel->SetMemorySize(Size);
   channel->SetMode(Receiving ? TChannelMode::cmServer : TChannelMode::cmClient);
-  if (Receiving)
-    endpoint.Guard = GuardEnd(Name + "Receiver", Address + " is in use by another receiver");
   try {
     channel->SetActive(true);
   } catch (const EOSError& e) {
-    if (Receiving)
-      throw Exception("cannot create " + Address + ": " + SystemErrorMessage(e.ErrorCode));
-    if (e.ErrorCode == ERROR_FILE_NOT_FOUND) throw Exception("there is no receiver on " + Address);
-    throw Exception("cannot open " + Address + ": " + SystemErrorMessage(e.ErrorCode));
+    FailToOpen(Address, e.ErrorCode);
   }
-  if (!Receiving)
-    endpoint.Guard = GuardEnd(Name + "Sender", Address + " is in use by another sender");
   endpoint.Channel = std::move(channel);
   return endpoint;
 }
@@ -208,9 +226,9 @@ TEndpoint Open(const std::string& Address, bool Receiving, int32_t Size) {
   const size_t colon = Address.find(':');
   const std::string kind = Address.substr(0, colon);
   const std::string rest = colon == std::string::npos ? "" : Address.substr(colon + 1);
-  if (rest.empty()) throw Exception("\"" + Address + "\" is no address; write it as shm:NAME");
+  if (rest.empty()) RefuseArguments("\"" + Address + "\" is no address like shm:NAME");
   if (kind == "shm") return OpenSharedMemory(Address, rest, Receiving, Size);
-  throw Exception("\"" + kind + "\" is no kind of channel; there is shm");
+  RefuseArguments("\"" + kind + "\" is no kind of channel (there is shm)");
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -235,22 +253,28 @@ class TProgress {
     const double rate = seconds > 0 ? static_cast<double>(Done) / seconds : 0;
     const double left = rate > 0 ? static_cast<double>(Total_ - Done) / rate : 0;
     const double part = Total_ == 0 ? 1 : static_cast<double>(Done) / static_cast<double>(Total_);
-    const std::string text =
-        Format("%3.0f%%  %llu of %llu bytes  %.1f MiB/s  %.0f s left", part * 100,
-               static_cast<unsigned long long>(Done), static_cast<unsigned long long>(Total_),
-               rate / (1 << 20), left);
+    const std::string text = Format("%3.0f%%  %s  %.1f MiB/s  %.0f s left", part * 100,
+                                    Amount(Done).c_str(), rate / MiB, left);
     if (Show_ == TShow::Lines) {
       std::printf("%s\n", text.c_str());
     } else {
-      const auto filled = static_cast<size_t>(part * 20);
-      std::string bar = std::string(filled, '#') + std::string(20 - filled, '.');
-      std::printf("\r[%s] %-60s", bar.c_str(), text.c_str());
+      const auto filled = static_cast<size_t>(part * 16);
+      std::string bar = std::string(filled, '#') + std::string(16 - filled, '.');
+      std::printf("\r[%s] %-60.60s", bar.c_str(), text.c_str());  // 79 columns
       OpenLine_ = true;
     }
     std::fflush(stdout);
   }
 
  private:
+  static constexpr double MiB = 1 << 20;
+
+  std::string Amount(uint64_t Done) const {
+    const auto done = static_cast<double>(Done), total = static_cast<double>(Total_);
+    return total < MiB ? Format("%.0f of %.0f bytes", done, total)
+                       : Format("%.1f of %.1f MiB", done / MiB, total / MiB);
+  }
+
   const TShow Show_;
   const uint64_t Total_;
   const ULONGLONG Start_ = ::GetTickCount64();
@@ -289,6 +313,23 @@ int32_t ChooseBlock(const TArguments& Arguments, int32_t Capacity) {
              block, Capacity, largest));
 }
 
+// What goes wrong with an open file (the disk is full, …) is told with the file's name.
+template <typename TAction>
+void OnFile(const TFileStream& File, const TAction& Action) {
+  try {
+    Action();
+  } catch (const EStreamError& e) {
+    throw Exception(File.GetFileName() + ": " + e.what());
+  }
+}
+
+int32_t ReceiveCapacity(TPeer& Peer) {
+  const uint64_t capacity = Peer.Receive({TKind::Hello}).Position;
+  if (capacity >= SmallestMemory && capacity <= LargestMemory)
+    return static_cast<int32_t>(capacity);
+  throw Exception("the receiver told a capacity that cannot be");
+}
+
 // Sends the blocks, and returns the file's CRC.
 uint32_t SendBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t Capacity, int32_t Block,
                     TShow Show) {
@@ -306,7 +347,7 @@ uint32_t SendBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t Capa
   while (confirmed < Total) {
     const auto size = static_cast<int32_t>(std::min<uint64_t>(bytes.size(), Total - sent));
     if (size > 0 && occupied(sent - confirmed + static_cast<uint64_t>(size)) <= window) {
-      File.ReadBuffer(bytes.data(), size);
+      OnFile(File, [&] { File.ReadBuffer(bytes.data(), size); });
       crc.Update(bytes.data(), size);
       Peer.Send({.Kind = TKind::Data, .Position = sent, .Size = static_cast<uint32_t>(size)},
                 bytes.data());
@@ -322,13 +363,14 @@ uint32_t SendBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t Capa
 
 void Send(const TArguments& Arguments) {
   TFileStream file(Arguments.File, TFileMode::fmOpenRead);
-  const auto total = static_cast<uint64_t>(file.GetSize());
+  uint64_t total = 0;
+  OnFile(file, [&] { total = static_cast<uint64_t>(file.GetSize()); });
   const TEndpoint endpoint = Open(Arguments.Address, false, Arguments.Size);
   TPeer peer(*endpoint.Channel, "receiver");
   peer.StartWatchdog();
   try {
     peer.Send({.Kind = TKind::Hello, .Position = total});
-    const auto capacity = static_cast<int32_t>(peer.Receive({TKind::Hello}).Position);
+    const int32_t capacity = ReceiveCapacity(peer);
     const uint32_t check =
         SendBlocks(peer, file, total, capacity, ChooseBlock(Arguments, capacity), Arguments.Show);
     peer.Send({.Kind = TKind::End, .Position = total, .Check = check});
@@ -391,7 +433,7 @@ uint32_t ReceiveBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t C
     bytes.resize(header.Size);
     const auto size = static_cast<int32_t>(header.Size);
     Peer.ReceiveBytes(bytes.data(), size);
-    File.WriteBuffer(bytes.data(), size);
+    OnFile(File, [&] { File.WriteBuffer(bytes.data(), size); });
     crc.Update(bytes.data(), size);
     received += header.Size;
     Peer.Send({.Kind = TKind::Confirmed, .Position = received});
@@ -431,12 +473,12 @@ constexpr const char* Usage =
     "--block what is sent at once (default 65536, or a quarter of the memory).\n"
     "--progress bar|lines|none: default is a bar on a console, else lines.\n";
 
-int32_t ParseNumber(const std::string& Option, std::string_view Text, int32_t Least) {
+int32_t ParseNumber(const std::string& Option, std::string_view Text, int32_t Least, int32_t Most) {
   int32_t value = 0;
   const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
-  if (error != std::errc() || end != Text.data() + Text.size() || value < Least) {
-    throw Exception(Format("%s must be a number from %d to 2147483647, not \"%s\"", Option.c_str(),
-                           Least, std::string(Text).c_str()));
+  if (error != std::errc() || end != Text.data() + Text.size() || value < Least || value > Most) {
+    RefuseArguments(Format("%s must be a number from %d to %d, not \"%s\"", Option.c_str(), Least,
+                           Most, std::string(Text).c_str()));
   }
   return value;
 }
@@ -445,7 +487,7 @@ TShow ParseShow(std::string_view Text) {
   if (Text == "bar") return TShow::Bar;
   if (Text == "lines") return TShow::Lines;
   if (Text == "none") return TShow::None;
-  throw Exception("--progress must be bar, lines or none");
+  RefuseArguments("--progress must be bar, lines or none");
 }
 
 TArguments Parse(const std::vector<std::string>& Words) {
@@ -458,15 +500,18 @@ TArguments Parse(const std::vector<std::string>& Words) {
       continue;
     }
     if (word != "--size" && word != "--block" && word != "--progress")
-      throw Exception("unknown option " + word);
-    if (++i == Words.size()) throw Exception(word + " needs a value");
-    if (word == "--size") arguments.Size = ParseNumber(word, Words[i], SmallestMemory);
-    if (word == "--block") arguments.Block = ParseNumber(word, Words[i], 1);
+      RefuseArguments("unknown option " + word);
+    if (++i == Words.size()) RefuseArguments(word + " needs a value");
+    if (word == "--size")
+      arguments.Size = ParseNumber(word, Words[i], SmallestMemory, LargestMemory);
+    if (word == "--block") arguments.Block = ParseNumber(word, Words[i], 1, INT32_MAX);
     if (word == "--progress") arguments.Show = ParseShow(Words[i]);
   }
-  if (plain.size() != 3 || (plain[0] != "send" && plain[0] != "receive")) {
-    throw Exception(std::string("say what to do:\n") + Usage);
-  }
+  if (plain.empty()) RefuseArguments("neither send nor receive is given");
+  if (plain[0] != "send" && plain[0] != "receive")
+    RefuseArguments("\"" + plain[0] + "\" is neither send nor receive");
+  if (plain.size() < 3) RefuseArguments(plain[0] + " needs an address and a file");
+  if (plain.size() > 3) RefuseArguments("\"" + plain[3] + "\" is one argument too many");
   arguments.Receiving = plain[0] == "receive";
   arguments.Address = plain[1];
   arguments.File = plain[2];
@@ -477,7 +522,12 @@ TArguments Parse(const std::vector<std::string>& Words) {
 
 int main(int argc, char** argv) {
   try {
-    const TArguments arguments = Parse({argv + 1, argv + argc});
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    if (std::find(words.begin(), words.end(), "--help") != words.end()) {
+      std::fputs(Usage, stdout);
+      return 0;
+    }
+    const TArguments arguments = Parse(words);
     Trace(Format("velcopy %s %s %s", argv[1], arguments.Address.c_str(), arguments.File.c_str()),
           TTraceType::ttDebug);
     arguments.Receiving ? Receive(arguments) : Send(arguments);

@@ -1,6 +1,9 @@
 // The program velcopy, run as its users run it: two processes, their output, their exit codes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -61,14 +64,36 @@ class TVelcopy {
   THandle Process_;
 };
 
-bool Exists(const std::string& Name) {
-  return ::GetFileAttributesA(Name.c_str()) != INVALID_FILE_ATTRIBUTES;
+// An error is one line.
+void ExpectError(const TVelcopy& Program, const std::string& Message) {
+  const std::string output = Program.Output();
+  const size_t at = output.find("velcopy: ");
+  ASSERT_NE(at, std::string::npos) << output;
+  EXPECT_NE(output.find(Message, at), std::string::npos) << output << "lacks: " << Message;
+  EXPECT_EQ(output.find('\n', at), output.size() - 1) << output;
 }
 
-int64_t SizeOf(const std::string& Name) {
-  WIN32_FILE_ATTRIBUTE_DATA data{};
-  if (!::GetFileAttributesExA(Name.c_str(), GetFileExInfoStandard, &data)) return -1;
-  return (int64_t{data.nFileSizeHigh} << 32) + data.nFileSizeLow;
+// The longest line, where the bar writes itself anew on one.
+size_t Width(const std::string& Output) {
+  size_t width = 0, start = 0;
+  while (start < Output.size()) {
+    const size_t end = std::min(Output.find_first_of("\r\n", start), Output.size());
+    width = std::max(width, end - start);
+    start = end + 1;
+  }
+  return width;
+}
+
+// A file that takes longer to copy than any case runs.
+void MakeHugeFile(const std::string& Name) {
+  const THandle file(
+      ::CreateFileA(Name.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+  ASSERT_EQ(::SetFilePointer(file.Get(), 1 << 30, nullptr, FILE_BEGIN), 1u << 30);
+  ASSERT_TRUE(::SetEndOfFile(file.Get()));
+}
+
+bool Exists(const std::string& Name) {
+  return ::GetFileAttributesA(Name.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 std::string RandomBytes(size_t Size) {
@@ -114,6 +139,8 @@ TEST(Velcopy, CopiesFilesBothWaysAtOnce) {
       ASSERT_NE(at, std::string::npos) << output;
       if (check.empty()) check = output.substr(at, 15);
       EXPECT_EQ(output.substr(at, 15), check);
+      EXPECT_EQ(output.find("100%") != std::string::npos, c.Size > 0) << output;
+      EXPECT_LE(Width(output), 79u) << output;
     }
     for (const std::string& copy : copies) {
       EXPECT_TRUE(test::ReadFileBytes(copy) == bytes);
@@ -135,11 +162,24 @@ TEST(Velcopy, PrintsThePublishedCheck) {
       << sender.Output();
 }
 
+TEST(Velcopy, PrintsItsUsage) {
+  const test::TTemporaryFolder folder;
+  TVelcopy program(folder, "--help");
+  EXPECT_EQ(program.Wait(), 0u);
+  EXPECT_EQ(program.Output().find("velcopy receive shm:NAME FILE"), 0u) << program.Output();
+}
+
 TEST(Velcopy, RefusesBadInputWithOneLine) {
   const test::TTemporaryFolder folder;
   const std::string file = folder.File("from"), to = folder.File("to"),
-                    used = test::UniqueName("velcopy-used-");
+                    used = test::UniqueName("velcopy-used-"),
+                    foreign = test::UniqueName("velcopy-foreign-"),
+                    held = test::UniqueName("velcopy-held-");
   test::WriteFileBytes(file, "x");
+  test::WriteFileBytes(folder.File("other"), "good");
+  const THandle memory(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 2000,
+                                            (foreign + "Write").c_str())),
+      guard(::CreateEventA(nullptr, FALSE, FALSE, (held + "sender").c_str()));
   TVelcopy receiver(folder, "receive shm:" + used + " " + folder.File("other") + " --size 2000");
   ASSERT_TRUE(receiver.Says("waiting"));
   const struct {
@@ -147,59 +187,97 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
   } cases[] = {
       {"send shm:velcopy-nobody " + file, "there is no receiver on shm:velcopy-nobody"},
       {"send shm:velcopy-nobody " + folder.File("none"), "Cannot open file"},
-      {"send shm: " + file, "is no address"},
+      {"send shm: " + file, "is no address like shm:NAME; see velcopy --help"},
       {"send pipe:x " + file, "\"pipe\" is no kind of channel"},
-      {"send shm:" + used + " " + file + " --block 0", "--block must be a number from 1"},
-      {"receive shm:" + used + " " + to, "is in use by another receiver"},
-      {"receive shm:velcopy-x " + to + " --size 0", "--size must be a number from 1024"},
-      {"receive shm:velcopy-x " + to + " --size -5", "--size must be a number from 1024"},
-      {"receive shm:velcopy-x " + to + " --size 9999999999", "--size must be a number from 1024"},
-      {"receive shm:velcopy-x " + to + " --size", "--size needs a value"},
-      {"receive shm:velcopy-x " + to + " --fast", "unknown option --fast"},
+      {"send shm:" + used + " " + file + " --block 0",
+       "--block must be a number from 1 to 2147483647"},
+      {"receive shm:" + used + " " + to, "shm:" + used + " is in use by another receiver"},
+      {"receive shm:" + foreign + " " + to, "shm:" + foreign + " is in use by another program"},
+      {"receive shm:" + held + " " + to, "shm:" + held + " is in use by a sender"},
+      {"receive shm:velcopy\\no\\such " + to, "cannot open shm:velcopy\\no\\such: "},
+      {"receive shm:velcopy-x " + to + " --size -5",
+       "--size must be a number from 1024 to 2147483635, not \"-5\"; see velcopy --help"},
+      {"receive shm:velcopy-x " + to + " --size 2147483636", "from 1024 to 2147483635"},
+      {"receive shm:velcopy-x " + to + " --size 9999999999", "from 1024 to 2147483635"},
+      {"receive shm:velcopy-x " + to + " --size", "--size needs a value; see velcopy --help"},
+      {"receive shm:velcopy-x " + to + " --fast", "unknown option --fast; see velcopy --help"},
       {"receive shm:velcopy-x " + folder.File("no\\such\\to"), "Cannot create file"},
-      {"receive shm:velcopy-x", "say what to do"},
-      // This one reaches the receiver, which ends with it.
-      {"send shm:" + used + " " + file + " --block 2000", "blocks of 2000 bytes do not fit"}};
-  for (const auto& c : cases) {
-    TVelcopy program(folder, c.Arguments);
-    EXPECT_EQ(program.Wait(), 1u) << c.Arguments;
-    EXPECT_EQ(program.Output().find("velcopy: "), 0u) << program.Output();
-    EXPECT_NE(program.Output().find(c.Message), std::string::npos) << program.Output();
+      {"", "neither send nor receive is given; see velcopy --help"},
+      {"copy shm:velcopy-x " + to, "\"copy\" is neither send nor receive; see velcopy --help"},
+      {"receive shm:velcopy-x", "receive needs an address and a file; see velcopy --help"},
+      {"receive shm:velcopy-x " + to + " 1", "\"1\" is one argument too many"}};
+  std::vector<std::unique_ptr<TVelcopy>> programs;
+  for (const auto& c : cases) programs.push_back(std::make_unique<TVelcopy>(folder, c.Arguments));
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].Arguments);
+    EXPECT_EQ(programs[i]->Wait(), 1u);
+    ExpectError(*programs[i], "velcopy: ");
+    ExpectError(*programs[i], cases[i].Message);
   }
+  // This one reaches the receiver, which ends with it.
+  TVelcopy sender(folder, "send shm:" + used + " " + file + " --block 2000");
+  EXPECT_EQ(sender.Wait(), 1u);
+  ExpectError(sender, "blocks of 2000 bytes do not fit");
   EXPECT_EQ(receiver.Wait(), 1u);
-  EXPECT_NE(receiver.Output().find("the sender gave up: blocks of 2000 bytes"), std::string::npos)
-      << receiver.Output();
-  for (const char* name : {"to", "to.part", "other", "other.part"})
+  ExpectError(receiver, "the sender gave up: blocks of 2000 bytes");
+  EXPECT_EQ(test::ReadFileBytes(folder.File("other")), "good");
+  for (const char* name : {"to", "to.part", "other.part"})
     EXPECT_FALSE(Exists(folder.File(name))) << name;
+}
+
+TEST(Velcopy, RefusesASecondSenderAndFinishesTheCopy) {
+  const test::TTemporaryFolder folder;
+  const std::string from = folder.File("from"), to = folder.File("to"),
+                    bytes = RandomBytes(32 << 20);
+  test::WriteFileBytes(from, bytes);
+  const std::string address = "shm:" + test::UniqueName("velcopy-");
+  TVelcopy receiver(folder, "receive " + address + " " + to);
+  ASSERT_TRUE(receiver.Says("waiting"));
+  const std::string send = "send " + address + " " + from + " --block 512";
+  TVelcopy sender(folder, send);
+  ASSERT_TRUE(sender.Says(" s left")) << sender.Output();
+  TVelcopy second(folder, send);
+  EXPECT_EQ(second.Wait(), 1u);
+  ExpectError(second, address + " is in use by another sender");
+  EXPECT_TRUE(Exists(to + ".part")) << "the copy was too short";
+  EXPECT_EQ(sender.Wait(), 0u) << sender.Output();
+  EXPECT_EQ(receiver.Wait(), 0u) << receiver.Output();
+  EXPECT_TRUE(test::ReadFileBytes(to) == bytes);
 }
 
 TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   const test::TTemporaryFolder folder;
-  const std::string from = folder.File("from"), to = folder.File("to");
-  {
-    const THandle file(
-        ::CreateFileA(from.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    ASSERT_EQ(::SetFilePointer(file.Get(), 1 << 30, nullptr, FILE_BEGIN), 1u << 30);
-    ASSERT_TRUE(::SetEndOfFile(file.Get()));
-  }
-  for (const bool killReceiver : {true, false}) {
-    const std::string address = "shm:" + test::UniqueName("velcopy-");
-    TVelcopy receiver(folder, "receive " + address + " " + to);
-    ASSERT_TRUE(receiver.Says("waiting"));
-    TVelcopy sender(folder, "send " + address + " " + from + " --block 4096");
-    ASSERT_TRUE(test::WaitUntil([&] { return SizeOf(to + ".part") > 0; }))
-        << receiver.Output() << sender.Output();
-    (killReceiver ? receiver : sender).Kill();
-    TVelcopy& survivor = killReceiver ? sender : receiver;
-    EXPECT_EQ(survivor.Wait(), 1u);
-    EXPECT_NE(
-        survivor.Output().find(killReceiver ? "velcopy: the receiver has been silent for 8 seconds"
-                                            : "velcopy: the sender has been silent for 8 seconds"),
-        std::string::npos)
-        << survivor.Output();
-    EXPECT_FALSE(Exists(to));
-    EXPECT_EQ(Exists(to + ".part"), killReceiver);  // the survivor cleans up; the killed can't
-  }
+  const std::string from = folder.File("from");
+  MakeHugeFile(from);
+  struct TCopy {
+    TCopy(const test::TTemporaryFolder& Folder, const std::string& From, const std::string& To)
+        : Receiver(Folder, "receive " + Address + " " + To) {
+      EXPECT_TRUE(Receiver.Says("waiting"));
+      Sender = std::make_unique<TVelcopy>(Folder, "send " + Address + " " + From + " --block 4096");
+      // Both print lines, as their output is no console.
+      EXPECT_TRUE(Receiver.Says(" s left")) << Receiver.Output();
+      EXPECT_TRUE(Sender->Says(" s left")) << Sender->Output();
+    }
+    const std::string Address = "shm:" + test::UniqueName("velcopy-");
+    TVelcopy Receiver;
+    std::unique_ptr<TVelcopy> Sender;
+  };
+  for (const char* name : {"a", "b"}) test::WriteFileBytes(folder.File(name), "good");
+  TCopy a(folder, from, folder.File("a"));
+  a.Receiver.Kill();
+  const ULONGLONG start = ::GetTickCount64();
+  TCopy b(folder, from, folder.File("b"));
+  b.Sender->Kill();
+  EXPECT_EQ(a.Sender->Wait(), 1u);
+  EXPECT_EQ(b.Receiver.Wait(), 1u);
+  // 8 seconds, and time for a machine with other work.
+  EXPECT_LT(::GetTickCount64() - start, 20'000u);
+  ExpectError(*a.Sender, "the receiver has not responded for 8 seconds");
+  ExpectError(b.Receiver, "the sender has not responded for 8 seconds");
+  for (const char* name : {"a", "b"})
+    EXPECT_EQ(test::ReadFileBytes(folder.File(name)), "good") << name;
+  EXPECT_TRUE(Exists(folder.File("a.part")));  // the killed can't clean up
+  EXPECT_FALSE(Exists(folder.File("b.part")));
 }
 
 }  // namespace
