@@ -17,7 +17,7 @@ struct TIntelHexBlock {
 };
 
 /// A memory image, such as a device's firmware, as one flat buffer, and its text form: Intel HEX
-/// with 32-bit linear addresses ("Hexadecimal Object File Format Specification", revision A, 1988,
+/// with 32-bit linear addresses (Intel's "Hexadecimal Object File Format", revision A, 1988,
 /// its I32HEX variant).
 ///
 /// The index in the buffer is the absolute address, so the image reaches from address 0 to its last
