@@ -30,7 +30,10 @@ constexpr const char* Usage =
     "block of 8 bytes\n"
     "          is encrypted on its own, and the size must be a multiple of 8\n"
     "\n"
-    "mac prints the 32-bit code as 8 hexadecimal digits.\n";
+    "mac prints a 32-bit authentication code after the imitation insert as 8 hexadecimal digits. "
+    "Other "
+    "programs that\n"
+    "chain the rounds without exchanging the halves come to other values.\n";
 
 struct TArguments {
   std::string Command;
@@ -38,18 +41,23 @@ struct TArguments {
   TStrings Files;
 };
 
+[[noreturn]] void WrongUsage(const std::string& Fault) {
+  throw Exception(Fault + "; velgost --help tells the usage");
+}
+
 TArguments Parse(int Count, char** Values) {
+  if (Count < 2) WrongUsage("No command");
   TArguments arguments{Values[1], {}, {}};
   for (int i = 2; i < Count; ++i) {
     const std::string value = Values[i];
     if (value.rfind("--", 0) != 0) {
       arguments.Files.push_back(value);
     } else if (value != "--key" && value != "--sbox" && value != "--iv") {
-      throw Exception("Unknown option " + value);
+      WrongUsage("Unknown option " + value);
     } else if (++i == Count) {
-      throw Exception(value + " needs a value");
+      WrongUsage(value + " needs a value");
     } else if (!arguments.Options.emplace(value, Values[i]).second) {
-      throw Exception(value + " is given twice");
+      WrongUsage(value + " is given twice");
     }
   }
   return arguments;
@@ -59,7 +67,7 @@ TArguments Parse(int Count, char** Values) {
 template <class T>
 void ReadHex(const TArguments& Arguments, const char* Option, T& Result) {
   const auto found = Arguments.Options.find(Option);
-  if (found == Arguments.Options.end()) throw Exception(std::string(Option) + " is missing");
+  if (found == Arguments.Options.end()) WrongUsage(std::string(Option) + " is missing");
   const std::string& text = found->second;
   uint8_t bytes[sizeof Result] = {};
   bool valid = text.size() == 2 * sizeof Result;
@@ -97,7 +105,7 @@ TStrings SplitWords(const std::vector<uint8_t>& Text) {
 
 TGostSubstitutionTable ReadTable(const TArguments& Arguments) {
   const auto found = Arguments.Options.find("--sbox");
-  if (found == Arguments.Options.end()) throw Exception("--sbox is missing");
+  if (found == Arguments.Options.end()) WrongUsage("--sbox is missing");
   TGostSubstitutionTable table;
   for (const auto& set : parameter_sets::All) {
     if (LowerCase(found->second) == set.Name && parameter_sets::ReadTable(set.Lines, table))
@@ -115,7 +123,7 @@ TGostSubstitutionTable ReadTable(const TArguments& Arguments) {
 
 void Crypt(const TArguments& Arguments, const TGostCryptor& Cryptor, bool Encrypt) {
   if (Arguments.Files.size() != 2)
-    throw Exception(Arguments.Command + " needs an input and an output file");
+    WrongUsage(Arguments.Command + " needs an input and an output file");
   const bool feedback = Arguments.Options.count("--iv") > 0;
   TGostCryptedBlock iv;
   if (feedback) ReadHex(Arguments, "--iv", iv);
@@ -133,8 +141,8 @@ void Crypt(const TArguments& Arguments, const TGostCryptor& Cryptor, bool Encryp
 }
 
 void PrintMAC(const TArguments& Arguments, const TGostCryptor& Cryptor) {
-  if (Arguments.Files.size() != 1) throw Exception("mac needs one input file");
-  if (Arguments.Options.count("--iv") > 0) throw Exception("mac takes no --iv");
+  if (Arguments.Files.size() != 1) WrongUsage("mac needs one input file");
+  if (Arguments.Options.count("--iv") > 0) WrongUsage("mac takes no --iv");
   const std::vector<uint8_t> data = example::ReadWholeFile(Arguments.Files[0]);
   std::printf("%08X\n", static_cast<unsigned>(
                             Cryptor.CalculateMAC(data.data(), static_cast<int32_t>(data.size()))));
@@ -143,7 +151,7 @@ void PrintMAC(const TArguments& Arguments, const TGostCryptor& Cryptor) {
 void Run(const TArguments& Arguments) {
   const std::string& command = Arguments.Command;
   if (command != "encrypt" && command != "decrypt" && command != "mac") {
-    throw Exception("Unknown command " + command);
+    WrongUsage("Unknown command " + command);
   }
   TGostCryptor cryptor;
   ReadHex(Arguments, "--key", cryptor.Key);
@@ -165,9 +173,9 @@ void PrintUsage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || std::strcmp(argv[1], "--help") == 0) {
+  if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
     PrintUsage();
-    return argc < 2 ? 1 : 0;
+    return 0;
   }
   try {
     Run(Parse(argc, argv));

@@ -6,7 +6,7 @@
 //
 // One line for each value, in the order of the options, file by file: the option's name, the value,
 // the file. Without an option: crc32 and md5. The file "-" is standard input. Exit code 1 when a
-// value could not be computed (the others still are), 2 when the command line is wrong.
+// value could not be computed (the others still are) or the command line is wrong.
 
 #include <algorithm>
 #include <cctype>
@@ -140,40 +140,55 @@ void Complain(const std::string& File, const char* Text) {
   std::fprintf(stderr, "velhash: %s: %s\n", File.c_str(), Text);
 }
 
+/// A value being computed for a file, and why that could not go on; the other values do.
+struct TRunning {
+  const TAlgorithm* Algorithm;
+  TSum Sum;
+  std::string Failure;
+
+  template <class TStep>
+  void Do(const TStep& Step) {
+    if (!Failure.empty()) return;
+    try {
+      Step();
+    } catch (const std::exception& e) {
+      Failure = e.what();
+    }
+  }
+};
+
+bool PrintSum(const std::string& File, TRunning& Running) {
+  const char* name = Running.Algorithm->Name.c_str();
+  std::string text;
+  Running.Do([&] { text = Running.Sum.Text(); });
+  if (!Running.Failure.empty()) {
+    Complain(File, Format("no %s value: %s", name, Running.Failure.c_str()).c_str());
+    return false;
+  }
+  std::printf("%s  %s  %s\n", name, text.c_str(), File.c_str());
+  return true;
+}
+
 /// Prints the values of one file. False, with a message, when one of them could not be computed.
 bool PrintSums(const std::string& File, const std::vector<const TAlgorithm*>& Chosen) {
-  struct TRunning {
-    const TAlgorithm* Algorithm;
-    TSum Sum;
-    std::string Failure;
-  };
   try {
     TInput input(File);
     std::vector<TRunning> sums;
     sums.reserve(Chosen.size());
-    for (const TAlgorithm* algorithm : Chosen) sums.push_back({algorithm, algorithm->Start(), {}});
+    for (const TAlgorithm* algorithm : Chosen) {
+      TRunning& running = sums.emplace_back(TRunning{algorithm, {}, {}});
+      running.Do([&] { running.Sum = algorithm->Start(); });
+    }
 
     std::vector<uint8_t> block(256 * 1024);
     while (const int32_t size = input.ReadBlock(block)) {
       for (TRunning& running : sums) {
-        try {
-          if (running.Failure.empty()) running.Sum.Update(block.data(), size);
-        } catch (const Exception& e) {
-          running.Failure = e.what();
-        }
+        running.Do([&] { running.Sum.Update(block.data(), size); });
       }
     }
 
     bool complete = true;
-    for (TRunning& running : sums) {
-      const char* name = running.Algorithm->Name.c_str();
-      if (running.Failure.empty()) {
-        std::printf("%s  %s  %s\n", name, running.Sum.Text().c_str(), File.c_str());
-        continue;
-      }
-      Complain(File, Format("no %s value: %s", name, running.Failure.c_str()).c_str());
-      complete = false;
-    }
+    for (TRunning& running : sums) complete = PrintSum(File, running) && complete;
     return complete;
   } catch (const std::exception& e) {
     Complain(File, e.what());
@@ -181,17 +196,24 @@ bool PrintSums(const std::string& File, const std::vector<const TAlgorithm*>& Ch
   }
 }
 
-int Usage() {
+void PrintUsage() {
   std::string names;
   for (const TAlgorithm& algorithm : Algorithms) names += " [--" + algorithm.Name + "]";
-  std::fprintf(stderr, "usage: velhash%s FILE...\nthe file \"-\" is standard input\n",
-               names.c_str());
-  return 2;
+  std::printf("usage: velhash%s FILE...\nthe file \"-\" is standard input\n", names.c_str());
+}
+
+int WrongUsage(const std::string& Fault) {
+  std::fprintf(stderr, "velhash: %s; velhash --help tells the usage\n", Fault.c_str());
+  return 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "--help") {
+    PrintUsage();
+    return 0;
+  }
   std::vector<const TAlgorithm*> chosen;
   std::vector<std::string> files;
   for (const std::string& argument : std::vector<std::string>(argv + 1, argv + argc)) {
@@ -200,13 +222,10 @@ int main(int argc, char** argv) {
       continue;
     }
     const TAlgorithm* algorithm = FindAlgorithm(argument.substr(2));
-    if (algorithm == nullptr) {
-      Complain(argument, "no such option");
-      return Usage();
-    }
+    if (algorithm == nullptr) return WrongUsage("no option " + argument);
     chosen.push_back(algorithm);
   }
-  if (files.empty()) return Usage();
+  if (files.empty()) return WrongUsage("no file given");
   if (chosen.empty()) chosen = {FindAlgorithm("crc32"), FindAlgorithm("md5")};
 
   bool complete = true;

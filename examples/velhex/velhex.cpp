@@ -30,7 +30,9 @@ void ToHex(const std::string& Input, const std::string& Output) {
   const std::vector<uint8_t> bytes = example::ReadWholeFile(Input);
   image.SetBufferSize(static_cast<uint32_t>(bytes.size()));
   if (!bytes.empty()) std::memcpy(image.GetBuffer(), bytes.data(), bytes.size());
-  example::ReplaceFile(Output, [&](const std::string& Temporary) { image.SaveToFile(Temporary); });
+  example::TOutputFile out(Output);
+  image.SaveToFile(out.GetTemporary());
+  out.Keep();
 }
 
 void PrintInfo(const std::string& Input) {
@@ -48,22 +50,25 @@ void PrintInfo(const std::string& Input) {
               static_cast<unsigned>(image.GetBufferSize()));
 }
 
-void Run(const std::string& Command, const std::vector<std::string>& Files) {
-  if (Command == "to-bin" && Files.size() == 2) return ToBinary(Files[0], Files[1]);
-  if (Command == "to-hex" && Files.size() == 2) return ToHex(Files[0], Files[1]);
-  if (Command == "info" && Files.size() == 1) return PrintInfo(Files[0]);
+void Run(const std::vector<std::string>& Arguments) {
+  const std::string command = Arguments.empty() ? "" : Arguments[0];
+  const std::vector<std::string> files(Arguments.begin() + (Arguments.empty() ? 0 : 1),
+                                       Arguments.end());
+  if (command == "to-bin" && files.size() == 2) return ToBinary(files[0], files[1]);
+  if (command == "to-hex" && files.size() == 2) return ToHex(files[0], files[1]);
+  if (command == "info" && files.size() == 1) return PrintInfo(files[0]);
   throw Exception("Unknown command or wrong number of files; velhex --help tells what there is");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || std::strcmp(argv[1], "--help") == 0) {
+  if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
     std::fputs(Usage, stdout);
-    return argc < 2 ? 1 : 0;
+    return 0;
   }
   try {
-    Run(argv[1], {argv + 2, argv + argc});
+    Run({argv + 1, argv + argc});
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "velhex: %s\n", e.what());

@@ -4,20 +4,24 @@
 //     velzip decompress IN OUT
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "examples/support/whole_file.hpp"
 #include "velox/codecs/velZLib.hpp"
 #include "velox/runtime/velFileStream.hpp"
 #include "velox/runtime/velFormat.hpp"
-#include "velox/runtime/velSystemMessage.hpp"
 #include "velox/runtime/velWindows.hpp"
 
 namespace {
 
 using namespace velox;
 
-constexpr const char* Usage = "usage: velzip compress [-1|-9] IN OUT, or velzip decompress IN OUT";
+constexpr const char* Usage =
+    "usage: velzip compress [-1|-9] IN OUT   -1: fastest, -9: smallest\n"
+    "       velzip decompress IN OUT\n";
+constexpr const char* WrongUsage = "wrong command line; velzip --help tells the right one";
 
 struct TCommand {
   bool Decompress = false;
@@ -66,41 +70,6 @@ class TProgressDisplay {
   int Shown_ = -1;
 };
 
-/// The output under a passing name until Keep() gives it its own; otherwise it is removed.
-class TOutputFile {
- public:
-  explicit TOutputFile(const std::string& Name) : Name_(Name), Temporary_(FindName(Name)) {
-    Stream_ = std::make_unique<TFileStream>(Temporary_, TFileMode::fmCreate);
-  }
-  ~TOutputFile() {
-    if (Kept_) return;
-    Stream_.reset();
-    ::DeleteFileA(Temporary_.c_str());
-  }
-
-  TStream& Stream() { return *Stream_; }
-
-  void Keep() {
-    Stream_.reset();
-    if (!::MoveFileExA(Temporary_.c_str(), Name_.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-      throw Exception(Format("Cannot create file \"%s\". %s", Name_.c_str(),
-                             SystemErrorMessage(::GetLastError()).c_str()));
-    }
-    Kept_ = true;
-  }
-
- private:
-  // In the same folder, so that moving it is a mere change of name.
-  static std::string FindName(const std::string& Name) {
-    return Name + Format(".%lu.part", ::GetCurrentProcessId());
-  }
-
-  std::string Name_;
-  std::string Temporary_;
-  std::unique_ptr<TFileStream> Stream_;
-  bool Kept_ = false;
-};
-
 void CopyAll(TStream& From, TStream& To) {
   std::vector<char> piece(65536);
   while (const int32_t count = From.Read(piece.data(), static_cast<int32_t>(piece.size()))) {
@@ -139,9 +108,11 @@ int64_t Convert(const TCommand& Command, TStream& Out) {
 }
 
 void Run(const TCommand& Command) {
-  TOutputFile out(Command.Out);
-  const int64_t sizeIn = Convert(Command, out.Stream());
-  const int64_t sizeOut = out.Stream().GetSize();
+  example::TOutputFile out(Command.Out);
+  auto stream = std::make_unique<TFileStream>(out.GetTemporary(), TFileMode::fmCreate);
+  const int64_t sizeIn = Convert(Command, *stream);
+  const int64_t sizeOut = stream->GetSize();
+  stream.reset();
   out.Keep();
   std::printf("%s: %lld bytes, %s: %lld bytes\n", Command.In.c_str(),
               static_cast<long long>(sizeIn), Command.Out.c_str(), static_cast<long long>(sizeOut));
@@ -150,14 +121,14 @@ void Run(const TCommand& Command) {
 TCommand Parse(std::vector<std::string> Arguments) {
   TCommand command;
   if (Arguments.empty() || (Arguments[0] != "compress" && Arguments[0] != "decompress"))
-    throw Exception(Usage);
+    throw Exception(WrongUsage);
   command.Decompress = Arguments[0] == "decompress";
   Arguments.erase(Arguments.begin());
   if (!command.Decompress && !Arguments.empty() && (Arguments[0] == "-1" || Arguments[0] == "-9")) {
     command.Level = Arguments[0] == "-1" ? TCompressionLevel::clFastest : TCompressionLevel::clMax;
     Arguments.erase(Arguments.begin());
   }
-  if (Arguments.size() != 2 || Arguments[0].starts_with('-')) throw Exception(Usage);
+  if (Arguments.size() != 2 || Arguments[0].starts_with('-')) throw Exception(WrongUsage);
   command.In = Arguments[0];
   command.Out = Arguments[1];
   return command;
@@ -166,6 +137,10 @@ TCommand Parse(std::vector<std::string> Arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "--help") {
+    std::fputs(Usage, stdout);
+    return 0;
+  }
   try {
     Run(Parse({argv + 1, argv + argc}));
     return 0;

@@ -188,6 +188,30 @@ TEST(CRC, ChecksDataThatEndsWithItsCRC) {
   EXPECT_FALSE(ChecksIntact(TCRC16::GetInstanceCITT(), 2));
 }
 
+/// The operations with the object's own running value, on data of every kind of length.
+template <class TOwn>
+void ExpectOwnValueChecks(TOwn&& Crc, int32_t Width) {
+  for (const int32_t size : {0, 1, 9, 16, 100}) {
+    SCOPED_TRACE(testing::Message() << 8 * Width << " bits, " << size << " bytes");
+    TBytes bytes = Pattern();
+    Crc.Update(Digits, 4);  // must not matter
+    const auto value = Crc.CalculateAndAppend(bytes.data(), size);
+    EXPECT_EQ(value, Crc.CalculateThreadSafe(bytes.data(), size));
+    EXPECT_EQ(value, Crc.GetCurrentCRC());
+    EXPECT_TRUE(Crc.Check(bytes.data(), size + Width));
+    EXPECT_FALSE(Crc.Check(bytes.data(), Width - 1));
+    bytes[static_cast<size_t>(size)] ^= 0x10;
+    EXPECT_FALSE(Crc.Check(bytes.data(), size + Width));
+  }
+}
+
+TEST(CRC, ChecksWithItsOwnRunningValue) {
+  ExpectOwnValueChecks(TCRC8(0x31, 0, true, true, 0), 1);
+  ExpectOwnValueChecks(TCRC16(0x8005, 0, true, true, 0), 2);
+  ExpectOwnValueChecks(TCRC32(), 4);
+  ExpectOwnValueChecks(TCRC64(0x42F0E1EBA9EA3693, ~0ull, false, false, ~0ull), 8);
+}
+
 TEST(CRC, ThreadSafeOperationsLeaveTheRunningValue) {
   TCRC16 crc(0x8005, 0, true, true, 0);
   crc.Update(Digits, 4);

@@ -140,6 +140,7 @@ TEST(IntelHex, LoadsRecords) {
        {":020000040001F9", ":0100000002FD", ":020000040000FA", ":0100000001FE"},
        {{0, {1}}, {0x10000, {2}}}},
       {"data beyond the end of its segment", {":03FFFF00010203F9"}, {{0xFFFF, {1, 2, 3}}}},
+      {"a record without bytes ends the image, too", {":00000200FE"}, {{0, {0xFF, 0xFF}}}},
       {"FF as data at the end",
        {":02000000"
         "01FF"

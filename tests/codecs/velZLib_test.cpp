@@ -62,7 +62,7 @@ class TTestStream : public TStream {
 
   int32_t Read(void* Buffer, int32_t Count) override {
     Blocks.push_back(Count);
-    if (Fail) throw EReadError("device");
+    if (Fail || Blocks.size() > FailAfter) throw EReadError("device");
     return Memory.Read(Buffer, std::min(Count, ReadLimit));
   }
   int32_t Write(const void* Buffer, int32_t Count) override {
@@ -80,6 +80,7 @@ class TTestStream : public TStream {
   int32_t ReadLimit = INT32_MAX;
   int64_t Base = 0;  // the position of the first byte
   bool Fail = false;
+  size_t FailAfter = SIZE_MAX;  // fails once this many blocks were asked for
   std::vector<int32_t> Blocks;  // what was asked for
 };
 
@@ -364,6 +365,30 @@ TEST(ZLib, ExceptionsOfTheWrappedStreamPassAndLoseNothing) {
 
   file.Fail = true;  // nothing comes out of the destructor
   { TCompressionStream lost(TCompressionLevel::clMax, file); }
+}
+
+TEST(ZLib, WhatCameBeforeTheSourceFailedIsCounted) {
+  const TBytes plain = Sample(300'000, true);
+  const TBytes packed = CompressBuf(plain.data(), Size(plain));
+  TTestStream file(packed);
+  file.FailAfter = 1;
+  TDecompressionStream unpacker(file);
+  TBytes got(plain.size());
+  ExpectRaises<EReadError>("device", [&] { unpacker.Read(got.data(), Size(got)); });
+  const auto came = static_cast<int32_t>(unpacker.Seek(0, TSeekOrigin::soCurrent));
+  EXPECT_GT(came, 0);
+  EXPECT_LT(came, Size(plain));
+  EXPECT_TRUE(std::equal(got.begin(), got.begin() + came, plain.begin()));
+  file.FailAfter = SIZE_MAX;
+  unpacker.ReadBuffer(got.data() + came, Size(got) - came);
+  EXPECT_TRUE(got == plain);
+}
+
+TEST(ZLib, DecompressBufIgnoresBytesBehindTheEnd) {
+  TBytes bytes = PythonFox;
+  bytes.insert(bytes.end(), {0x78, 0x9c, 9});
+  EXPECT_EQ(Text(DecompressBuf(bytes.data(), Size(bytes))), Fox);
+  EXPECT_EQ(Text(DecompressBuf(bytes.data(), Size(bytes), static_cast<int32_t>(Fox.size()))), Fox);
 }
 
 TEST(ZLib, AnExceptionOfTheProgressEventLeavesTheStreamUsable) {

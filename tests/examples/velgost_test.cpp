@@ -41,11 +41,11 @@ TEST(VelGost, EncryptsAndDecryptsFiles) {
                 .ExitCode,
             0);
   EXPECT_EQ(test::ReadFileBytes(in), Crypted.substr(0, 5));
+  // By the same Python program as the value in the cipher's own tests.
+  test::WriteFileBytes(in, "123456789");
   const auto mac = test::RunExample("velgost", {"mac", "--key", Key, "--sbox", "tc26-z", in});
   EXPECT_EQ(mac.ExitCode, 0);
-  ASSERT_EQ(mac.Lines.size(), 1u);
-  EXPECT_EQ(mac.Lines[0].find_first_not_of("0123456789ABCDEF"), std::string::npos);
-  EXPECT_EQ(mac.Lines[0].size(), 8u);
+  EXPECT_EQ(mac.Lines, TStrings{"2C6D1DD9"});
 }
 
 TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {

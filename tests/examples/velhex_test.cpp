@@ -31,6 +31,15 @@ TEST(VelHex, ConvertsBothWaysAndListsBlocks) {
             (TStrings{"00000000  1", "00010000  2", "2 blocks, 3 bytes, image of 65538 bytes"}));
 }
 
+TEST(VelHex, LeavesOtherPeoplesPartFilesAlone) {
+  const test::TTemporaryFolder folder;
+  const std::string out = folder.File("out.hex"), in = out + ".part";
+  test::WriteFileBytes(in, "a");
+  EXPECT_EQ(test::RunExample("velhex", {"to-hex", in, out}).ExitCode, 0);
+  EXPECT_EQ(test::ReadFileBytes(in), "a");
+  EXPECT_EQ(test::ReadFileBytes(out), ":01000000619E\r\n:00000001FF\r\n");
+}
+
 TEST(VelHex, RefusesInOneLineAndLeavesNoFile) {
   const test::TTemporaryFolder folder;
   const std::string in = folder.File("in.hex"), out = folder.File("out.bin");
@@ -54,6 +63,9 @@ TEST(VelHex, RefusesInOneLineAndLeavesNoFile) {
     EXPECT_EQ(run.Lines[0].rfind("velhex: ", 0), 0u) << run.Lines[0];
     EXPECT_TRUE(each.Line.empty() || run.Lines[0] == each.Line) << run.Lines[0];
   }
+  std::filesystem::create_directory(folder.File("folder"));
+  EXPECT_EQ(test::RunExample("velhex", {"to-hex", in, folder.File("folder")}).ExitCode, 1);
+  std::filesystem::remove(folder.File("folder"));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()),
                           std::filesystem::directory_iterator()),
             1);

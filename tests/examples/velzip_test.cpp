@@ -45,6 +45,8 @@ TEST(VelZip, BringsFilesBackAndLeavesNoneWhenItFails) {
   }
   EXPECT_EQ(VelZip(Format("decompress \"%s\" \"%s\"", out.c_str(), out.c_str())), 1u) << "no input";
   EXPECT_EQ(VelZip(Format("compress -7 \"%s\" \"%s\"", plain.c_str(), out.c_str())), 1u);
+  EXPECT_EQ(VelZip("--help"), 0u);
+  EXPECT_EQ(VelZip(""), 1u);
   EXPECT_EQ(CountFiles(folder.Path()), 2u) << "plain and packed";
 }
 

@@ -25,8 +25,8 @@ using TGostSubstitutionTable = std::array<TGostSubstitutionVector, 8>;
 
 /// The block cipher GOST 28147-89 (RFC 5830): 64-bit blocks, a 256-bit key, 32 rounds and a
 /// substitution table that the user chooses. It has the standard's simple replacement (each block
-/// on its own), its gamma with feedback, and its imitation insert, a 32-bit message authentication
-/// code.
+/// on its own), its gamma with feedback, and an authentication code of 32 bits after the
+/// imitation insert; see CalculateMAC about how it differs.
 ///
 /// A new object has an all-zero key and a table that replaces nothing: set both before real use.
 /// Key and table are wiped from memory when the object ends.
@@ -39,7 +39,7 @@ using TGostSubstitutionTable = std::array<TGostSubstitutionVector, 8>;
 ///     cryptor.CryptInCipherFeedbackMode(text.data(), size, iv, true);
 class VELOX_API TGostCryptor : public TObject {
  public:
-  /// The order in which the 32 rounds take the words of the key, 0 to 7. The imitation insert uses
+  /// The order in which the 32 rounds take the words of the key, 0 to 7. CalculateMAC uses
   /// the first 16 rounds of the encryption order.
   static constexpr uint8_t EncryptionKeyOrder[32] = {0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2,
                                                      3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5,
@@ -89,8 +89,9 @@ class VELOX_API TGostCryptor : public TObject {
   void CryptInCipherFeedbackMode(void* Data, int32_t Size, const TGostCryptedBlock& IV,
                                  bool Encrypt) const;
 
-  /// The imitation insert of Size bytes; a last part of a block counts as filled up with zeros, and
-  /// nothing at all gives 0. Raises Exception "Size incorrect" for a negative Size.
+  /// An authentication code, after the imitation insert, of Size bytes; a last part of a block
+  /// counts as filled up with zeros, and nothing at all gives 0. Raises Exception "Size incorrect"
+  /// for a negative Size.
   ///
   /// As TransformBlock does, each step exchanges the halves behind its 16 rounds. Programs that
   /// chain the rounds without that exchange (libgcrypt's GOST28147_IMIT is one) come to other

@@ -23,7 +23,8 @@
 ///
 ///     const uint16_t once = TCRC16::GetInstanceStandard()->CalculateThreadSafe(data, size);
 ///
-/// Sizes are bytes; a size below 1 feeds nothing. Data is borrowed for the call.
+/// Sizes are bytes; a size below 1 feeds nothing, unless said otherwise. Data is borrowed for the
+/// call.
 ///
 /// Threads: an object has one running value and is used by one thread at a time. The named
 /// instances (GetInstance…) belong to the library, live until it is unloaded, and are shared by the
@@ -244,7 +245,7 @@ class VELOX_API TChecksum32 : public TChecksum<uint32_t> {
 
 /// What TAdler32Checksum and TFletcherChecksum have in common: A adds up the little-endian words of
 /// the data and B the values of A, both modulo Modulus. The modulo is taken once after BlockSize
-/// bytes, which is as many as the 32 bits of B hold.
+/// bytes, few enough that the 32 bits of B hold their sums.
 template <std::unsigned_integral TWord, uint32_t Modulus, int32_t BlockSize>
 class TTwoSumChecksum : public TObject {
  public:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -22,9 +23,14 @@
 namespace velox {
 namespace {
 
+static_assert(std::endian::native == std::endian::little,
+              "addresses are swapped between the text's order and the processor's");
+
 constexpr uint8_t Nothing = 0xFF;
 constexpr uint32_t SegmentSize = 0x10000;
 constexpr uint32_t LargestSize = std::numeric_limits<int32_t>::max();
+// The most room that loading takes beyond what it needs at the moment.
+constexpr uint32_t LargestSpare = 16 << 20;
 // Fewer bytes of 0xFF than this between data are saved as data: a new record would cost more.
 constexpr uint32_t SplittingGap = 6;
 constexpr uint32_t BytesPerLine = 16;
@@ -148,8 +154,17 @@ void TIntelHex::SetBufferSize(uint32_t Size) {
 
 void TIntelHex::RequireBufferSize(uint64_t Size) {
   if (Size <= Buffer_.size()) return;
-  SetBufferSize(
-      static_cast<uint32_t>(std::min<uint64_t>(Size, std::numeric_limits<uint32_t>::max())));
+  if (Size > LargestSize) throw Exception(messages::seImageTooLarge);
+  // Doubling a large image could ask for twice the memory that it needs, so there the room grows by
+  // steps.
+  const uint64_t capacity = Buffer_.capacity();
+  const uint64_t roomy = std::min<uint64_t>({2 * capacity, capacity + LargestSpare, LargestSize});
+  try {
+    if (Size > capacity) Buffer_.reserve(static_cast<size_t>(std::max(Size, roomy)));
+  } catch (const std::exception&) {
+    throw EOutOfMemory();
+  }
+  SetBufferSize(static_cast<uint32_t>(Size));
 }
 
 void TIntelHex::ReadBuffer(int32_t Offset, int32_t Count, void* Dest) const noexcept {

@@ -57,7 +57,8 @@ class VELOX_API TIntelHex : public TObject {
   std::optional<TIntelHexBlock> FindBlock(uint32_t From) const noexcept;
 
   /// Replaces the image by the one these lines describe; it ends with its last byte of data. Blanks
-  /// around a line and empty lines don't matter, digits may be of either case. Where records
+  /// around a line and empty lines don't matter, a data record without bytes counts as an end all
+  /// the same, digits may be of either case. Where records
   /// overlap the later one stands. Lines behind the end-of-file record are ignored, and it may be
   /// missing. Records of type 5 (start address) are ignored, those of types 2 and 3 refused.
   ///
@@ -73,8 +74,8 @@ class VELOX_API TIntelHex : public TObject {
   /// counted from its start, without the bytes of 0xFF at either end; an extended address where the
   /// upper half of the address changes; the end-of-file record.
   void SaveToStrings(TStrings& Lines) const;
-  /// The same into a new file, with lines that end in CR LF. Raises EFCreateError, or EWriteError
-  /// after deleting what it had written.
+  /// The same into a file, with lines that end in CR LF; a file that exists is emptied first.
+  /// Raises EFCreateError, or EWriteError after deleting the file.
   void SaveToFile(const std::string& FileName) const;
 
   /// Turns a line into a record and returns its size in bytes. Record has room for half as many

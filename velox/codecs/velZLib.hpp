@@ -132,7 +132,8 @@ class VELOX_API TDecompressionStream : public TCustomZlibStream {
   /// Reads up to Count plain bytes; fewer when the compressed data or the source ends.
   /// GetComplete() tells these two apart. Raises ECompressionError (that class, though this is the
   /// other direction) "error" for damaged data and for data made with a preset dictionary; what the
-  /// source raises passes on.
+  /// source or OnProgress raises passes on. Bytes produced before are in Buffer then and count as
+  /// read: Seek(0, soCurrent) tells how many came, and reading goes on behind them.
   int32_t Read(void* Buffer, int32_t Count) override;
 
   /// Raises EDecompressionError "Invalid stream operation".
