@@ -142,7 +142,11 @@ const TThreadInfo* FindThread(const TProcessInfo& Process, DWORD Id) {
 struct TWaitingThread {
   explicit TWaitingThread(const char* Name)
       : Thread(TThreadFactory::GetInstance()->CreateThread(
-            Name, TThreadExecutionRoutine::Bind<&TWaitingThread::Execute>(this), nullptr, Id)) {}
+            Name, TThreadExecutionRoutine::Bind<&TWaitingThread::Execute>(this), nullptr, Id)) {
+    // It has its name from the moment it runs.
+    EXPECT_TRUE(
+        test::WaitUntil([&] { return TThreadFactory::GetInstance()->GetThreadName(Id) == Name; }));
+  }
   ~TWaitingThread() {
     ::SetEvent(Stop.Get());
     ::WaitForSingleObject(Thread.Get(), INFINITE);
