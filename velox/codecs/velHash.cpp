@@ -76,8 +76,8 @@ template <std::unsigned_integral TValue>
 void TCRC<TValue>::MakeSlices() noexcept {
   for (size_t i = 0; i < Table_.size(); ++i) {
     TValue r = Table_[i];
-    for (size_t position = Slices_.size(); position-- > 0;) {
-      Slices_[position][i] = InStreamOrder(r);
+    for (int32_t position = BlockSize - 1; position >= 0; --position) {
+      if (position < SizeOf<TWord>) Slices_[static_cast<size_t>(position)][i] = InStreamOrder(r);
       r = AfterByte(r, 0);
     }
   }
@@ -100,35 +100,38 @@ TValue TCRC<TValue>::AfterByte(TValue Value, uint8_t Byte) const noexcept {
   return static_cast<TValue>(Table_[(Value >> (Bits - 8) ^ Byte) & 0xFF] ^ Value << 4 << 4);
 }
 
-/// The register after Size bytes, a multiple of Step; in stream order before and after. Only the
-/// bytes that meet the register have to wait for the step before, so most look-ups of a step
-/// overlap with it.
+/// The register after the whole blocks of Data, all but the last one of which go through braids:
+/// the words at one place of the blocks are a message of their own, and so no look-up waits for
+/// those of the other braids. What the braids have come to belongs to the last block's words, whose
+/// bytes then make the register.
 template <std::unsigned_integral TValue>
-TValue TCRC<TValue>::AfterSteps(TValue Value, const uint8_t* Data, int32_t Size) const noexcept {
-  using TWord = std::conditional_t<sizeof(TValue) == 8, uint64_t, uint32_t>;
-  TWord r = Value;
-  for (; Size > 0; Size -= Step, Data += Step) {
-    TWord sum = 0;
-    for (int32_t at = Step - SizeOf<TWord>; at >= 0; at -= SizeOf<TWord>) {
-      auto word = LoadLittle<TWord>(Data + at);
-      if (at == 0) word ^= r;
-      const auto* slices = &Slices_[static_cast<size_t>(at)];
-      for (int32_t i = 0; i < SizeOf<TWord>; ++i) sum ^= slices[i][word >> 8 * i & 0xFF];
+TValue TCRC<TValue>::AfterBlocks(TValue Value, const uint8_t* Data, int32_t Blocks) const noexcept {
+  std::array<TWord, Braids> braids{InStreamOrder(Value)};
+  for (; Blocks > 1; --Blocks, Data += BlockSize) {
+    for (size_t k = 0; k < Braids; ++k) {
+      const auto word = braids[k] ^ LoadLittle<TWord>(Data + k * sizeof(TWord));
+      TWord sum = 0;
+      for (size_t i = 0; i < sizeof(TWord); ++i) sum ^= Slices_[i][word >> 8 * i & 0xFF];
+      braids[k] = sum;
     }
-    r = sum;
   }
-  return static_cast<TValue>(r);
+  TValue r = 0;
+  for (size_t k = 0; k < Braids; ++k) {
+    const auto word = braids[k] ^ LoadLittle<TWord>(Data + k * sizeof(TWord));
+    for (size_t i = 0; i < sizeof(TWord); ++i)
+      r = AfterByte(r, static_cast<uint8_t>(word >> 8 * i));
+  }
+  return r;
 }
 
 template <std::unsigned_integral TValue>
 void TCRC<TValue>::UpdateThreadSafe(const void* Data, int32_t Size, TValue& Value) const noexcept {
   const auto* next = static_cast<const uint8_t*>(Data);
   TValue r = Value;
-  if (Size >= Step) {
-    const int32_t whole = Size - Size % Step;
-    r = InStreamOrder(AfterSteps(InStreamOrder(r), next, whole));
-    next += whole;
-    Size -= whole;
+  if (Size >= 2 * BlockSize) {
+    r = AfterBlocks(r, next, Size / BlockSize);
+    next += Size - Size % BlockSize;
+    Size %= BlockSize;
   }
   for (; Size > 0; --Size) r = AfterByte(r, *next++);
   Value = r;
@@ -303,22 +306,30 @@ template class TChecksum<uint32_t>;
 
 template <std::unsigned_integral TWord, uint32_t Modulus, int32_t BlockSize>
 void TTwoSumChecksum<TWord, Modulus, BlockSize>::Update(const void* Data, int32_t Size) {
-  constexpr int32_t Unrolled = 16;  // words
+  constexpr int32_t Quarter = 4, Group = 4 * Quarter;  // words
   if (Size % SizeOf<TWord> != 0) throw Exception(messages::seSizeMustBeEven);
   const auto* next = static_cast<const uint8_t*>(Data);
   uint32_t a = A_, b = B_;
-  const auto add = [&next, &a, &b] {
-    a += LoadLittle<TWord>(next);
-    b += a;
-    next += sizeof(TWord);
+  // Sums four words apart from those before them, so that few additions wait for each other.
+  const auto addQuarter = [&next, &a, &b] {
+    uint32_t quarterA = 0, quarterB = 0;
+    for (int32_t i = 0; i < Quarter; ++i, next += sizeof(TWord)) {
+      quarterA += LoadLittle<TWord>(next);
+      quarterB += quarterA;
+    }
+    b += Quarter * a + quarterB;
+    a += quarterA;
   };
   while (Size > 0) {
     int32_t words = (Size < BlockSize ? Size : BlockSize) / SizeOf<TWord>;
     Size -= words * SizeOf<TWord>;
-    for (; words >= Unrolled; words -= Unrolled) {
-      for (int32_t i = 0; i < Unrolled; ++i) add();
+    for (; words >= Group; words -= Group) {
+      for (int32_t i = 0; i < Group; i += Quarter) addQuarter();
     }
-    for (; words > 0; --words) add();
+    for (; words > 0; --words, next += sizeof(TWord)) {
+      a += LoadLittle<TWord>(next);
+      b += a;
+    }
     a %= Modulus;
     b %= Modulus;
   }

@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "velox/runtime/velException.hpp"
@@ -25,6 +26,19 @@ int32_t IntegerAt(const void* Address) noexcept {
 
 int32_t Difference(int32_t A, int32_t B) noexcept {
   return static_cast<int32_t>(static_cast<uint32_t>(A) - static_cast<uint32_t>(B));
+}
+
+/// Calls Action with Size. Most keys and data are one or two words long: Action is compiled for
+/// these sizes, so that copying them is an instruction and no call.
+template <class TAction>
+void WithSize(int32_t Size, TAction Action) {
+  if (Size == 4) return Action(std::integral_constant<size_t, 4>());
+  if (Size == 8) return Action(std::integral_constant<size_t, 8>());
+  if (Size > 0) Action(static_cast<size_t>(Size));
+}
+
+void Copy(void* To, const void* From, int32_t Size) {
+  WithSize(Size, [=](auto bytes) { std::memmove(To, From, bytes); });
 }
 
 constexpr TAVLTreeCompareRoutine ByInteger =
@@ -125,10 +139,10 @@ void TAVLTree::Add_KeyNotFound(TAVLTreeNode*& Link, TSearchContext& Context) {
                         static_cast<uint32_t>(DataSize_);
   if (size > PTRDIFF_MAX) throw EOutOfMemory();
   void* const memory = ::operator new(static_cast<size_t>(size));
-  std::memset(memory, 0, static_cast<size_t>(size));
   std::unique_ptr<TAVLTreeNode, TNodeDeleter> node(new (memory) TAVLTreeNode{});
-  if (KeySize_ > 0)
-    std::memcpy(GetKeyPointer(node.get()), Context.Key, static_cast<size_t>(KeySize_));
+  Copy(GetKeyPointer(node.get()), Context.Key, KeySize_);
+  void* const data = GetDataPointer(node.get());
+  WithSize(DataSize_, [data](auto bytes) { std::memset(data, 0, bytes); });
   StoreData(node.get(), Context.Data);
   Link = node.release();
   Context.Iteration = &AddStep;
@@ -169,8 +183,8 @@ void TAVLTree::ReplaceByMinimum(TAVLTreeNode*& Link, TSearchContext& Context) {
   TAVLTreeNode** link = &node->Right;
   for (; (*link)->Left != nullptr; link = &(*link)->Left) path.Down(link, -1);
   TAVLTreeNode* const minimum = *link;
-  std::memcpy(GetKeyPointer(node), GetKeyPointer(minimum),
-              static_cast<size_t>(KeySize_) + static_cast<size_t>(DataSize_));
+  Copy(GetKeyPointer(node), GetKeyPointer(minimum), KeySize_);
+  Copy(GetDataPointer(node), GetDataPointer(minimum), DataSize_);
   *link = minimum->Right;
   TNodeDeleter()(minimum);
   path.Up(Context);
@@ -204,7 +218,7 @@ TAVLTreeNode* TAVLTree::Rotate(TAVLTreeNode* Node, int32_t Side) noexcept {
 bool TAVLTree::Search(const void* Key, void* Data) const {
   TAVLTreeNode* const node = Find(Key);
   if (node == nullptr) return false;
-  if (DataSize_ > 0) std::memcpy(Data, GetDataPointer(node), static_cast<size_t>(DataSize_));
+  Copy(Data, GetDataPointer(node), DataSize_);
   return true;
 }
 
@@ -240,7 +254,7 @@ void TAVLTree::Pass(TAVLTreeNode* Node, int32_t First, const TAVLIterationRoutin
 }
 
 void TAVLTree::StoreData(TAVLTreeNode* Node, const void* Data) {
-  if (DataSize_ > 0) std::memmove(GetDataPointer(Node), Data, static_cast<size_t>(DataSize_));
+  Copy(GetDataPointer(Node), Data, DataSize_);
 }
 
 void TAVLTree::ReleaseData(TAVLTreeNode*) {}

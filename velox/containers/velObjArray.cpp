@@ -96,7 +96,7 @@ bool TObjectArray::FindItem(TObject* AObject, int32_t& Index) {
   if (high < 0) return Remember(AObject, Index = 0, false);
   while (low < high) {
     const int32_t middle = Middle(low, high);
-    const int32_t order = CompareRoutine(AObject, GetItems(middle));
+    const int32_t order = CompareRoutine(AObject, Items_[static_cast<size_t>(middle)]);
     if (order == 0) {
       Index = middle;
       return true;  // the last lookup stays remembered
@@ -107,7 +107,7 @@ bool TObjectArray::FindItem(TObject* AObject, int32_t& Index) {
       low = middle + 1;
     }
   }
-  const int32_t order = CompareRoutine(AObject, GetItems(low));
+  const int32_t order = CompareRoutine(AObject, Items_[static_cast<size_t>(low)]);
   Index = order > 0 ? low + 1 : low;
   return Remember(AObject, Index, order == 0);
 }
