@@ -52,23 +52,20 @@ struct TAVLTree::TNodeDeleter {
 
 /// The links from the first one down to where a search has come.
 struct TAVLTree::TPath {
-  struct TStep {
-    TAVLTreeNode** Link;
-    int32_t Direction;
-  };
+  void Down(TAVLTreeNode** Link) noexcept { Links[Depth++] = Link; }
 
-  void Down(TAVLTreeNode** Link, int32_t Direction) noexcept { Steps[Depth++] = {Link, Direction}; }
-
-  /// Goes back up, as long as there is something to do there. A step changes what hangs below its
-  /// own link only, so the links above stay where they are.
-  void Up(TSearchContext& Context) {
+  /// Goes back up from Below, the link that the last of these led to, as long as there is something
+  /// to do there. A step changes what hangs below its own link only, so the links above stay where
+  /// they are.
+  void Up(TAVLTreeNode** Below, TSearchContext& Context) {
     while (Depth > 0 && Context.Iteration != nullptr) {
-      --Depth;
-      Context.Iteration(*Steps[Depth].Link, Steps[Depth].Direction, Context);
+      TAVLTreeNode** const link = Links[--Depth];
+      Context.Iteration(*link, Below == &(*link)->Left ? -1 : 1, Context);
+      Below = link;
     }
   }
 
-  TStep Steps[MaximalHeight];
+  TAVLTreeNode** Links[MaximalHeight];
   int Depth = 0;
 };
 
@@ -86,17 +83,15 @@ int32_t TAVLTree::CompareIntegers(const void* Key1, const void* Key2) noexcept {
 }
 
 /// Goes from the root toward Key: gives the link that holds its node, or the empty one where it
-/// belongs, and whether it was found. Visit sees each link that is left behind, and the direction
-/// taken there.
+/// belongs, and whether it was found. Visit sees each link that is left behind.
 template <class TVisit, class TCompare>
 std::pair<TAVLTreeNode**, bool> TAVLTree::Descend(const void* Key, TVisit Visit, TCompare Compare) {
   TAVLTreeNode** link = &Root_;
   while (TAVLTreeNode* const node = *link) {
     const int32_t order = Compare(Key, GetKeyPointer(node));
     if (order == 0) return {link, true};
-    const int32_t direction = order < 0 ? -1 : 1;
-    Visit(link, direction);
-    link = &GetNodeLink(node, direction);
+    Visit(link);
+    link = &GetNodeLink(node, order < 0 ? -1 : 1);
   }
   return {link, false};
 }
@@ -112,16 +107,16 @@ std::pair<TAVLTreeNode**, bool> TAVLTree::Descend(const void* Key, TVisit Visit)
 
 void TAVLTree::InternalSearchEx(TSearchContext& Context) {
   TPath path;
-  const auto [link, found] = Descend(
-      Context.Key, [&path](TAVLTreeNode** Link, int32_t Direction) { path.Down(Link, Direction); });
+  const auto [link, found] =
+      Descend(Context.Key, [&path](TAVLTreeNode** Link) { path.Down(Link); });
   Context.Found = found;
   const auto handler = found ? Context.KeyFound : Context.KeyNotFound;
   if (handler != nullptr) (this->*handler)(*link, Context);
-  path.Up(Context);
+  path.Up(link, Context);
 }
 
 TAVLTreeNode* TAVLTree::Find(const void* Key) const {
-  return *const_cast<TAVLTree*>(this)->Descend(Key, [](TAVLTreeNode**, int32_t) {}).first;
+  return *const_cast<TAVLTree*>(this)->Descend(Key, [](TAVLTreeNode**) {}).first;
 }
 
 void TAVLTree::Add(const void* Key, const void* Data) {
@@ -179,15 +174,15 @@ void TAVLTree::Remove_KeyFound(TAVLTreeNode*& Link, TSearchContext& Context) {
 void TAVLTree::ReplaceByMinimum(TAVLTreeNode*& Link, TSearchContext& Context) {
   TAVLTreeNode* const node = Link;
   TPath path;
-  path.Down(&Link, 1);
+  path.Down(&Link);
   TAVLTreeNode** link = &node->Right;
-  for (; (*link)->Left != nullptr; link = &(*link)->Left) path.Down(link, -1);
+  for (; (*link)->Left != nullptr; link = &(*link)->Left) path.Down(link);
   TAVLTreeNode* const minimum = *link;
   Copy(GetKeyPointer(node), GetKeyPointer(minimum), KeySize_);
   Copy(GetDataPointer(node), GetDataPointer(minimum), DataSize_);
   *link = minimum->Right;
   TNodeDeleter()(minimum);
-  path.Up(Context);
+  path.Up(link, Context);
 }
 
 void TAVLTree::RemoveStep(TAVLTreeNode*& Link, int32_t Direction, TSearchContext& Context) {
