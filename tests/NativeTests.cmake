@@ -7,6 +7,8 @@ set(VELOX_NATIVE_TESTS
   containers/velCyclicBuffer_test.cpp
   containers/velObjArray_test.cpp
   foundation/velSysUtils_memory_test.cpp
+  channels/velIPIterator_test.cpp
+  foundation/velStringUtils_test.cpp
   codecs/velGostCryptor_test.cpp
   codecs/velIntelHex_test.cpp
   native/velGostCryptor_libgcrypt_test.cpp

@@ -80,4 +80,11 @@ inline constexpr const char* seChannelIsNotActive =
 inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
 inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
+// Lists of addresses.
+inline constexpr const char* seInvalidAddress = "Invalid address \"%s\"";
+inline constexpr const char* seNotTheSameNet =
+    "Addresses in range \"%s\" are not within the same net";
+inline constexpr const char* seInvalidAddressMask = "Invalid address mask \"%s\"";
+inline constexpr const char* seInvalidSubnetMask = "Invalid subnet mask \"%s\"";
+
 }  // namespace velox::messages

@@ -1,0 +1,143 @@
+#include "velox/channels/velIPIterator.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <string>
+
+#include "velox/foundation/velStringUtils.hpp"
+#include "velox/runtime/velFormat.hpp"
+
+namespace velox {
+namespace {
+
+std::string Expand(const std::string& List) {
+  std::string result;
+  auto add = [&result](TObject*, const std::string& Address, bool&) {
+    result = StrAddTail(result, " ", Address);
+  };
+  TIPAddressIterator iterator;
+  iterator.SetEnumRoutine(TIPAddressEnumRoutine::To(add));
+  try {
+    iterator.SetAddresses(List);
+  } catch (const Exception& e) {
+    return e.what();
+  }
+  iterator.Enumerate();
+  return result;
+}
+
+/// First and last address, and how many.
+std::string Summary(const std::string& List) {
+  const TStrings all = StrGetTokens(Expand(List), " ", false, false);
+  return all.front() + " " + all.back() + " " + std::to_string(all.size());
+}
+
+TEST(IPIterator, ExpandsAndRefuses) {
+  const struct {
+    const char* List;
+    const char* Result;
+  } cases[] = {
+      {"10.0.0.9-10.0.0.7", "10.0.0.7 10.0.0.8 10.0.0.9"},
+      {" 10.0.0.1 , 10.0.0.2 ", "10.0.0.1 10.0.0.2"},
+      {"10.0.0.1,", "10.0.0.1"},
+      {"", ""},
+      {"10.0.0.6;255.255.255.252", "10.0.0.5 10.0.0.6"},
+      {"192.168.1.254-192.168.1.255", "192.168.1.254"},
+      {"10.255.255.254-10.255.255.255", "10.255.255.254"},
+      {"10.0.0.1;255.255.255.254", ""},
+      {"10.0.0.2, 10.0.0.1-10.0.0.3, 10.0.0.4", "10.0.0.2 10.0.0.1 10.0.0.3 10.0.0.4"},
+      {"0xA.0.0.010", "10.0.0.8"},
+      {"10.0.0.0;255.255.255.0", "Invalid subnet mask \"255.255.255.0\""},
+      {"10.0.0.1; 255.0.255.0", "Invalid subnet mask \"255.0.255.0\""},
+      {"10.0.0.1;0.0.0.0", "Invalid subnet mask \"0.0.0.0\""},
+      {"10.0.0.1-11.0.0.1", "Addresses in range \"10.0.0.1-11.0.0.1\" are not within the same net"},
+      {"127.0.0.1", "Invalid address \"127.0.0.1\""},
+      {" 224.0.0.1", "Invalid address \"224.0.0.1\""},
+      {"10.0.0.1,,10.0.0.2", "Invalid address \"\""},
+      {"10.0.0.256", "Invalid address \"10.0.0.256\""},
+      {"10.0.0.1.2", "Invalid address \"10.0.0.1.2\""},
+      {"10.0.0.1-host", "Invalid address \"host\""},
+      {"10.0.0.1, 10.*.*", "Invalid address mask \" 10.*.*\""},
+      {"127.0.0.*", "Invalid address mask \"127.0.0.*\""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Expand(c.List), c.Result) << c.List;
+  EXPECT_EQ(Summary("192.168.1.*"), "192.168.1.1 192.168.1.254 254");
+  EXPECT_EQ(Summary("10.0.0.5;255.255.255.0"), "10.0.0.1 10.0.0.254 254");
+  EXPECT_EQ(Summary("192.168.1.10, 192.168.1.*"), "192.168.1.10 192.168.1.254 254");
+}
+
+TEST(IPIterator, EachAddressOnceAsAWalkOverAllRangesFindsIt) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 50; ++round) {
+    TIPAddressIterator iterator;
+    std::string list;
+    for (int i = 0; i < 6; ++i) {
+      list = StrAddTail(list, ",",
+                        Format("10.0.%d.%d-10.0.%d.%d", static_cast<int>(random() % 3),
+                               static_cast<int>(random() % 256), static_cast<int>(random() % 3),
+                               static_cast<int>(random() % 256)));
+    }
+    iterator.SetAddresses(list);
+    std::string expected;
+    std::set<uint32_t> seen;
+    for (int32_t i = 0; i < iterator.GetRanges().GetCount(); ++i) {
+      const auto* range = static_cast<TIPAddressRange*>(iterator.GetRanges().GetItems(i));
+      for (uint32_t a = range->GetLow(); a <= range->GetHigh(); ++a) {
+        if (!TIPAddressIterator::IsAddressValid(a) || !seen.insert(a).second) continue;
+        expected = StrAddTail(expected, " ",
+                              Format("%u.%u.%u.%u", a >> 24, a >> 16 & 255, a >> 8 & 255, a & 255));
+      }
+    }
+    ASSERT_EQ(Expand(list), expected) << list;
+  }
+}
+
+TEST(IPIterator, RoutineStopsAndCannotChangeTheList) {
+  TIPAddressIterator iterator;
+  EXPECT_THROW(iterator.Enumerate(), EAssertionFailed);
+  int calls = 0;
+  auto third = [&](TObject* Sender, const std::string&, bool& Stop) {
+    EXPECT_EQ(Sender, &iterator);
+    iterator.SetAddresses("10.0.0.1");
+    iterator.SetEnumRoutine(nullptr);
+    Stop = ++calls == 3;
+  };
+  iterator.SetEnumRoutine(TIPAddressEnumRoutine::To(third));
+  iterator.SetAddresses("192.168.1.*");
+  iterator.Enumerate();
+  EXPECT_EQ(calls, 3);
+  EXPECT_EQ(iterator.GetAddresses(), "192.168.1.*");
+
+  auto fail = [](TObject*, const std::string&, bool&) { throw Exception("enough"); };
+  iterator.SetEnumRoutine(TIPAddressEnumRoutine::To(fail));
+  EXPECT_THROW(iterator.Enumerate(), Exception);
+  EXPECT_FALSE(iterator.GetEnumerating());
+  EXPECT_THROW(iterator.SetAddresses("10.0.0.1, bad, 10.0.0.2"), Exception);
+  EXPECT_EQ(iterator.GetRanges().GetCount(), 1);
+}
+
+TEST(IPIterator, ClassesAndMasks) {
+  const struct {
+    uint32_t Address;
+    int32_t Class;
+    uint32_t Mask;
+    bool Valid;
+  } cases[] = {
+      {0x00000001, 0, 0xFFFFFFFF, false}, {0x01000000, 1, 0xFF000000, false},
+      {0x7EFFFFFE, 1, 0xFF000000, true},  {0x7F000001, 0, 0xFFFFFFFF, false},
+      {0x8000FFFF, 2, 0xFFFF0000, false}, {0xBFFF0001, 2, 0xFFFF0000, true},
+      {0xC0000001, 3, 0xFFFFFF00, true},  {0xDFFFFFFF, 3, 0xFFFFFF00, false},
+      {0xE0000001, 0, 0xFFFFFFFF, false}, {0xFFFFFFFF, 0, 0xFFFFFFFF, false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(TIPAddressIterator::GetNetClass(c.Address), c.Class) << c.Address;
+    EXPECT_EQ(TIPAddressIterator::GetNetMask(c.Address), c.Mask) << c.Address;
+    EXPECT_EQ(TIPAddressIterator::IsAddressValid(c.Address), c.Valid) << c.Address;
+  }
+}
+
+}  // namespace
+}  // namespace velox
