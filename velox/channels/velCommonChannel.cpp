@@ -217,25 +217,54 @@ size_t QueueIndex(TOperationKind Kind) {
   return index;
 }
 
+struct TForWriting {
+  explicit TForWriting(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockExclusive(&Lock); }
+  ~TForWriting() { ::ReleaseSRWLockExclusive(&Lock); }
+  SRWLOCK& Lock;
+};
+
+struct TForReading {
+  explicit TForReading(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockShared(&Lock); }
+  ~TForReading() { ::ReleaseSRWLockShared(&Lock); }
+  SRWLOCK& Lock;
+};
+
 }  // namespace
 
 TOperationQueue* TChannel::GetOperationQueues(TOperationKind Kind) const {
-  return OperationQueues_[QueueIndex(Kind)];
+  return ReferTo(Kind).Queue;
 }
 
 void TChannel::SetOperationQueues(TOperationKind Kind, TOperationQueue* Queue) {
-  OperationQueues_[QueueIndex(Kind)] = Queue;
+  TOperationQueue*& slot = OperationQueues_[QueueIndex(Kind)];
+  const TForWriting guard(QueuesLock_);
+  slot = Queue;
+}
+
+void TChannel::DestroyQueue(TOperationKind Kind) noexcept {
+  TOperationQueue* const queue = OperationQueues_[QueueIndex(Kind)];
+  if (queue == nullptr) return;
+  queue->Close();
+  SetOperationQueues(Kind, nullptr);
+  delete queue;
+}
+
+TQueueReference TChannel::ReferTo(TOperationKind Kind) const {
+  TOperationQueue* const& slot = OperationQueues_[QueueIndex(Kind)];
+  const TForReading guard(QueuesLock_);
+  if (slot == nullptr) return {};
+  return {slot, slot->Shared_};
 }
 
 void TChannel::AddOperation(TTransferOperation& Operation) {
-  TOperationQueue* queue = GetOperationQueues(Operation.GetKind());
-  if (queue == nullptr) throw Exception(messages::seChannelIsNotActive);
-  queue->AddOperation(Operation);
+  const TQueueReference queue = ReferTo(Operation.GetKind());
+  if (queue.Queue == nullptr) throw Exception(messages::seChannelIsNotActive);
+  TOperationQueue::AddOperation(queue, Operation);
 }
 
 void TChannel::DeleteOperation(TTransferOperation& Operation) {
-  TOperationQueue* queue = GetOperationQueues(Operation.GetKind());
-  if (queue != nullptr) queue->CancelOperation(Operation);
+  const TQueueReference queue = ReferTo(Operation.GetKind());
+  if (queue.Queue != nullptr) TOperationQueue::CancelOperation(queue, Operation);
 }
 
 }  // namespace velox

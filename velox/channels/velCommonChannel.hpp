@@ -201,6 +201,14 @@ class VELOX_API TTransferOperation : public TObject {
   bool* Destroyed_ = nullptr;
 };
 
+/// A queue that may be destroyed meanwhile, and the part of it that is not. For channels and queues
+/// themselves.
+struct TQueueShared;
+struct TQueueReference {
+  TOperationQueue* Queue = nullptr;
+  std::shared_ptr<TQueueShared> Shared;
+};
+
 /// The base of all channels: two queues, the on/off switch, and the figures that timeouts are
 /// computed from.
 ///
@@ -247,8 +255,8 @@ class VELOX_API TChannel : public TObject {
   std::unique_ptr<TTransferOperation> CreateOperation();
 
   /// The queue of a kind; null when the channel has none now. The setter does not free the queue it
-  /// replaces. For concrete channels. Raises Exception "Incorrect parameters" for no kind (its
-  /// highest bit is ignored).
+  /// replaces. For concrete channels; any thread may activate and cancel operations meanwhile.
+  /// Raises Exception "Incorrect parameters" for no kind (its highest bit is ignored).
   TOperationQueue* GetOperationQueues(TOperationKind Kind) const;
   void SetOperationQueues(TOperationKind Kind, TOperationQueue* Queue);
 
@@ -269,12 +277,19 @@ class VELOX_API TChannel : public TObject {
   /// while it still can be called.
   void Close() noexcept;
 
+  /// For channels whose queues live no longer than one activation: completes what is queued,
+  /// empties the slot and destroys the queue. Operations that other threads are just activating or
+  /// cancelling find it gone. Exceptions of handlers go to the trace log.
+  void DestroyQueue(TOperationKind Kind) noexcept;
+
  private:
   friend class TTransferOperation;
   void AddOperation(TTransferOperation& Operation);
   void DeleteOperation(TTransferOperation& Operation);
+  TQueueReference ReferTo(TOperationKind Kind) const;
 
   std::atomic<bool> Active_ = false;
+  mutable SRWLOCK QueuesLock_ = SRWLOCK_INIT;  // guards the next
   std::array<TOperationQueue*, 2> OperationQueues_{};
   std::atomic<int32_t> Latence_ = 0;
   std::atomic<int32_t> Bandwidth_ = 0;
@@ -366,9 +381,26 @@ class VELOX_API TOperationQueue : public TObject {
   void ExecuteOperationProcess(std::initializer_list<TProcessOperationsProcedure> Procedures,
                                TObject* Parameter);
 
+  /// The same for the end of a chunk, without parameter; then goes on carrying for as long as
+  /// handlers add operations, so that these need no signal through the system.
+  void RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures);
+
+  /// Procedures for it. The transfer loop: books the pending chunk, starts the next ones. The same
+  /// unless a chunk is pending. Taking out the operation that is the parameter.
+  void TransferOperationData(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                             TObject* AParameter);
+  void TransferOperationDataWhenIdle(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                                     TObject* AParameter);
+  void TerminateOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
+
+  /// Milliseconds allowed for a chunk of Size bytes of the operation.
+  int32_t GetChunkTimeout(const TTransferOperation& Operation, int32_t Size) const;
+
  private:
   friend class TTransferOperation;
-  struct TShared;
+  friend class TChannel;
+  using TShared = TQueueShared;
+  using TReference = TQueueReference;
   struct TStep;
   struct TTurn;
   class TBatch;
@@ -376,15 +408,14 @@ class VELOX_API TOperationQueue : public TObject {
   // Reactions.
   void DoOperationQueueChangedAsync(TObject* Sender);
   void DoOperationTimeout(TObject* Sender);
-  void RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures);
 
-  // Procedures. TerminateOperation takes the operation, TerminateOperationByIndex the index as its
-  // parameter.
-  void TransferOperationData(int32_t& ACompletedIndex, int32_t& ACompletedCount,
-                             TObject* AParameter);
-  void TransferOperationDataWhenIdle(int32_t& ACompletedIndex, int32_t& ACompletedCount,
-                                     TObject* AParameter);
-  void TerminateOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
+  static void AddOperation(const TReference& Target, TTransferOperation& Operation);
+  static void CancelOperation(const TReference& Target, TTransferOperation& Operation);
+  static void Execute(const TReference& Target,
+                      std::initializer_list<TProcessOperationsProcedure> Procedures,
+                      TObject* Parameter);
+
+  // Procedures. TerminateOperationByIndex takes the index as its parameter.
   void TerminateOperationByIndex(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                  TObject* AParameter);
   void TerminateTimedOutOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,

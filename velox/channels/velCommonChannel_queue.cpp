@@ -32,7 +32,7 @@ constexpr int MaximalRounds = 32;
 }  // namespace
 
 // What outlives the queue while somebody is still at work with it.
-struct TOperationQueue::TShared {
+struct TQueueShared {
   // A word of signals: how many came since it was last cleared (low half), and how often it was
   // cleared (high half), so that a run with old knowledge can't clear what came later.
   static constexpr uint64_t OneClearing = uint64_t{1} << 32;
@@ -54,6 +54,7 @@ struct TOperationQueue::TShared {
   /// system.
   std::atomic<uint64_t> Signals{0};
   std::atomic<bool> Closed{false};  // set under Lock, for good
+  bool Gone = false;                // guarded by Lock: the queue is being destroyed
 };
 
 // One reaction run. Signals that come during the run are taken by the run itself.
@@ -92,10 +93,12 @@ struct TOperationQueue::TTurn {
 // destroy the queue, that is, start another step inside this one, which then has to correct what
 // this one knows.
 struct TOperationQueue::TStep {
-  explicit TStep(TOperationQueue& AQueue)
-      : Queue(AQueue), Guard(AQueue.Shared_->Lock), Outer(std::exchange(AQueue.Step_, this)) {}
+  explicit TStep(const TReference& Target)
+      : Queue(Target.Queue), Guard(Target.Shared->Lock), QueueDestroyed(Target.Shared->Gone) {
+    if (!QueueDestroyed) Outer = std::exchange(Queue->Step_, this);
+  }
   ~TStep() {
-    if (!QueueDestroyed) Queue.Step_ = Outer;
+    if (!QueueDestroyed) Queue->Step_ = Outer;
   }
 
   /// The operation at this position has left the queue.
@@ -109,14 +112,14 @@ struct TOperationQueue::TStep {
     }
   }
 
-  TOperationQueue& Queue;
+  TOperationQueue* Queue;
   std::unique_lock<TCriticalSection> Guard;
-  TStep* Outer;
+  TStep* Outer = nullptr;
   int32_t Index = 0;
   int32_t Count = 0;
   bool CurrentRemoved = false;  // the one behind those finished
   bool Transferring = false;
-  bool QueueDestroyed = false;
+  bool QueueDestroyed;
 };
 
 // Operations that have left their queue and wait, on one thread's stack, for their OnComplete. All
@@ -262,6 +265,7 @@ void TOperationQueue::Close() noexcept {
       step->Guard.unlock();
     }
     Step_ = nullptr;
+    Shared_->Gone = true;
   }
   TimeoutReaction_.reset();
   QueueChangedReaction_.reset();
@@ -284,30 +288,40 @@ int32_t TOperationQueue::GetOperationIndex(const TTransferOperation& Operation) 
 }
 
 void TOperationQueue::AddOperation(TTransferOperation& Operation) {
-  // Once the lock is released, the operation may complete, and its events may destroy the queue.
-  const std::shared_ptr<TShared> shared = Shared_;
+  AddOperation({this, Shared_}, Operation);
+}
+
+// Once the lock is released, the operation may complete, and its events may destroy the queue.
+void TOperationQueue::AddOperation(const TReference& Target, TTransferOperation& Operation) {
   {
-    const std::scoped_lock guard(shared->Lock);
+    const std::scoped_lock guard(Target.Shared->Lock);
     // The channel becomes inactive before its queues are emptied, so nothing slips in behind that.
-    if (shared->Closed || !Channel_.GetActive()) throw Exception(messages::seChannelIsNotActive);
-    const size_t count = Operations_.size();
-    if (count == Operations_.capacity()) Operations_.reserve(count * 11 / 10 + 10);
-    Operations_.push_back(&Operation);
+    if (Target.Shared->Closed || !Target.Queue->Channel_.GetActive())
+      throw Exception(messages::seChannelIsNotActive);
+    std::vector<TTransferOperation*>& operations = Target.Queue->Operations_;
+    const size_t count = operations.size();
+    if (count == operations.capacity()) operations.reserve(count * 11 / 10 + 10);
+    operations.push_back(&Operation);
     ++Operation.Activations_;
     Operation.State_ = TOperationState::osPending;
     Operation.Active_ = true;
   }
-  shared->Signal();
+  Target.Shared->Signal();
 }
 
 void TOperationQueue::CancelOperation(TTransferOperation& Operation) {
+  CancelOperation({this, Shared_}, Operation);
+}
+
+void TOperationQueue::CancelOperation(const TReference& Target, TTransferOperation& Operation) {
   struct TSignalAtEnd {
-    ~TSignalAtEnd() { Shared->Signal(); }
-    std::shared_ptr<TShared> Shared;
+    ~TSignalAtEnd() { Shared.Signal(); }
+    TShared& Shared;
   };
-  const TSignalAtEnd atEnd{Shared_};  // OnComplete may destroy the queue
-  ExecuteOperationProcess(
-      {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateOperation>(this)}, &Operation);
+  const TSignalAtEnd atEnd{*Target.Shared};  // OnComplete may destroy the queue
+  Execute(Target,
+          {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateOperation>(Target.Queue)},
+          &Operation);
 }
 
 void TOperationQueue::Finalize() {
@@ -338,8 +352,6 @@ void TOperationQueue::DoOperationTimeout(TObject*) {
        TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)});
 }
 
-// Operations that OnComplete adds, to keep a stream going, are carried by the same run: no signal
-// through the system.
 void TOperationQueue::RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures) {
   const std::shared_ptr<TShared> shared = Shared_;
   TTurn turn(*shared);
@@ -352,16 +364,21 @@ void TOperationQueue::RunOnReactor(std::initializer_list<TProcessOperationsProce
 
 void TOperationQueue::ExecuteOperationProcess(
     std::initializer_list<TProcessOperationsProcedure> Procedures, TObject* Parameter) {
-  const std::shared_ptr<TShared> shared = Shared_;  // the step's lock is in it
+  Execute({this, Shared_}, Procedures, Parameter);
+}
+
+void TOperationQueue::Execute(const TReference& Target,
+                              std::initializer_list<TProcessOperationsProcedure> Procedures,
+                              TObject* Parameter) {
   TBatch batch;
   {
-    TStep step(*this);
+    TStep step(Target);
     for (const TProcessOperationsProcedure& procedure : Procedures) {
+      if (step.QueueDestroyed) break;
       step.Index = 0;
       step.Count = 0;
       procedure(step.Index, step.Count, Parameter);
-      if (step.QueueDestroyed) break;
-      TakeCompleted(batch);
+      if (!step.QueueDestroyed) Target.Queue->TakeCompleted(batch);
     }
   }
   batch.Complete();
@@ -478,9 +495,12 @@ void TOperationQueue::CancelTransfer() {
 }
 
 void TOperationQueue::StartTimeoutTask(TTransferOperation& Operation) {
-  ArmTimeoutTask(Operation.AutoTimeout_
-                     ? Channel_.GetTimeout(TransferSize_)
-                     : MultiplyDivide(Operation.Timeout_, TransferSize_, Operation.Size_));
+  ArmTimeoutTask(GetChunkTimeout(Operation, TransferSize_));
+}
+
+int32_t TOperationQueue::GetChunkTimeout(const TTransferOperation& Operation, int32_t Size) const {
+  return Operation.AutoTimeout_ ? Channel_.GetTimeout(Size)
+                                : MultiplyDivide(Operation.Timeout_, Size, Operation.Size_);
 }
 
 void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {

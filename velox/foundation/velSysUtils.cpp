@@ -107,6 +107,23 @@ std::string ExtractFileNameWithoutExt(const std::string& FileName) {
   return name.substr(0, name.rfind('.'));  // a dot is never the second half of a letter
 }
 
+std::string ExtractFolder(const std::string& FileName) {
+  return FileName.substr(0, LastDelimiter(FileName) + 1);  // npos + 1 is 0
+}
+
+std::string IncludeTrailingSeparator(const std::string& Folder) {
+  return Folder.empty() || EndsInSeparator(Folder) ? Folder : Folder + "\\";
+}
+
+std::string GetProgramFileName() {
+  std::string name(32768, '\0');  // as long as any name may be
+  const DWORD length = ::GetModuleFileNameA(nullptr, name.data(), static_cast<DWORD>(name.size()));
+  if (length == 0) RaiseLastOSError();
+  name.resize(length);
+  name.shrink_to_fit();
+  return name;
+}
+
 bool EnsurePathExists(const std::string& Path) {
   if (IsFolder(Path)) return true;
   if (Path.empty() || Path.back() == ':') return false;

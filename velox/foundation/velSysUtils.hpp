@@ -130,6 +130,16 @@ VELOX_API std::string BinToHex(const void* Buffer, int32_t Size, const std::stri
 /// The last part of a file name, without its extension. "C:\data\log.2.txt" gives "log.2".
 VELOX_API std::string ExtractFileNameWithoutExt(const std::string& FileName);
 
+/// The part before the last one, with the separator that ends it, so that a name can be appended:
+/// "C:\\data\\log.txt" gives "C:\\data\\", and "log.txt" nothing.
+VELOX_API std::string ExtractFolder(const std::string& FileName);
+
+/// The folder with a separator at its end. An empty name stays empty.
+VELOX_API std::string IncludeTrailingSeparator(const std::string& Folder);
+
+/// The full name of the running program's file. Raises EOSError when the system does not tell.
+VELOX_API std::string GetProgramFileName();
+
 /// Makes the folder, and the folders above it that are missing. False when that fails (the drive is
 /// missing, a file is in the way, no right to do it); the last error then tells why. True when the
 /// folder is there.

@@ -31,16 +31,6 @@ using TGetAllUsersProfileDirectory = BOOL(WINAPI*)(LPSTR, LPDWORD);
 TSystemFunction<TGetAllUsersProfileDirectory> AllUsersProfileDirectory(
     "userenv.dll", "GetAllUsersProfileDirectoryA");
 
-std::string WithDelimiter(std::string Path) {
-  if (!Path.empty() && Path.back() != '\\') Path += '\\';
-  return Path;
-}
-
-// "C:\dir\app.exe" gives "C:\dir\"; "app.exe" gives nothing.
-std::string FolderOf(const std::string& FileName) {
-  return FileName.substr(0, FileName.find_last_of("\\/:") + 1);
-}
-
 // Empty when the system does not tell.
 std::string AllUsersFolder() {
   char path[1024] = "";
@@ -247,16 +237,17 @@ std::string TTracer::GetFileName() const {
 
 void TTracer::InitializeFileName() {
   const std::scoped_lock guard(Lock_);
-  const std::string program = TModuleInfo::GetInstance()->GetFileName();
+  const std::string program = GetProgramFileName();
   const std::string allUsers = ProgramDataSubdir_.empty() ? std::string() : AllUsersFolder();
   std::string logFolder;
   if (allUsers.empty()) {
-    BaseFolder_ = FolderOf(program);
+    BaseFolder_ = ExtractFolder(program);
   } else {
-    BaseFolder_ = WithDelimiter(WithDelimiter(allUsers) + ProgramDataSubdir_);
+    BaseFolder_ = IncludeTrailingSeparator(IncludeTrailingSeparator(allUsers) + ProgramDataSubdir_);
     logFolder = "Logs";
   }
-  FileName_ = WithDelimiter(BaseFolder_ + logFolder) + ExtractFileNameWithoutExt(program) + ".log";
+  FileName_ = IncludeTrailingSeparator(BaseFolder_ + logFolder) +
+              ExtractFileNameWithoutExt(program) + ".log";
 }
 
 bool TTracer::OpenFile(THandle& F) {
@@ -268,7 +259,7 @@ bool TTracer::OpenFile(THandle& F) {
   // Looked at again by its name: another process of the same program may have rotated it meanwhile.
   const bool full = IsFull(FileName_);
   if (full) Rotate(FileName_);
-  const bool folderExists = EnsurePathExists(FolderOf(FileName_));
+  const bool folderExists = EnsurePathExists(ExtractFolder(FileName_));
   // A full file that could not be renamed stays as it is, and the record is lost.
   F = OpenForAppending(FileName_, full ? CREATE_NEW : OPEN_ALWAYS);
   return folderExists;
@@ -331,8 +322,8 @@ void TraceOSError(const std::string& Text) noexcept { TraceOSError(Text.c_str())
 
 void TraceThread(const std::string& Text) noexcept {
   try {
-    const std::string program = TModuleInfo::GetInstance()->GetFileName();
-    const std::string name = FolderOf(program) + ExtractFileNameWithoutExt(program) +
+    const std::string program = GetProgramFileName();
+    const std::string name = ExtractFolder(program) + ExtractFileNameWithoutExt(program) +
                              Format("%08lX.log", ::GetCurrentThreadId());
     WriteAll(OpenForAppending(name, OPEN_ALWAYS), LinePrefix(true) + Text + "\r\n");
   } catch (...) {
