@@ -381,9 +381,14 @@ class VELOX_API TOperationQueue : public TObject {
   void ExecuteOperationProcess(std::initializer_list<TProcessOperationsProcedure> Procedures,
                                TObject* Parameter);
 
-  /// The same for the end of a chunk, without parameter; then goes on carrying for as long as
-  /// handlers add operations, so that these need no signal through the system.
-  void RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures);
+  /// The same for the end of a chunk, on a queue that may be gone; then goes on carrying for as
+  /// long as handlers add operations, so that these need no signal through the system.
+  static void RunOnReactor(const TQueueReference& Target,
+                           std::initializer_list<TProcessOperationsProcedure> Procedures,
+                           TObject* Parameter);
+
+  /// For whom may call the queue when it is gone.
+  TQueueReference GetReference() const { return {const_cast<TOperationQueue*>(this), Shared_}; }
 
   /// Procedures for it. The transfer loop: books the pending chunk, starts the next ones. The same
   /// unless a chunk is pending. Taking out the operation that is the parameter.

@@ -288,7 +288,7 @@ int32_t TOperationQueue::GetOperationIndex(const TTransferOperation& Operation) 
 }
 
 void TOperationQueue::AddOperation(TTransferOperation& Operation) {
-  AddOperation({this, Shared_}, Operation);
+  AddOperation(GetReference(), Operation);
 }
 
 // Once the lock is released, the operation may complete, and its events may destroy the queue.
@@ -310,7 +310,7 @@ void TOperationQueue::AddOperation(const TReference& Target, TTransferOperation&
 }
 
 void TOperationQueue::CancelOperation(TTransferOperation& Operation) {
-  CancelOperation({this, Shared_}, Operation);
+  CancelOperation(GetReference(), Operation);
 }
 
 void TOperationQueue::CancelOperation(const TReference& Target, TTransferOperation& Operation) {
@@ -338,33 +338,43 @@ void TOperationQueue::DoOperationQueueChanged() {
 }
 
 void TOperationQueue::DoChannelReady(TObject*) {
-  RunOnReactor({TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationData>(this)});
+  RunOnReactor(GetReference(),
+               {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationData>(this)},
+               nullptr);
 }
 
 void TOperationQueue::DoOperationQueueChangedAsync(TObject*) {
   RunOnReactor(
-      {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)});
+      GetReference(),
+      {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)},
+      nullptr);
 }
 
 void TOperationQueue::DoOperationTimeout(TObject*) {
   RunOnReactor(
+      GetReference(),
       {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateTimedOutOperation>(this),
-       TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)});
+       TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(this)},
+      nullptr);
 }
 
-void TOperationQueue::RunOnReactor(std::initializer_list<TProcessOperationsProcedure> Procedures) {
-  const std::shared_ptr<TShared> shared = Shared_;
-  TTurn turn(*shared);
-  ExecuteOperationProcess(Procedures, nullptr);
-  for (int round = 0; !shared->Closed && !turn.End(); ++round) {
+void TOperationQueue::RunOnReactor(const TReference& Target,
+                                   std::initializer_list<TProcessOperationsProcedure> Procedures,
+                                   TObject* Parameter) {
+  const auto idle =
+      TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(
+          Target.Queue);
+  TTurn turn(*Target.Shared);
+  Execute(Target, Procedures, Parameter);
+  for (int round = 0; !Target.Shared->Closed && !turn.End(); ++round) {
     if (round == MaximalRounds) return turn.HandOver();
-    DoOperationQueueChanged();
+    Execute(Target, {idle}, nullptr);
   }
 }
 
 void TOperationQueue::ExecuteOperationProcess(
     std::initializer_list<TProcessOperationsProcedure> Procedures, TObject* Parameter) {
-  Execute({this, Shared_}, Procedures, Parameter);
+  Execute(GetReference(), Procedures, Parameter);
 }
 
 void TOperationQueue::Execute(const TReference& Target,

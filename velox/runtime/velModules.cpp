@@ -27,6 +27,7 @@ constexpr TModule Table[] = {
     {"velModuleInfo", nullptr, &modules::FinalizeModuleInfo},
     {"velTrace", &modules::InitializeTrace, &modules::FinalizeTrace},
     {"velReactor", nullptr, &modules::FinalizeReactor},
+    {"velUDPChannel", &modules::InitializeUDPChannel, &modules::FinalizeUDPChannel},
     {"velHash", nullptr, &modules::FinalizeHash},
     {"velHash_md5", nullptr, &modules::FinalizeMD5},
 };

@@ -16,6 +16,8 @@ void FinalizeModuleInfo() noexcept;
 void InitializeTrace();
 void FinalizeTrace() noexcept;
 void FinalizeReactor() noexcept;
+void InitializeUDPChannel();
+void FinalizeUDPChannel() noexcept;
 void FinalizeHash() noexcept;
 void FinalizeMD5() noexcept;
 
