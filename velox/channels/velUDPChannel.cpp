@@ -357,7 +357,8 @@ bool TUDPOperationQueueForWriting::WSATransferData() {
   return Request("[TUDPOperationQueueForWriting].[WSATransferData] WSASendTo error",
                  [&b = *Buffer_](SOCKET Socket) {
                    b.DataBuffer.len = TIPOperationBuffer::Size - b.Remaining;
-                   return ::WSASendTo(Socket, &b.DataBuffer, 1, &b.Received, 0,
+                   DWORD sent;  // told once more at the end
+                   return ::WSASendTo(Socket, &b.DataBuffer, 1, &sent, 0,
                                       reinterpret_cast<SOCKADDR*>(&b.Address), b.AddressLength,
                                       &b.Overlapped, &TIPOperationBuffer::Completed);
                  });
@@ -391,7 +392,8 @@ bool TTCPOperationQueueForWriting::WSATransferData() {
   return Request("[TTCPOperationQueueForWriting].[WSATransferData] WSASend error",
                  [&b = *Buffer_](SOCKET Socket) {
                    b.DataBuffer.len = TIPOperationBuffer::Size - b.Remaining;
-                   return ::WSASend(Socket, &b.DataBuffer, 1, &b.Received, 0, &b.Overlapped,
+                   DWORD sent;  // told once more at the end
+                   return ::WSASend(Socket, &b.DataBuffer, 1, &sent, 0, &b.Overlapped,
                                     &TIPOperationBuffer::Completed);
                  });
 }
