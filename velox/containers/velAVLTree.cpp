@@ -28,12 +28,12 @@ int32_t Difference(int32_t A, int32_t B) noexcept {
   return static_cast<int32_t>(static_cast<uint32_t>(A) - static_cast<uint32_t>(B));
 }
 
-/// Calls Action with Size. Most keys and data are one or two words long: Action is compiled for
+/// Calls Action with Size. Most keys and data are an integer or a pointer: Action is compiled for
 /// these sizes, so that copying them is an instruction and no call.
 template <class TAction>
 void WithSize(int32_t Size, TAction Action) {
   if (Size == 4) return Action(std::integral_constant<size_t, 4>());
-  if (Size == 8) return Action(std::integral_constant<size_t, 8>());
+  if (Size == sizeof(void*)) return Action(std::integral_constant<size_t, sizeof(void*)>());
   if (Size > 0) Action(static_cast<size_t>(Size));
 }
 
