@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/support.hpp"
@@ -149,6 +152,155 @@ TEST(Velcopy, CopiesFilesBothWaysAtOnce) {
   }
 }
 
+// A port that was free just now.
+uint16_t FreePort(int Type) {
+  const SOCKET probe = ::socket(AF_INET, Type, 0);
+  SOCKADDR_IN address{};
+  address.sin_family = AF_INET;
+  int length = sizeof address;
+  ::bind(probe, reinterpret_cast<SOCKADDR*>(&address), length);
+  ::getsockname(probe, reinterpret_cast<SOCKADDR*>(&address), &length);
+  ::closesocket(probe);
+  return ntohs(address.sin_port);
+}
+
+/// Passes datagrams on between the one who sends to its port and the one at another port. One in
+/// Every is lost, one doubled, and one held back behind the next.
+class TBadRelay {
+ public:
+  TBadRelay(uint16_t Target, unsigned Every)
+      : Every_(Every),
+        Front_(::socket(AF_INET, SOCK_DGRAM, 0)),
+        Back_(::socket(AF_INET, SOCK_DGRAM, 0)) {
+    Target_.sin_family = AF_INET;
+    Target_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    SOCKADDR_IN address = Target_;
+    for (const SOCKET socket : {Front_, Back_})
+      EXPECT_EQ(::bind(socket, reinterpret_cast<SOCKADDR*>(&address), sizeof address), 0);
+    int length = sizeof address;
+    ::getsockname(Front_, reinterpret_cast<SOCKADDR*>(&address), &length);
+    Port = ntohs(address.sin_port);
+    Target_.sin_port = htons(Target);
+    Thread_ = std::thread([this] { Run(); });
+  }
+  ~TBadRelay() {
+    Stop_ = true;
+    Thread_.join();
+    ::closesocket(Front_);
+    ::closesocket(Back_);
+  }
+
+  uint16_t Port = 0;
+  std::atomic<unsigned> Lost = 0, Doubled = 0, Reordered = 0;
+
+ private:
+  struct TDirection {
+    SOCKET To;
+    SOCKADDR_IN* Address;
+    std::string Held = {};
+  };
+
+  void Run() {
+    SOCKADDR_IN client{};
+    TDirection forth{Back_, &Target_}, back{Front_, &client};
+    std::vector<char> buffer(2000);
+    while (!Stop_) {
+      fd_set readable;
+      FD_ZERO(&readable);
+      FD_SET(Front_, &readable);
+      FD_SET(Back_, &readable);
+      timeval limit{0, 20'000};
+      if (::select(0, &readable, nullptr, nullptr, &limit) <= 0) continue;
+      for (const SOCKET from : {Front_, Back_}) {
+        if (!FD_ISSET(from, &readable)) continue;
+        SOCKADDR_IN sender{};
+        int length = sizeof sender;
+        const int size = ::recvfrom(from, buffer.data(), static_cast<int>(buffer.size()), 0,
+                                    reinterpret_cast<SOCKADDR*>(&sender), &length);
+        if (size < 0) continue;
+        if (from == Front_) client = sender;
+        Pass(from == Front_ ? forth : back, std::string(buffer.data(), static_cast<size_t>(size)));
+      }
+    }
+  }
+
+  void Pass(TDirection& Direction, std::string Datagram) {
+    const auto send = [&](const std::string& Bytes) {
+      ::sendto(Direction.To, Bytes.data(), static_cast<int>(Bytes.size()), 0,
+               reinterpret_cast<const SOCKADDR*>(Direction.Address), sizeof *Direction.Address);
+    };
+    switch (Random_() % Every_) {
+      case 0:
+        ++Lost;
+        return;
+      case 1:
+        ++Doubled;
+        send(Datagram);
+        break;
+      case 2:
+        if (!Direction.Held.empty()) break;
+        ++Reordered;
+        Direction.Held = std::move(Datagram);
+        return;
+    }
+    send(Datagram);
+    if (!Direction.Held.empty()) send(std::exchange(Direction.Held, {}));
+  }
+
+  const unsigned Every_;
+  const SOCKET Front_, Back_;
+  SOCKADDR_IN Target_{};
+  std::mt19937 Random_{5};
+  std::atomic<bool> Stop_ = false;
+  std::thread Thread_;
+};
+
+TEST(Velcopy, CopiesOverConnections) {
+  const test::TTemporaryFolder folder;
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{3'000'001}}) {
+    const std::string from = folder.File("from"), to = folder.File("to"), bytes = RandomBytes(size),
+                      port = std::to_string(FreePort(SOCK_STREAM));
+    test::WriteFileBytes(from, bytes);
+    TVelcopy receiver(folder, "receive tcp:" + port + " " + to);
+    ASSERT_TRUE(receiver.Says("waiting for a sender on tcp:" + port)) << receiver.Output();
+    TVelcopy other(folder, "receive tcp:" + port + " " + to + "2");
+    EXPECT_EQ(other.Wait(), 1u);
+    ExpectError(other, "cannot open tcp:" + port + ": ");
+    TVelcopy sender(folder, "send tcp:localhost:" + port + " " + from);
+    EXPECT_EQ(sender.Wait(), 0u) << sender.Output();
+    EXPECT_EQ(receiver.Wait(), 0u) << receiver.Output();
+    EXPECT_TRUE(test::ReadFileBytes(to) == bytes);
+  }
+}
+
+// The figures are those of a line that loses, doubles and reorders 5 % each.
+TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
+  const test::TTemporaryFolder folder;
+  const std::string from = folder.File("from"), to = folder.File("to"),
+                    bytes = RandomBytes(4 << 20);
+  const uint16_t port = FreePort(SOCK_DGRAM);
+  test::WriteFileBytes(from, bytes);
+  TVelcopy receiver(folder, "receive udp:" + std::to_string(port) + " " + to);
+  ASSERT_TRUE(receiver.Says("waiting")) << receiver.Output();
+  const TBadRelay relay(port, 20);
+  // What is no packet changes nothing.
+  const SOCKET stranger = ::socket(AF_INET, SOCK_DGRAM, 0);
+  SOCKADDR_IN address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  for (const int size : {0, 1, 100, 1400})
+    ::sendto(stranger, bytes.data(), size, 0, reinterpret_cast<SOCKADDR*>(&address),
+             sizeof address);
+  TVelcopy sender(folder, "send udp:127.0.0.1:" + std::to_string(relay.Port) + " " + from);
+  EXPECT_EQ(sender.Wait(), 0u) << sender.Output();
+  EXPECT_EQ(receiver.Wait(), 0u) << receiver.Output();
+  ::closesocket(stranger);
+  EXPECT_TRUE(test::ReadFileBytes(to) == bytes);
+  for (const unsigned count : {relay.Lost.load(), relay.Doubled.load(), relay.Reordered.load()})
+    EXPECT_GT(count, 50u);
+}
+
 TEST(Velcopy, PrintsThePublishedCheck) {
   const test::TTemporaryFolder folder;
   test::WriteFileBytes(folder.File("from"), "123456789");
@@ -166,7 +318,7 @@ TEST(Velcopy, PrintsItsUsage) {
   const test::TTemporaryFolder folder;
   TVelcopy program(folder, "--help");
   EXPECT_EQ(program.Wait(), 0u);
-  EXPECT_EQ(program.Output().find("velcopy receive shm:NAME FILE"), 0u) << program.Output();
+  EXPECT_EQ(program.Output().find("velcopy receive ADDRESS FILE"), 0u) << program.Output();
 }
 
 TEST(Velcopy, RefusesBadInputWithOneLine) {
@@ -174,7 +326,8 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
   const std::string file = folder.File("from"), to = folder.File("to"),
                     used = test::UniqueName("velcopy-used-"),
                     foreign = test::UniqueName("velcopy-foreign-"),
-                    held = test::UniqueName("velcopy-held-");
+                    held = test::UniqueName("velcopy-held-"),
+                    refused = std::to_string(FreePort(SOCK_STREAM));
   test::WriteFileBytes(file, "x");
   test::WriteFileBytes(folder.File("other"), "good");
   const THandle memory(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 2000,
@@ -189,6 +342,12 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
       {"send shm:velcopy-nobody " + folder.File("none"), "Cannot open file"},
       {"send shm: " + file, "is no address like shm:NAME; see velcopy --help"},
       {"send pipe:x " + file, "\"pipe\" is no kind of channel"},
+      {"send tcp:5000 " + file, "\"tcp:5000\" is no address like tcp:HOST:PORT"},
+      {"receive udp:host:5000 " + to, "\"udp:host:5000\" is no address like udp:PORT"},
+      {"receive tcp:65536 " + to, "must be a number from 1 to 65535"},
+      {"send tcp:127.0.0.1:" + refused + " " + file,
+       "there is no receiver on tcp:127.0.0.1:" + refused},
+      {"send tcp:no.such.host.invalid:1 " + file, "cannot find the host no.such.host.invalid: "},
       {"send shm:" + used + " " + file + " --block 0",
        "--block must be a number from 1 to 2147483647"},
       {"receive shm:" + used + " " + to, "shm:" + used + " is in use by another receiver"},
@@ -250,34 +409,62 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   const std::string from = folder.File("from");
   MakeHugeFile(from);
   struct TCopy {
-    TCopy(const test::TTemporaryFolder& Folder, const std::string& From, const std::string& To)
-        : Receiver(Folder, "receive " + Address + " " + To) {
+    TCopy(const test::TTemporaryFolder& Folder, const std::string& From, const std::string& To,
+          const std::string& Kind, int SocketType)
+        : File(Folder.File(To)),
+          Place(SocketType == 0 ? test::UniqueName("velcopy-")
+                                : std::to_string(FreePort(SocketType))),
+          Receiver(Folder, "receive " + Kind + Place + " " + File) {
+      test::WriteFileBytes(File, "good");
       EXPECT_TRUE(Receiver.Says("waiting"));
-      Sender = std::make_unique<TVelcopy>(Folder, "send " + Address + " " + From + " --block 4096");
-      // Both print lines, as their output is no console.
+      Sender = std::make_unique<TVelcopy>(Folder, "send " + Kind +
+                                                      (SocketType == 0 ? "" : "127.0.0.1:") +
+                                                      Place + " " + From + " --block 4096");
+    }
+    // Both print lines, as their output is no console.
+    void AwaitLines() {
       EXPECT_TRUE(Receiver.Says(" s left")) << Receiver.Output();
       EXPECT_TRUE(Sender->Says(" s left")) << Sender->Output();
     }
-    const std::string Address = "shm:" + test::UniqueName("velcopy-");
+    const std::string File, Place;
     TVelcopy Receiver;
     std::unique_ptr<TVelcopy> Sender;
   };
-  for (const char* name : {"a", "b"}) test::WriteFileBytes(folder.File(name), "good");
-  TCopy a(folder, from, folder.File("a"));
-  a.Receiver.Kill();
+  const struct {
+    const char* Kind;
+    int SocketType;
+    const char* Message;
+  } kinds[] = {{"shm:", 0, " has not responded for 8 seconds"},
+               {"tcp:", SOCK_STREAM, "the "},  // the system tells, in one of two ways
+               {"udp:", SOCK_DGRAM, " has not responded for 8 seconds"}};
+  std::vector<std::unique_ptr<TCopy>> as, bs;
+  for (const auto& [kind, socketType, message] : kinds) {
+    SCOPED_TRACE(kind);
+    as.push_back(
+        std::make_unique<TCopy>(folder, from, std::string("a") + kind[0], kind, socketType));
+    bs.push_back(
+        std::make_unique<TCopy>(folder, from, std::string("b") + kind[0], kind, socketType));
+  }
+  for (const auto* copies : {&as, &bs})
+    for (const auto& copy : *copies) copy->AwaitLines();
+  for (const auto& a : as) a->Receiver.Kill();
+  for (const auto& b : bs) b->Sender->Kill();
   const ULONGLONG start = ::GetTickCount64();
-  TCopy b(folder, from, folder.File("b"));
-  b.Sender->Kill();
-  EXPECT_EQ(a.Sender->Wait(), 1u);
-  EXPECT_EQ(b.Receiver.Wait(), 1u);
-  // 8 seconds, and time for a machine with other work.
-  EXPECT_LT(::GetTickCount64() - start, 20'000u);
-  ExpectError(*a.Sender, "the receiver has not responded for 8 seconds");
-  ExpectError(b.Receiver, "the sender has not responded for 8 seconds");
-  for (const char* name : {"a", "b"})
-    EXPECT_EQ(test::ReadFileBytes(folder.File(name)), "good") << name;
-  EXPECT_TRUE(Exists(folder.File("a.part")));  // the killed can't clean up
-  EXPECT_FALSE(Exists(folder.File("b.part")));
+  for (size_t i = 0; i < std::size(kinds); ++i) {
+    SCOPED_TRACE(kinds[i].Kind);
+    TCopy &a = *as[i], &b = *bs[i];
+    EXPECT_EQ(a.Sender->Wait(), 1u);
+    EXPECT_EQ(b.Receiver.Wait(), 1u);
+    // 8 seconds, and time for a machine with other work.
+    EXPECT_LT(::GetTickCount64() - start, 20'000u);
+    ExpectError(*a.Sender, kinds[i].Message);
+    ExpectError(*a.Sender, "receiver");
+    ExpectError(b.Receiver, kinds[i].Message);
+    ExpectError(b.Receiver, "sender");
+    for (const TCopy* copy : {&a, &b}) EXPECT_EQ(test::ReadFileBytes(copy->File), "good");
+    EXPECT_TRUE(Exists(a.File + ".part"));  // the killed can't clean up
+    EXPECT_FALSE(Exists(b.File + ".part"));
+  }
 }
 
 }  // namespace

@@ -1,0 +1,209 @@
+#include "endpoints.hpp"
+
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+#include "channel_link.hpp"
+#include "datagram_link.hpp"
+#include "velox/channels/velSharedMemChannel.hpp"
+#include "velox/channels/velUDPChannel.hpp"
+#include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
+
+namespace velcopy {
+
+using namespace velox;
+
+namespace {
+
+constexpr int32_t DefaultCapacity = 4 << 20;
+constexpr int32_t ConnectionLimit = 8000;  // milliseconds
+
+const char* PeerOf(bool Receiving) { return Receiving ? "sender" : "receiver"; }
+
+[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
+  throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
+}
+
+THandle GuardEnd(const std::string& Address, const std::string& Name, const std::string& Role) {
+  const std::string event = Name + Role;
+  THandle guard(::CreateEventA(nullptr, FALSE, FALSE, event.c_str()));
+  const DWORD error = ::GetLastError();
+  // An object of another kind may have the name as well.
+  if (error == ERROR_ALREADY_EXISTS || error == ERROR_INVALID_HANDLE)
+    throw Exception(Address + " is in use by another " + Role);
+  if (!guard) FailToOpen(Address, error);
+  return guard;
+}
+
+THandle OpenMemory(const std::string& Name) {
+  return THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, Name.c_str()));
+}
+
+// A receiver makes the memory. It must not take up what a sender of a former session still holds.
+void CheckUnused(const std::string& Address, const std::string& Name) {
+  if (THandle(::OpenEventA(SYNCHRONIZE, FALSE, (Name + "sender").c_str())))
+    throw Exception(Address + " is in use by a sender, whose receiver has ended");
+  if (OpenMemory(Name + "Read") || OpenMemory(Name + "Write"))
+    throw Exception(Address + " is in use by another program");
+}
+
+// The guard keeps a second program from using the same end of the channel.
+class TSharedMemoryLink : public TChannelLink {
+ public:
+  TSharedMemoryLink(THandle Guard, std::unique_ptr<TChannel> Channel, bool Receiving,
+                    int32_t Capacity)
+      : TChannelLink(std::move(Channel), PeerOf(Receiving), Capacity), Guard_(std::move(Guard)) {}
+
+ private:
+  const THandle Guard_;
+};
+
+std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::string& Name,
+                                        bool Receiving, int32_t Size) {
+  // Looked at before the guard is there: a sender that comes too early is in no receiver's way.
+  if (!Receiving && !OpenMemory(Name + "Read") && ::GetLastError() == ERROR_FILE_NOT_FOUND)
+    throw Exception("there is no receiver on " + Address);
+  THandle guard = GuardEnd(Address, Name, Receiving ? "receiver" : "sender");
+  if (Receiving) CheckUnused(Address, Name);
+  auto channel = std::make_unique<TSharedMemChannel>();
+  channel->SetMemoryName(Name);
+  channel->SetMemorySize(Size);
+  channel->SetMode(Receiving ? TChannelMode::cmServer : TChannelMode::cmClient);
+  try {
+    channel->SetActive(true);
+  } catch (const EOSError& e) {
+    FailToOpen(Address, e.ErrorCode);
+  }
+  return std::make_unique<TSharedMemoryLink>(std::move(guard), std::move(channel), Receiving, Size);
+}
+
+// ---- sockets
+
+// HOST:PORT for a sender, PORT for a receiver.
+TPlace ParsePlace(const std::string& Address, const std::string& Rest, bool Receiving) {
+  TPlace place;
+  const size_t colon = Rest.rfind(':');
+  if (Receiving == (colon != std::string::npos) || colon == 0) {
+    RefuseArguments("\"" + Address + "\" is no address like " + Address.substr(0, 3) +
+                    (Receiving ? ":PORT" : ":HOST:PORT"));
+  }
+  const std::string_view port = std::string_view(Rest).substr(Receiving ? 0 : colon + 1);
+  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), place.Port);
+  if (error != std::errc() || end != port.data() + port.size() || place.Port == 0) {
+    RefuseArguments("the port in \"" + Address + "\" must be a number from 1 to 65535");
+  }
+  if (!Receiving) place.Address = Rest.substr(0, colon);
+  return place;
+}
+
+// Asks for the host's address, if it is given by name.
+void SetHost(TTCPChannel& Channel, const std::string& Host) {
+  try {
+    Channel.SetStringAddress(Host);
+  } catch (const EOSError& e) {
+    throw Exception("cannot find the host " + Host + ": " + SystemErrorMessage(e.ErrorCode));
+  }
+}
+
+class TTCPLink : public TChannelLink {
+ public:
+  using TChannelLink::TChannelLink;
+
+  // Closing a socket with bytes unread would take back what was sent last. So this side says that
+  // it sends no more, and takes what comes until the other says so too.
+  void Finish() noexcept override {
+    auto& channel = static_cast<TTCPChannel&>(GetChannel());
+    if (!channel.GetActive()) return;
+    ::shutdown(channel.GetSocket(), SD_SEND);
+    StartWatchdog();
+    char rest[4096];
+    const ULONGLONG start = ::GetTickCount64();
+    while (::GetTickCount64() - start < 2000 && Carry(Reader(), rest, sizeof rest, 2)) continue;
+  }
+};
+
+// A receiver's: listens, and takes the first connection over into its channel.
+class TListeningLink : public TTCPLink {
+ public:
+  TListeningLink(const std::string& Address, uint16_t Port, int32_t Capacity)
+      : TTCPLink(std::make_unique<TTCPChannel>(), PeerOf(true), Capacity),
+        Listener_(
+            ::WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED)) {
+    SOCKADDR_IN address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(Port);
+    if (::bind(Listener_, reinterpret_cast<SOCKADDR*>(&address), sizeof address) != 0 ||
+        ::listen(Listener_, 1) != 0)
+      FailToOpen(Address, static_cast<DWORD>(::WSAGetLastError()));
+  }
+  ~TListeningLink() override { ::closesocket(Listener_); }
+
+  void AwaitPeer() override {
+    SOCKADDR_IN address{};
+    int length = sizeof address;
+    const SOCKET accepted = ::accept(Listener_, reinterpret_cast<SOCKADDR*>(&address), &length);
+    auto& channel = static_cast<TTCPChannel&>(GetChannel());
+    channel.Accept(accepted, address);
+    channel.SetActive(true);
+  }
+
+ private:
+  const SOCKET Listener_;
+};
+
+std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place) {
+  auto channel = std::make_unique<TTCPChannel>();
+  SetHost(*channel, Place.Address);
+  channel->SetPort(Place.Port);
+  channel->SetConnectionTimeout(ConnectionLimit);
+  try {
+    channel->SetActive(true);
+  } catch (const EOSError& e) {
+    if (e.ErrorCode == WSAECONNREFUSED) throw Exception("there is no receiver on " + Address);
+    FailToOpen(Address, e.ErrorCode);
+  }
+  return std::make_unique<TTCPLink>(std::move(channel), PeerOf(false), DefaultCapacity);
+}
+
+std::unique_ptr<TLink> OpenDatagrams(const std::string& Address, TPlace Place, bool Receiving,
+                                     int32_t Capacity) {
+  try {
+    if (Receiving) return std::make_unique<TDatagramLink>(Place.Port, Capacity);
+    TTCPChannel resolver;
+    SetHost(resolver, Place.Address);
+    const IN_ADDR& address = resolver.GetRemoteAddress().sin_addr;
+    Place.Address = ::inet_ntoa(address);
+    return std::make_unique<TDatagramLink>(Place, Capacity);
+  } catch (const EOSError& e) {
+    FailToOpen(Address, e.ErrorCode);
+  }
+}
+
+}  // namespace
+
+[[noreturn]] void RefuseArguments(const std::string& What) {
+  throw Exception(What + "; see velcopy --help");
+}
+
+std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,
+                            std::optional<int32_t> Capacity) {
+  const size_t colon = Address.find(':');
+  const std::string kind = Address.substr(0, colon);
+  const std::string rest = colon == std::string::npos ? "" : Address.substr(colon + 1);
+  if (rest.empty()) RefuseArguments("\"" + Address + "\" is no address like shm:NAME");
+  const int32_t capacity = Capacity.value_or(DefaultCapacity);
+  if (kind == "shm") return OpenSharedMemory(Address, rest, Receiving, capacity);
+  if (kind == "tcp") {
+    const TPlace place = ParsePlace(Address, rest, Receiving);
+    if (Receiving) return std::make_unique<TListeningLink>(Address, place.Port, capacity);
+    return Connect(Address, place);
+  }
+  if (kind == "udp")
+    return OpenDatagrams(Address, ParsePlace(Address, rest, Receiving), Receiving, capacity);
+  RefuseArguments("\"" + kind + "\" is no kind of channel (there are shm, tcp, udp and com)");
+}
+
+}  // namespace velcopy
