@@ -25,12 +25,16 @@ THandle NewEvent() { return THandle(::CreateEventA(nullptr, FALSE, FALSE, nullpt
 void Signal(const THandle& Event) { ::SetEvent(Event.Get()); }
 void Await(const THandle& Event) { ::WaitForSingleObject(Event.Get(), INFINITE); }
 
+// Codes of APCs.
+void CALLBACK Wake(ULONG_PTR) {}
+void CALLBACK SetStop(ULONG_PTR Stop) { *reinterpret_cast<bool*>(Stop) = true; }
+
 /// A thread that does nothing but run its APCs, until the object goes.
 class TApcThread {
  public:
   TApcThread() : Ready_(NewEvent()), Thread_([this] { Run(); }) { Await(Ready_); }
   ~TApcThread() {
-    Queue([](ULONG_PTR Stop) { *reinterpret_cast<bool*>(Stop) = true; }, &Stop_);
+    Queue(&SetStop, &Stop_);
     Thread_.join();
   }
   HANDLE Handle() const { return Handle_.Get(); }
@@ -127,7 +131,7 @@ class TBareReactor {
   ~TBareReactor() {
     Stop_ = true;
     for (std::thread& thread : Threads_) {
-      ::QueueUserAPC([](ULONG_PTR) {}, ::pthread_gethandle(thread.native_handle()), 0);
+      ::QueueUserAPC(&Wake, ::pthread_gethandle(thread.native_handle()), 0);
       thread.join();
     }
   }

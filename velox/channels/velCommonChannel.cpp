@@ -6,6 +6,7 @@
 #include "velox/channels/velChannelArithmetic.hpp"
 #include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velSharedLock.hpp"
 
 namespace velox {
 
@@ -216,18 +217,6 @@ size_t QueueIndex(TOperationKind Kind) {
   }
   return index;
 }
-
-struct TForWriting {
-  explicit TForWriting(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockExclusive(&Lock); }
-  ~TForWriting() { ::ReleaseSRWLockExclusive(&Lock); }
-  SRWLOCK& Lock;
-};
-
-struct TForReading {
-  explicit TForReading(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockShared(&Lock); }
-  ~TForReading() { ::ReleaseSRWLockShared(&Lock); }
-  SRWLOCK& Lock;
-};
 
 }  // namespace
 

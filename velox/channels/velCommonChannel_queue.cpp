@@ -11,6 +11,7 @@
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velSharedLock.hpp"
 
 namespace velox {
 namespace {
@@ -127,20 +128,20 @@ struct TOperationQueue::TStep {
 class TOperationQueue::TBatch {
  public:
   TBatch() noexcept {
-    const TListGuard guard;
+    const TForWriting guard(ListLock);
     Next_ = First;
     if (Next_ != nullptr) Next_->Previous_ = this;
     First = this;
   }
 
   ~TBatch() {
-    const TListGuard guard;
+    const TForWriting guard(ListLock);
     (Previous_ == nullptr ? First : Previous_->Next_) = Next_;
     if (Next_ != nullptr) Next_->Previous_ = Previous_;
   }
 
   void Add(TTransferOperation* const* Begin, TTransferOperation* const* End) {
-    const TListGuard guard;
+    const TForWriting guard(ListLock);
     Waiting_.insert(Waiting_.end(), Begin, End);
   }
 
@@ -167,7 +168,7 @@ class TOperationQueue::TBatch {
   static bool Forget(TTransferOperation& Operation) noexcept {
     const DWORD thread = ::GetCurrentThreadId();
     bool waiting = false;
-    const TListGuard guard;
+    const TForWriting guard(ListLock);
     for (TBatch* batch = First; batch != nullptr; batch = batch->Next_) {
       // Destroyed by its own OnComplete. (One that another thread runs is waited for.)
       if (batch->Current_ == &Operation && batch->ThreadId_ == thread) {
@@ -184,13 +185,8 @@ class TOperationQueue::TBatch {
   }
 
  private:
-  struct TListGuard {
-    TListGuard() noexcept { ::AcquireSRWLockExclusive(&ListLock); }
-    ~TListGuard() { ::ReleaseSRWLockExclusive(&ListLock); }
-  };
-
   bool TakeNext() noexcept {
-    const TListGuard guard;
+    const TForWriting guard(ListLock);
     while (Position_ < Waiting_.size()) {
       Current_ = std::exchange(Waiting_[Position_++], nullptr);
       if (Current_ == nullptr) continue;
@@ -206,7 +202,7 @@ class TOperationQueue::TBatch {
     TTransferOperation* operation;
     bool owned = false;
     {
-      const TListGuard guard;
+      const TForWriting guard(ListLock);
       operation = std::exchange(Current_, nullptr);
       if (operation == nullptr) return;
       owned = operation->FreeOnComplete_ && operation->Activations_ == Activation_;

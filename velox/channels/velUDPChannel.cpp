@@ -1,8 +1,8 @@
 #include "velox/channels/velUDPChannel.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <vector>
 
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -11,21 +11,10 @@
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velModules.hpp"
+#include "velox/runtime/velSharedLock.hpp"
 
 namespace velox {
 namespace {
-
-struct TForReading {
-  explicit TForReading(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockShared(&Lock); }
-  ~TForReading() { ::ReleaseSRWLockShared(&Lock); }
-  SRWLOCK& Lock;
-};
-
-struct TForWriting {
-  explicit TForWriting(SRWLOCK& ALock) noexcept : Lock(ALock) { ::AcquireSRWLockExclusive(&Lock); }
-  ~TForWriting() { ::ReleaseSRWLockExclusive(&Lock); }
-  SRWLOCK& Lock;
-};
 
 std::string DottedText(const SOCKADDR_IN& Address) {
   const auto* octets = reinterpret_cast<const uint8_t*>(&Address.sin_addr);
@@ -43,11 +32,6 @@ SOCKADDR_IN MakeAddress(uint32_t NetworkOrder, uint16_t Port) noexcept {
 SOCKET OverlappedSocket(int Type, int Protocol) noexcept {
   return ::WSASocketA(AF_INET, Type, Protocol, nullptr, 0, WSA_FLAG_OVERLAPPED);
 }
-
-// Guards the two lists' members and, in every buffer, Orphaned and Unclaimed_.
-SRWLOCK OrphansLock = SRWLOCK_INIT;
-std::vector<TIPOperationBuffer*> Orphans;  // given up, their requests not ended
-size_t OrphansLimit = 16;  // how many there may be before the forsaken are looked for
 
 std::atomic<int32_t> BufferCount{0};
 
@@ -102,23 +86,15 @@ TIPOperationBuffer::~TIPOperationBuffer() { --BufferCount; }
 int32_t TIPOperationBuffer::GetInstanceCount() noexcept { return BufferCount; }
 
 void TIPOperationBuffer::PrepareRequest() {
+  TPendingRequest::PrepareRequest();
   AddressLength = sizeof Address;
-  Overlapped = {};
-  Overlapped.hEvent = this;
-  if (ThreadId_ == ::GetCurrentThreadId()) return;
-  ThreadId_ = ::GetCurrentThreadId();
-  Thread_ = THandle(GetRealCurrentThreadHandle());
-}
-
-bool TIPOperationBuffer::IsForsaken() const noexcept {
-  return Pending && ::WaitForSingleObject(Thread_.Get(), 0) == WAIT_OBJECT_0;
 }
 
 /// The completion routine: runs inside a wait of the system, so it only notes what it is told and
 /// has the thread's next wait handle it.
 void CALLBACK TIPOperationBuffer::Completed(DWORD Error, DWORD Transferred, WSAOVERLAPPED* Request,
                                             DWORD Flags) {
-  auto* const buffer = static_cast<TIPOperationBuffer*>(Request->hEvent);
+  auto* const buffer = static_cast<TIPOperationBuffer*>(Of(Request));
   buffer->Completion_ = {Error, Transferred, Flags};
   const auto data = reinterpret_cast<ULONG_PTR>(buffer);
   if (TraceAndQueueUserAPC(&Handle, ::GetCurrentThread(), data) == 0)
@@ -142,45 +118,6 @@ void CALLBACK TIPOperationBuffer::Handle(ULONG_PTR Buffer) {
       {TProcessOperationsProcedure::Bind<&TIPOperationQueue::TakeDelivery>(queue),
        TProcessOperationsProcedure::Bind<&TIPOperationQueue::CarryOn>(queue)},
       &delivery);
-}
-
-/// Frees the buffer when the queue has given it up; true then. Otherwise, once its request's end
-/// has been Handled without the queue taking it, the queue will have to free it.
-bool TIPOperationBuffer::Leave(bool Handled) noexcept {
-  {
-    const TForWriting guard(OrphansLock);
-    if (!Orphaned) {
-      Unclaimed_ = Handled;
-      return false;
-    }
-    std::erase(Orphans, this);
-  }
-  delete this;
-  return true;
-}
-
-/// When the thread that should be told of the request's end has ended, the system has ended the
-/// request with it.
-void TIPOperationBuffer::Orphan() noexcept {
-  if (!Pending) return delete this;
-  std::vector<TIPOperationBuffer*> done;
-  {
-    const TForWriting guard(OrphansLock);
-    if (Unclaimed_) {
-      done.push_back(this);
-    } else {
-      Orphaned = true;
-      Orphans.push_back(this);
-    }
-    if (Orphans.size() > OrphansLimit) {
-      const auto forsaken = std::partition(Orphans.begin(), Orphans.end(),
-                                           [](auto* Buffer) { return !Buffer->IsForsaken(); });
-      done.insert(done.end(), forsaken, Orphans.end());
-      Orphans.erase(forsaken, Orphans.end());
-      OrphansLimit = Orphans.size() * 2 + 16;
-    }
-  }
-  for (TIPOperationBuffer* buffer : done) delete buffer;
 }
 
 // --- Queues ---

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "velox/channels/velCommonChannel.hpp"
+#include "velox/channels/velPendingRequest.hpp"
 #include "velox/runtime/velHandle.hpp"
 #include "velox/runtime/velObject.hpp"
 #include "velox/runtime/velWindows.hpp"
@@ -76,10 +77,8 @@ class VELOX_API TIPOperation : public TTransferOperation {
   int32_t ErrorCode_ = 0;
 };
 
-/// The block between an operation and the socket, and the request that the system is working on. A
-/// request can't be taken back, so the buffer outlives its queue when need be: it then frees itself
-/// as soon as the request has ended.
-class VELOX_API TIPOperationBuffer : public TObject {
+/// The block between an operation and the socket, and the request that the system is working on.
+class VELOX_API TIPOperationBuffer : public TPendingRequest {
  public:
   static constexpr uint32_t Size = 1500;  // bytes
 
@@ -90,16 +89,13 @@ class VELOX_API TIPOperationBuffer : public TObject {
   /// sent.
   char* GetCurrentPosition() const noexcept { return DataBuffer.buf + (Received - Remaining); }
 
-  WSABUF DataBuffer;           // the next request's length, and the block
-  DWORD Received = 0;          // reading: by the last receive; writing: kept at Size
-  DWORD Remaining = 0;         // reading: not copied out yet; writing: free room
-  SOCKADDR_IN Address{};       // reading: the sender; writing: the destination
-  int AddressLength = 0;       // given to each request
-  WSAOVERLAPPED Overlapped{};  // its event is this object: completion routines need none
+  WSABUF DataBuffer;      // the next request's length, and the block
+  DWORD Received = 0;     // reading: by the last receive; writing: kept at Size
+  DWORD Remaining = 0;    // reading: not copied out yet; writing: free room
+  SOCKADDR_IN Address{};  // reading: the sender; writing: the destination
+  int AddressLength = 0;  // given to each request
   DWORD Flags = 0;
-  bool Pending = false;  // a request has not been handled yet
   TIPOperationQueue* Queue;
-  bool Orphaned = false;  // the queue has given it up
 
   /// How many there are in the process, for tests.
   static int32_t GetInstanceCount() noexcept;
@@ -111,10 +107,6 @@ class VELOX_API TIPOperationBuffer : public TObject {
   /// The completion routine of requests.
   static void CALLBACK Completed(DWORD Error, DWORD Transferred, WSAOVERLAPPED* Request,
                                  DWORD Flags);
-  /// Whether the end of its request won't be told any more, because the thread that made it ended.
-  bool IsForsaken() const noexcept;
-  /// Frees the buffer: now, or when its request has ended.
-  void Orphan() noexcept;
 
   /// What the completion routine was told, until the thread handles it.
   struct TCompletion {
@@ -126,14 +118,10 @@ class VELOX_API TIPOperationBuffer : public TObject {
 
  private:
   static void CALLBACK Handle(ULONG_PTR Buffer);
-  bool Leave(bool Handled) noexcept;
 
   const TQueueReference Target_;
   std::unique_ptr<char[]> Block_;
   TCompletion Completion_;
-  bool Unclaimed_ = false;  // its request has ended, and the queue was gone by then
-  THandle Thread_;          // the one that made the request; it alone is told of its end
-  DWORD ThreadId_ = 0;
 };
 
 /// One direction of an IP channel. Concrete ones say with which call of Windows Sockets a request
