@@ -7,6 +7,7 @@
 #include "channel_link.hpp"
 #include "datagram_link.hpp"
 #include "velox/channels/velSharedMemChannel.hpp"
+#include "velox/channels/velTCPServer.hpp"
 #include "velox/channels/velUDPChannel.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -130,28 +131,34 @@ class TListeningLink : public TTCPLink {
  public:
   TListeningLink(const std::string& Address, uint16_t Port, int32_t Capacity)
       : TTCPLink(std::make_unique<TTCPChannel>(), PeerOf(true), Capacity),
-        Listener_(
-            ::WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED)) {
-    SOCKADDR_IN address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(Port);
-    if (::bind(Listener_, reinterpret_cast<SOCKADDR*>(&address), sizeof address) != 0 ||
-        ::listen(Listener_, 1) != 0)
-      FailToOpen(Address, static_cast<DWORD>(::WSAGetLastError()));
+        Taken_(::CreateEventA(nullptr, TRUE, FALSE, nullptr)),
+        Server_(Port) {
+    Server_.OnAccept = TAcceptEvent::Bind<&TListeningLink::OnAccept>(this);
+    try {
+      Server_.Start();
+    } catch (const EOSError& e) {
+      FailToOpen(Address, e.ErrorCode);
+    }
   }
-  ~TListeningLink() override { ::closesocket(Listener_); }
 
   void AwaitPeer() override {
-    SOCKADDR_IN address{};
-    int length = sizeof address;
-    const SOCKET accepted = ::accept(Listener_, reinterpret_cast<SOCKADDR*>(&address), &length);
-    auto& channel = static_cast<TTCPChannel&>(GetChannel());
-    channel.Accept(accepted, address);
-    channel.SetActive(true);
+    WaitForSingleObjectAlertable(Taken_.Get(), "velcopy");
+    Server_.Stop();
+    GetChannel().SetActive(true);
   }
 
  private:
-  const SOCKET Listener_;
+  // On the server's thread. What comes after the first is closed.
+  void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
+    auto& channel = static_cast<TTCPChannel&>(GetChannel());
+    if (channel.GetAccepted()) return;
+    Taken = true;
+    channel.Accept(Socket, Address);
+    ::SetEvent(Taken_.Get());
+  }
+
+  const THandle Taken_;
+  TCustomTCPServer Server_;
 };
 
 std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place) {

@@ -44,7 +44,7 @@ bool TPendingRequest::Leave(bool Unclaimed) noexcept {
 /// When the thread that should be told of the request's end has ended, the system has ended the
 /// request with it.
 void TPendingRequest::Orphan() noexcept {
-  if (!Pending) return delete this;
+  if (!Pending || IsForsaken()) return delete this;
   std::vector<TPendingRequest*> done;
   {
     const TForWriting guard(OrphansLock);

@@ -80,6 +80,8 @@ inline constexpr const char* seChannelIsNotActive =
 inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
 inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
+inline constexpr const char* seTransferNotFinished = "Transfer of the connection is not finished";
+
 // Lists of addresses.
 inline constexpr const char* seInvalidAddress = "Invalid address \"%s\"";
 inline constexpr const char* seNotTheSameNet =

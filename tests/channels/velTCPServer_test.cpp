@@ -1,0 +1,297 @@
+#include "velox/channels/velTCPServer.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/support.hpp"
+#include "velox/channels/velUDPChannel.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+uint16_t PortOf(const TCustomTCPServer& Server) {
+  SOCKADDR_IN address{};
+  int length = sizeof address;
+  ::getsockname(Server.GetSocket(), reinterpret_cast<SOCKADDR*>(&address), &length);
+  return ntohs(address.sin_port);
+}
+
+/// A client with plain blocking calls.
+class TClient {
+ public:
+  explicit TClient(uint16_t Port, DWORD Limit = 30'000)
+      : Socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    SOCKADDR_IN address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(Port);
+    Connected = ::connect(Socket_, reinterpret_cast<SOCKADDR*>(&address), sizeof address) == 0;
+    ::setsockopt(Socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&Limit),
+                 sizeof Limit);
+  }
+  ~TClient() { ::closesocket(Socket_); }
+
+  bool Send(const std::string& Bytes) const {
+    const int size = static_cast<int>(Bytes.size());
+    return ::send(Socket_, Bytes.data(), size, 0) == size;
+  }
+  /// So many bytes, or those that came before the other side closed.
+  std::string Receive(size_t Size) const {
+    std::string bytes(Size, '\0');
+    size_t got = 0;
+    while (got < Size) {
+      const int n = ::recv(Socket_, bytes.data() + got, static_cast<int>(Size - got), 0);
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    bytes.resize(got);
+    return bytes;
+  }
+  bool IsClosed() const { return Receive(1).empty(); }
+
+  bool Connected = false;
+
+ private:
+  const SOCKET Socket_;
+};
+
+std::string Noise(size_t Size) {
+  std::mt19937 random(static_cast<unsigned>(Size));
+  std::string bytes(Size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+/// Answers each message of MessageSize bytes with itself. Some first bytes are commands.
+class TEchoServer : public TTCPServer {
+ public:
+  explicit TEchoServer(int32_t AMessageSize = 1, uint16_t Port = 0)
+      : TTCPServer(Port), MessageSize(AMessageSize) {}
+  ~TEchoServer() override { Stop(); }
+
+  const int32_t MessageSize;
+  std::atomic<int> Accepted = 0, Received = 0, Sent = 0, Closed = 0;
+  std::atomic<int32_t> LargestData = 0;
+  std::atomic<DWORD> Thread = 0;
+  std::atomic<bool> OtherThread = false;
+
+ protected:
+  void ConnectionAccepted(TTCPServerConnection& Connection) override {
+    ++Accepted;
+    Thread = ::GetCurrentThreadId();
+    Connection.Receive();
+    EXPECT_THROW(Connection.Receive(), Exception);
+    EXPECT_THROW(Connection.Send("x", 1), Exception);
+  }
+  void ConnectionReceived(TTCPServerConnection& Connection) override {
+    ++Received;
+    if (::GetCurrentThreadId() != Thread) OtherThread = true;
+    // An answer that was sent before stands in front.
+    const char* const message = Connection.GetData().data() + Connection.GetDataPosition();
+    const int32_t size = Connection.GetDataSize() - Connection.GetDataPosition();
+    if (size < MessageSize) return Connection.Receive();
+    LargestData = static_cast<int32_t>(Connection.GetData().size());
+    if (*message == 'C') return Connection.Close();
+    if (*message == 'E') throw Exception("a handler's own failure");
+    Connection.Send(message, size);
+  }
+  void ConnectionSend(TTCPServerConnection& Connection) override {
+    ++Sent;
+    Connection.Receive();
+  }
+  void ConnectionClosed(TTCPServerConnection& Connection) override {
+    ++Closed;
+    TTCPServer::ConnectionClosed(Connection);
+  }
+};
+
+TEST(TCPServer, EchoesWholeMessagesOnItsOneThread) {
+  TEchoServer server(5000);
+  EXPECT_FALSE(server.GetActive());
+  server.Start();
+  server.Start();
+  EXPECT_TRUE(server.GetActive());
+  {
+    const TClient client(PortOf(server)), other(PortOf(server));
+    ASSERT_TRUE(client.Connected && other.Connected);
+    for (int round = 1; round <= 3; ++round) {
+      const std::string message =
+          Noise(5000 - static_cast<size_t>(round)) + std::string(static_cast<size_t>(round), 'x');
+      ASSERT_TRUE(client.Send(message));
+      EXPECT_TRUE(client.Receive(5000) == message);
+      // Four pieces or more come in, four go out, and one event tells of that.
+      ASSERT_TRUE(test::WaitUntil([&] { return server.Sent == round; }));
+      EXPECT_GE(server.Received, 4 * round);
+      EXPECT_EQ(server.LargestData, round == 1 ? 8192 : 12288);
+    }
+    EXPECT_EQ(server.Accepted, 2);
+    EXPECT_FALSE(server.OtherThread);
+  }
+  ASSERT_TRUE(test::WaitUntil([&] { return server.Closed == 2; }));
+  server.Stop();
+  EXPECT_EQ(server.GetConnections().GetCount(), 0);
+  EXPECT_EQ(server.GetSocket(), 0u);
+  EXPECT_FALSE(server.GetActive() || server.GetBound());
+}
+
+TEST(TCPServer, AConnectionEndsInItsOwnEventsAndTheServerGoesOn) {
+  TEchoServer server;
+  server.SetActive(true);
+  const uint16_t port = PortOf(server);
+  const TClient closed(port), failed(port), fine(port);
+  ASSERT_TRUE(closed.Send("C"));
+  EXPECT_TRUE(closed.IsClosed());
+  ASSERT_TRUE(failed.Send("E"));  // goes to the log
+  ASSERT_TRUE(fine.Send("a"));
+  EXPECT_EQ(fine.Receive(1), "a");
+  EXPECT_EQ(server.Closed, 1);
+}
+
+TEST(TCPServer, StopsWithConnectionsOpenAndStartsAgainOnThePort) {
+  TEchoServer server;
+  server.Start();
+  server.SetPort(PortOf(server));
+  for (int round = 0; round < 5; ++round) {
+    {
+      const TClient client(server.GetPort()), silent(server.GetPort());
+      ASSERT_TRUE(client.Send("a"));
+      ASSERT_EQ(client.Receive(1), "a");
+      ASSERT_TRUE(test::WaitUntil([&] { return server.Accepted == 2 * round + 2; }));
+      server.Stop();
+      EXPECT_EQ(server.GetConnections().GetCount(), 2 * round + 2);  // kept, but dead
+    }
+    EXPECT_FALSE(TClient(server.GetPort()).Connected);
+    server.Start();
+  }
+}
+
+TEST(TCPServer, APortInUseIsAnErrorThatLeavesNothingOpen) {
+  TEchoServer first;
+  first.Start();
+  TEchoServer second(1, PortOf(first));
+  try {
+    second.Start();
+    FAIL();
+  } catch (const EOSError& e) {
+    EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(WSAEADDRINUSE));
+  }
+  EXPECT_FALSE(second.GetActive() || second.GetBound());
+  EXPECT_EQ(second.GetSocket(), 0u);
+  EXPECT_EQ(second.GetServerName(),
+            "localhost:" + std::to_string(second.GetPort()) + " (tcp-server)");
+  first.Stop();
+  second.Start();
+  EXPECT_TRUE(TClient(second.GetPort()).Connected);
+}
+
+TEST(TCPServer, IdleConnectionsAreClosedAndOthersServed) {
+  TEchoServer server;
+  server.SetIdleTimeout(0.2 / 86400);
+  server.Start();
+  const TClient busy(PortOf(server));
+  std::vector<std::unique_ptr<TClient>> silent;
+  for (int i = 0; i < 100; ++i) silent.push_back(std::make_unique<TClient>(PortOf(server)));
+  ASSERT_TRUE(test::WaitUntil(
+      [&] { return busy.Send("a") && busy.Receive(1) == "a" && server.Closed == 100; }));
+  for (const auto& client : silent) EXPECT_TRUE(client->IsClosed());
+  EXPECT_TRUE(busy.Send("b"));
+  EXPECT_EQ(busy.Receive(1), "b");
+}
+
+/// Takes what it is told to take.
+struct TTaker {
+  explicit TTaker(TCustomTCPServer& Server) {
+    Server.OnAccept = TAcceptEvent::Bind<&TTaker::OnAccept>(this);
+  }
+  void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
+    EXPECT_FALSE(Taken);
+    EXPECT_EQ(Address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    if (++Count == 1) return;
+    Taken = true;
+    Channel.Accept(Socket, Address);
+    Channel.SetActive(true);
+  }
+  int Count = 0;
+  TTCPChannel Channel;
+};
+
+TEST(TCPServer, ASocketGoesToAChannelOrIsClosed) {
+  TCustomTCPServer server(0);
+  TTaker taker(server);
+  server.Start();
+  EXPECT_TRUE(TClient(PortOf(server)).IsClosed());
+  const TClient client(PortOf(server));
+  ASSERT_TRUE(test::WaitUntil([&] { return taker.Channel.GetActive(); }));
+  ASSERT_TRUE(client.Send("ping"));
+  char bytes[4] = {};
+  const std::unique_ptr<TTransferOperation> read = taker.Channel.CreateOperation();
+  read->SetAutoTimeout(false);
+  read->SetBuffer(bytes);
+  read->SetSize(sizeof bytes);
+  read->SetActive(true);
+  ASSERT_TRUE(test::WaitUntil([&] { return !read->GetActive(); }));
+  EXPECT_EQ(std::string(bytes, 4), "ping");
+  read->SetKind(TOperationKind::okWrite);
+  read->SetActive(true);
+  EXPECT_EQ(client.Receive(4), "ping");
+  server.Stop();
+  EXPECT_TRUE(taker.Channel.GetActive());
+}
+
+// Connections that come and go at random on eight threads, while the server closes some itself, is
+// stopped with others open, and starts again.
+TEST(TCPServer, StressNothingIsLostOrLeft) {
+  constexpr int Threads = 8, Rounds = 150;
+  TEchoServer warm;
+  warm.Start();
+  { const TClient client(PortOf(warm)); }
+  warm.Stop();
+  const uint32_t handles = test::HandleCount();
+  std::atomic<int> wrong = 0, echoed = 0;
+  {
+    TEchoServer server;
+    server.Start();
+    server.SetPort(PortOf(server));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+      threads.emplace_back([&, t] {
+        std::mt19937 random(static_cast<unsigned>(t));
+        for (int round = 0; round < Rounds; ++round) {
+          // Not for long: a server that was stopped keeps its connections, and does not answer.
+          const TClient client(server.GetPort(), 300);
+          if (!client.Connected) continue;
+          for (unsigned n = random() % 4; n > 0; --n) {
+            const std::string message(1 + random() % 5000, random() % 10 == 0 ? 'C' : 'm');
+            if (random() % 8 == 0) break;  // leaves in the middle
+            if (!client.Send(message)) break;
+            const std::string answer = client.Receive(message.size());
+            if (message[0] == 'C' || answer.size() < message.size()) break;
+            if (answer != message) ++wrong;
+            ++echoed;
+          }
+        }
+      });
+    }
+    for (int stop = 0; stop < 5; ++stop) {
+      const int before = echoed;
+      test::WaitUntil([&] { return echoed >= before + 50; }, 5000);
+      server.Stop();
+      server.Start();
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+  EXPECT_GT(echoed, Threads * Rounds / 4);
+  EXPECT_TRUE(test::WaitUntil([&] { return test::HandleCount() <= handles + 2; }))
+      << handles << ", now " << test::HandleCount();
+}
+
+}  // namespace
+}  // namespace velox
