@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <numeric>
 #include <random>
 #include <string>
@@ -356,6 +357,7 @@ TEST(TCPChannel, CancelledOperationsLeaveNothingBehind) {
 /// Threads create, cancel and destroy operations at random while data flows and the channel is
 /// switched off and on.
 TEST(UDPChannel, StressOfEightThreads) {
+  constexpr int PerThread = 2500;
   TUDPChannel channel;
   TSocket peer(SOCK_DGRAM);
   const uint16_t peerPort = peer.Bind();
@@ -373,7 +375,7 @@ TEST(UDPChannel, StressOfEightThreads) {
   for (uint32_t t = 0; t < 8; ++t) {
     threads.emplace_back([&, t] {
       std::mt19937 random(t);
-      for (int i = 0; i < 400; ++i) {
+      for (int i = 0; i < PerThread; ++i) {
         TTransfer transfer(channel, random() % 2 == 0 ? okRead : okWrite, std::string(8, 'x'));
         transfer.SetAddress("127.0.0.1");
         transfer.SetPort(peerPort);
@@ -388,7 +390,7 @@ TEST(UDPChannel, StressOfEightThreads) {
       }
     });
   }
-  while (done < 8 * 400) {
+  while (done < 8 * PerThread) {
     channel.SetActive(false);
     channel.SetActive(true);
     ::Sleep(20);
@@ -400,6 +402,45 @@ TEST(UDPChannel, StressOfEightThreads) {
   EXPECT_TRUE(test::WaitUntil([] { return TIPOperationBuffer::GetInstanceCount() == 0; }))
       << TIPOperationBuffer::GetInstanceCount();
 }
+
+// Ends of tests/peers/channels_peer.py, whose other ends are programs of another system.
+
+// Sends each datagram of 512 bytes back to where it came from, until one begins with "end".
+const test::TRole UDPEcho("udp-echo", [](const std::vector<std::string>&) {
+  TUDPChannel channel;
+  channel.SetActive(true);
+  std::printf("port %u\n", TSocket::PortOf(channel.GetSocket()));
+  std::fflush(stdout);
+  for (;;) {
+    TTransfer read(channel, okRead, std::string(512, '\0'));
+    if (!read.Run()) return 1;
+    if (read.Data.substr(0, 3) == "end") return 0;
+    TTransfer write(channel, okWrite, read.Data);
+    write.SetAddress(read.GetAddress());
+    write.SetPort(read.GetPort());
+    if (!write.Run()) return 2;
+  }
+});
+
+// Connects to a port and sends back what comes, 1000 bytes at a time, until the peer closes.
+const test::TRole TCPEcho("tcp-echo", [](const std::vector<std::string>& Arguments) {
+  TTCPChannel channel;
+  channel.SetStringAddress("localhost");
+  channel.SetPort(static_cast<uint16_t>(std::stoi(Arguments[0])));
+  channel.SetConnectionTimeout(30'000);
+  channel.SetActive(true);
+  for (;;) {
+    TTransfer read(channel, okRead, std::string(1000, '\0'));
+    const bool whole = read.Run();
+    TTransfer write(channel, okWrite,
+                    read.Data.substr(0, static_cast<size_t>(read.GetTransferred())));
+    if (!write.Data.empty() && !write.Run()) return 2;
+    if (whole) continue;
+    std::printf("ended after %d bytes more, error %d\n", read.GetTransferred(),
+                read.GetErrorCode());
+    return 0;
+  }
+});
 
 }  // namespace
 }  // namespace velox

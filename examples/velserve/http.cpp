@@ -1,0 +1,238 @@
+#include "http.hpp"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace velserve {
+namespace {
+
+constexpr std::string_view Blanks = " \t";
+
+char Lower(char C) { return C >= 'A' && C <= 'Z' ? static_cast<char>(C - 'A' + 'a') : C; }
+
+bool EqualIgnoringCase(std::string_view A, std::string_view B) {
+  return std::equal(A.begin(), A.end(), B.begin(), B.end(),
+                    [](char X, char Y) { return Lower(X) == Lower(Y); });
+}
+
+// A token of RFC 9110, 5.6.2: methods and the names of fields.
+bool IsToken(std::string_view Text) {
+  constexpr std::string_view marks = "!#$%&'*+-.^_`|~";
+  return !Text.empty() && std::all_of(Text.begin(), Text.end(), [&](char c) {
+    const char l = Lower(c);
+    return (l >= 'a' && l <= 'z') || (c >= '0' && c <= '9') || marks.find(c) != marks.npos;
+  });
+}
+
+std::string_view Trim(std::string_view Text) {
+  const size_t first = Text.find_first_not_of(Blanks);
+  if (first == Text.npos) return {};
+  return Text.substr(first, Text.find_last_not_of(Blanks) - first + 1);
+}
+
+// Takes a line and its end, LF or CR LF, from the front.
+std::optional<std::string_view> TakeLine(std::string_view& Text) {
+  const size_t end = Text.find('\n');
+  if (end == Text.npos) return std::nullopt;
+  std::string_view line = Text.substr(0, end);
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  Text.remove_prefix(end + 1);
+  return line;
+}
+
+struct TFields {
+  int Hosts = 0;
+  bool Body = false;
+  bool Close = false, KeepAlive = false;
+};
+
+bool ReadRequestLine(std::string_view Line, TRequest& Request, std::string_view& Version) {
+  const size_t first = Line.find(' '), last = Line.rfind(' ');
+  if (first == Line.npos || first == last) return false;
+  const std::string_view target = Line.substr(first + 1, last - first - 1);
+  Request.Method = Line.substr(0, first);
+  Request.Target = target;
+  Version = Line.substr(last + 1);
+  return IsToken(Request.Method) && !target.empty() && target.find(' ') == target.npos;
+}
+
+bool ReadField(std::string_view Line, TFields& Fields) {
+  const size_t colon = Line.find(':');
+  if (colon == Line.npos || !IsToken(Line.substr(0, colon))) return false;
+  const std::string_view name = Line.substr(0, colon);
+  std::string_view value = Trim(Line.substr(colon + 1));
+  if (std::any_of(value.begin(), value.end(), [](char c) { return c == '\0' || c == '\r'; }))
+    return false;
+  if (EqualIgnoringCase(name, "Host")) ++Fields.Hosts;
+  if (EqualIgnoringCase(name, "Transfer-Encoding")) Fields.Body = true;
+  if (EqualIgnoringCase(name, "Content-Length")) {
+    if (value.empty() || value.find_first_not_of("0123456789") != value.npos) return false;
+    if (value.find_first_not_of('0') != value.npos) Fields.Body = true;
+  }
+  if (!EqualIgnoringCase(name, "Connection")) return true;
+  while (!value.empty()) {
+    const size_t comma = std::min(value.find(','), value.size());
+    const std::string_view option = Trim(value.substr(0, comma));
+    Fields.Close |= EqualIgnoringCase(option, "close");
+    Fields.KeepAlive |= EqualIgnoringCase(option, "keep-alive");
+    value.remove_prefix(std::min(comma + 1, value.size()));
+  }
+  return true;
+}
+
+// The status that the complete head of a request leads to.
+int Judge(const TRequest& Request, std::string_view Version, const TFields& Fields) {
+  if (Version != "HTTP/1.1" && Version != "HTTP/1.0")
+    return Version.substr(0, 5) == "HTTP/" ? 505 : 400;
+  if (Fields.Hosts > 1 || (Fields.Hosts == 0 && Version == "HTTP/1.1")) return 400;
+  if (Request.Method != "GET" && Request.Method != "HEAD") return 405;
+  return Fields.Body ? 400 : 200;  // neither method has a use for a body
+}
+
+int DigitOf(char C) {
+  if (C >= '0' && C <= '9') return C - '0';
+  const char l = Lower(C);
+  return l >= 'a' && l <= 'f' ? l - 'a' + 10 : -1;
+}
+
+std::optional<std::string> Decode(std::string_view Text) {
+  std::string decoded;
+  for (size_t i = 0; i < Text.size(); ++i) {
+    if (Text[i] != '%') {
+      decoded += Text[i];
+      continue;
+    }
+    if (i + 2 >= Text.size()) return std::nullopt;
+    const int high = DigitOf(Text[i + 1]), low = DigitOf(Text[i + 2]);
+    if (high < 0 || low < 0) return std::nullopt;
+    decoded += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return decoded;
+}
+
+// Names that open a device, in any folder and with any extension.
+bool IsDevice(std::string_view Segment) {
+  std::string_view base = Segment.substr(0, Segment.find('.'));
+  while (!base.empty() && base.back() == ' ') base.remove_suffix(1);
+  for (const std::string_view name : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "CLOCK$"})
+    if (EqualIgnoringCase(base, name)) return true;
+  const std::string_view kind = base.substr(0, 3),
+                         number = base.substr(std::min<size_t>(3, base.size()));
+  if (!EqualIgnoringCase(kind, "COM") && !EqualIgnoringCase(kind, "LPT")) return false;
+  // The superscripts one, two and three count as digits, too.
+  return (number.size() == 1 && number[0] >= '0' && number[0] <= '9') || number == "\xC2\xB9" ||
+         number == "\xC2\xB2" || number == "\xC2\xB3";
+}
+
+// Whether Windows takes the name of a file or folder as it stands.
+bool IsPlainName(std::string_view Segment) {
+  return !Segment.empty() && Segment.back() != '.' && Segment.back() != ' ' &&
+         Segment.find_first_of("\\:*?\"<>|") == Segment.npos && !IsDevice(Segment);
+}
+
+}  // namespace
+
+TParsed ParseRequest(std::string_view Text) {
+  TParsed parsed;
+  std::string_view rest = Text, version;
+  TFields fields;
+  bool first = true;
+  for (;;) {
+    const std::optional<std::string_view> line = TakeLine(rest);
+    parsed.Size = Text.size() - rest.size();
+    if (parsed.Size > LongestHead || (!line && Text.size() > LongestHead)) {
+      parsed.Status = 431;
+      return parsed;
+    }
+    if (!line) return parsed;
+    if (first && line->empty()) continue;
+    if (line->empty()) break;
+    if (first ? !ReadRequestLine(*line, parsed.Request, version) : !ReadField(*line, fields)) {
+      parsed.Status = 400;
+      return parsed;
+    }
+    first = false;
+  }
+  parsed.Status = Judge(parsed.Request, version, fields);
+  parsed.Request.KeepAlive = !fields.Close && (version == "HTTP/1.1" || fields.KeepAlive);
+  return parsed;
+}
+
+TPath PathOf(std::string_view Target) {
+  // A proxy's form names the host as well.
+  if (EqualIgnoringCase(Target.substr(0, 7), "http://")) {
+    Target.remove_prefix(7);
+    Target.remove_prefix(std::min(Target.find('/'), Target.size()));
+    if (Target.empty()) Target = "/";
+  }
+  if (Target.empty() || Target[0] != '/') return {.BadTarget = true};
+  const std::optional<std::string> decoded =
+      Decode(Target.substr(1, Target.find_first_of("?#") - 1));
+  if (!decoded) return {.BadTarget = true};
+  if (std::any_of(decoded->begin(), decoded->end(), [](char c) { return c >= 0 && c < 32; }))
+    return {.BadTarget = true};
+  std::string name;
+  for (std::string_view rest = *decoded; !rest.empty();) {
+    const size_t slash = rest.find('/');
+    const std::string_view segment = rest.substr(0, slash);
+    if (!IsPlainName(segment)) return {};
+    name += segment;
+    if (slash == rest.npos) break;
+    name += '\\';
+    rest.remove_prefix(slash + 1);
+  }
+  return {.Name = std::move(name)};
+}
+
+std::string_view ContentTypeOf(std::string_view FileName) {
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 18> types{{
+      {"html", "text/html; charset=utf-8"},
+      {"htm", "text/html; charset=utf-8"},
+      {"txt", "text/plain; charset=utf-8"},
+      {"css", "text/css; charset=utf-8"},
+      {"js", "text/javascript"},
+      {"json", "application/json"},
+      {"xml", "application/xml"},
+      {"csv", "text/csv; charset=utf-8"},
+      {"png", "image/png"},
+      {"jpg", "image/jpeg"},
+      {"jpeg", "image/jpeg"},
+      {"gif", "image/gif"},
+      {"svg", "image/svg+xml"},
+      {"ico", "image/vnd.microsoft.icon"},
+      {"pdf", "application/pdf"},
+      {"zip", "application/zip"},
+      {"wasm", "application/wasm"},
+      {"md", "text/markdown; charset=utf-8"},
+  }};
+  const size_t dot = FileName.rfind('.');
+  if (dot != FileName.npos)
+    for (const auto& [extension, type] : types)
+      if (EqualIgnoringCase(FileName.substr(dot + 1), extension)) return type;
+  return "application/octet-stream";
+}
+
+std::string_view ReasonOf(int Status) {
+  switch (Status) {
+    case 200:
+      return "OK";
+    case 301:
+      return "Moved Permanently";
+    case 400:
+      return "Bad Request";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 505:
+      return "HTTP Version Not Supported";
+    default:
+      return "Internal Server Error";
+  }
+}
+
+}  // namespace velserve
