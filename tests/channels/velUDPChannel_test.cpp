@@ -413,6 +413,7 @@ const test::TRole UDPEcho("udp-echo", [](const std::vector<std::string>&) {
   std::fflush(stdout);
   for (;;) {
     TTransfer read(channel, okRead, std::string(512, '\0'));
+    read.SetTimeout(0);  // the limit would be shared out over the bytes
     if (!read.Run()) return 1;
     if (read.Data.substr(0, 3) == "end") return 0;
     TTransfer write(channel, okWrite, read.Data);
@@ -431,6 +432,7 @@ const test::TRole TCPEcho("tcp-echo", [](const std::vector<std::string>& Argumen
   channel.SetActive(true);
   for (;;) {
     TTransfer read(channel, okRead, std::string(1000, '\0'));
+    read.SetTimeout(0);
     const bool whole = read.Run();
     TTransfer write(channel, okWrite,
                     read.Data.substr(0, static_cast<size_t>(read.GetTransferred())));
