@@ -1,16 +1,19 @@
 #include "endpoints.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 #include <utility>
 
 #include "channel_link.hpp"
 #include "datagram_link.hpp"
+#include "velox/channels/velCommunicationChannel.hpp"
 #include "velox/channels/velSharedMemChannel.hpp"
 #include "velox/channels/velTCPServer.hpp"
 #include "velox/channels/velUDPChannel.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
+#include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velSystemMessage.hpp"
 
 namespace velcopy {
@@ -189,6 +192,52 @@ std::unique_ptr<TLink> OpenDatagrams(const std::string& Address, TPlace Place, b
   }
 }
 
+// ---- serial lines
+
+constexpr int32_t DefaultLineCapacity = 32 << 10;
+
+int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most) {
+  int32_t value = 0;
+  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
+  if (error == std::errc() && end == Text.data() + Text.size() && value > 0 && value <= Most)
+    return value;
+  RefuseArguments(Format("%s must be a number from 1 to %d, not \"%s\"", What.c_str(), Most,
+                         std::string(Text).c_str()));
+}
+
+TCommBaudRate ParseRate(std::string_view Text) {
+  DCB block = TCommunicationDCB().EncodeDCB();
+  block.BaudRate = static_cast<DWORD>(ParseNumber("the rate", Text, INT32_MAX));
+  TCommunicationDCB settings;
+  try {
+    settings.DecodeDCB(block);
+  } catch (const Exception&) {
+    RefuseArguments("serial lines have no rate of " + std::string(Text));
+  }
+  return settings.GetBaudRate();
+}
+
+// N[,BAUD]. Nothing stops the other side from sending: so the driver's input queue holds as much as
+// may be on the way.
+std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& Rest, bool Receiving,
+                                int32_t Capacity) {
+  const size_t comma = Rest.find(',');
+  auto channel = std::make_unique<TCommunicationChannel>();
+  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 255));
+  channel->SetReadBufferSize(Capacity);
+  channel->GetDCB().SetBaudRate(comma == std::string::npos ? TCommBaudRate::cbr115200
+                                                           : ParseRate(Rest.substr(comma + 1)));
+  // Chunks short enough to show within a second that the line moves.
+  channel->SetWriteBufferSize(std::clamp(channel->GetDCB().GetBandwidth(), 1, 4096));
+  try {
+    channel->SetActive(true);
+  } catch (const EOSError& e) {
+    FailToOpen(Address, e.ErrorCode);
+  }
+  ::PurgeComm(channel->GetHandle(), PURGE_RXCLEAR);  // of a former session
+  return std::make_unique<TChannelLink>(std::move(channel), PeerOf(Receiving), Capacity);
+}
+
 }  // namespace
 
 [[noreturn]] void RefuseArguments(const std::string& What) {
@@ -210,6 +259,8 @@ std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,
   }
   if (kind == "udp")
     return OpenDatagrams(Address, ParsePlace(Address, rest, Receiving), Receiving, capacity);
+  if (kind == "com")
+    return OpenLine(Address, rest, Receiving, Capacity.value_or(DefaultLineCapacity));
   RefuseArguments("\"" + kind + "\" is no kind of channel (there are shm, tcp, udp and com)");
 }
 

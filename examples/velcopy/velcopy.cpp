@@ -233,12 +233,14 @@ constexpr const char* Usage =
     "  memory     shm:NAME   shm:NAME        shared memory on this machine\n"
     "  TCP        tcp:PORT   tcp:HOST:PORT\n"
     "  UDP        udp:PORT   udp:HOST:PORT\n"
+    "  serial     com:N[,BAUD]                 the line at COMN, 115200 baud by default\n"
     "\n"
-    "Start the receiver first. --size is how much may be on the way, for shm: the shared memory "
-    "for\n"
-    "each direction (default 4194304). --block is what is sent at once (default 65536, or a "
-    "quarter\n"
-    "of the size). --progress bar|lines|none: default is a bar on a console, else lines.\n";
+    "Start the receiver first.\n"
+    "\n"
+    "--size      how much may be on the way; for shm, the shared memory for each direction\n"
+    "            (default 4194304, for com 32768)\n"
+    "--block     what is sent at once (default 65536, or a quarter of the size)\n"
+    "--progress  bar, lines or none (default: a bar on a console, else lines)\n";
 
 int32_t ParseNumber(const std::string& Option, std::string_view Text, int32_t Least, int32_t Most) {
   int32_t value = 0;

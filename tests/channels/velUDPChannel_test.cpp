@@ -86,7 +86,6 @@ struct TTransfer : TIPOperation {
     SetBuffer(Data.data());
     SetSize(static_cast<int32_t>(Data.size()));
     SetAutoTimeout(false);
-    SetTimeout(30'000);
     SetOnTransferred(TOperationTransferEvent::Bind<&TTransfer::Moved>(this));
   }
   ~TTransfer() override { Close(); }

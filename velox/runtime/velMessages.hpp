@@ -80,6 +80,7 @@ inline constexpr const char* seChannelIsNotActive =
 inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
 inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
+inline constexpr const char* seIncorrectValueFor = "Incorrect value for %s";
 inline constexpr const char* seTransferNotFinished = "Transfer of the connection is not finished";
 
 // Lists of addresses.

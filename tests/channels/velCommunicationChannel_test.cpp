@@ -1,0 +1,313 @@
+// The settings of ports, and channels over a pair of ports that tests/peers/serial_peer.py
+// connects.
+#include "velox/channels/velCommunicationChannel.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/support/support.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+using enum TOperationKind;
+
+std::string MessageOf(const DCB& Block) {
+  TCommunicationDCB settings;
+  settings.SetXonLim(7);
+  try {
+    settings.DecodeDCB(Block);
+  } catch (const Exception& e) {
+    EXPECT_EQ(settings.GetXonLim(), 7);  // nothing was taken over
+    return e.what();
+  }
+  return "";
+}
+
+// The block as words: the flags stand in the third, in the order of the system's structure.
+std::vector<uint32_t> WordsOf(const DCB& Block) {
+  std::vector<uint32_t> words(sizeof(DCB) / 4);
+  std::memcpy(words.data(), &Block, sizeof(DCB));
+  return words;
+}
+
+TEST(CommunicationDCB, EncodesAndDecodesEachSettingInItsPlace) {
+  TCommunicationDCB defaults;
+  // 19200; binary, DTR and RTS on; 512 and 128; 8 bits; the bytes 17 and 19.
+  EXPECT_EQ(WordsOf(defaults.EncodeDCB()),
+            (std::vector<uint32_t>{28, 19200, 0x1011, 512u << 16, 0x00080080, 0x00131100, 0}));
+  const struct {
+    void (*Set)(TCommunicationDCB&);
+    uint32_t Flags;  // those that are set besides binary, in place of DTR and RTS
+  } flags[] = {
+      {[](TCommunicationDCB& d) { d.SetEnableParity(true); }, 0x2},
+      {[](TCommunicationDCB& d) { d.SetOutxCtsFlow(true); }, 0x4},
+      {[](TCommunicationDCB& d) { d.SetOutxDsrFlow(true); }, 0x8},
+      {[](TCommunicationDCB& d) { d.SetDtrControl(TCommDtrControl::dtrEnable); }, 0x10},
+      {[](TCommunicationDCB& d) { d.SetDtrControl(TCommDtrControl::dtrHandshake); }, 0x20},
+      {[](TCommunicationDCB& d) { d.SetDsrSensitivity(true); }, 0x40},
+      {[](TCommunicationDCB& d) { d.SetTXContinueOnXoff(true); }, 0x80},
+      {[](TCommunicationDCB& d) { d.SetOutX(true); }, 0x100},
+      {[](TCommunicationDCB& d) { d.SetInX(true); }, 0x200},
+      {[](TCommunicationDCB& d) { d.SetEnableErrorChar(true); }, 0x400},
+      {[](TCommunicationDCB& d) { d.SetEnableNull(true); }, 0x800},
+      {[](TCommunicationDCB& d) { d.SetRtsControl(TCommRtsControl::rtsEnable); }, 0x1000},
+      {[](TCommunicationDCB& d) { d.SetRtsControl(TCommRtsControl::rtsToggle); }, 0x3000},
+      {[](TCommunicationDCB& d) { d.SetAbortOnError(true); }, 0x4000},
+  };
+  for (const auto& [set, bits] : flags) {
+    TCommunicationDCB settings;
+    settings.SetDtrControl(TCommDtrControl::dtrDisable);
+    settings.SetRtsControl(TCommRtsControl::rtsDisable);
+    set(settings);
+    const DCB block = settings.EncodeDCB();
+    EXPECT_EQ(WordsOf(block)[2], bits | 1);
+    TCommunicationDCB back;
+    back.DecodeDCB(block);
+    EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(block));
+  }
+  TCommunicationDCB settings;
+  settings.SetBaudRate(TCommBaudRate::cbr460800);
+  settings.SetXonLim(1);
+  settings.SetXoffLim(2);
+  settings.SetByteSize(7);
+  settings.SetParityScheme(TCommParityScheme::cpSpace);
+  settings.SetStopBits(TCommStopBits::csbTwo);
+  settings.SetXonChar(250);
+  settings.SetXoffChar(251);
+  settings.SetErrorChar(252);
+  settings.SetEofChar(253);
+  settings.SetEvtChar(254);
+  const DCB block = settings.EncodeDCB();
+  EXPECT_EQ(block.BaudRate, 460800u);
+  EXPECT_EQ(block.XonLim, 1);
+  EXPECT_EQ(block.XoffLim, 2);
+  EXPECT_EQ(block.ByteSize, 7);
+  EXPECT_EQ(block.Parity, SPACEPARITY);
+  EXPECT_EQ(block.StopBits, TWOSTOPBITS);
+  EXPECT_EQ(std::string(&block.XonChar, 5), "\xFA\xFB\xFC\xFD\xFE");
+  TCommunicationDCB back;
+  back.DecodeDCB(block);
+  EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(block));
+  back.InitializeDefault();
+  EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(defaults.EncodeDCB()));
+}
+
+TEST(CommunicationDCB, RefusesValuesThatItHasNoNameFor) {
+  const DCB good = TCommunicationDCB().EncodeDCB();
+  EXPECT_EQ(MessageOf(good), "");
+  DCB rate = good, other = good, dtr = good, parity = good, stop = good;
+  rate.BaudRate = 921600;  // can be set all the same
+  other.BaudRate = 12345;
+  dtr.fDtrControl = 3;
+  parity.Parity = 5;
+  stop.StopBits = 3;
+  EXPECT_EQ(MessageOf(rate), "Incorrect value for baud rate");
+  EXPECT_EQ(MessageOf(other), "Incorrect value for baud rate");
+  EXPECT_EQ(MessageOf(dtr), "Incorrect value for dtr control");
+  EXPECT_EQ(MessageOf(parity), "Incorrect value for parity");
+  EXPECT_EQ(MessageOf(stop), "Incorrect value for stop bits");
+  TCommunicationDCB fast;
+  fast.SetBaudRate(TCommBaudRate::cbr921600);
+  EXPECT_EQ(fast.EncodeDCB().BaudRate, 921600u);
+}
+
+TEST(CommunicationDCB, BandwidthCountsTheBitsOfAByte) {
+  TCommunicationDCB settings;
+  EXPECT_EQ(settings.GetBandwidth(), 1920);
+  settings.SetBaudRate(TCommBaudRate::cbr9600);
+  settings.SetByteSize(7);
+  settings.SetParityScheme(TCommParityScheme::cpEven);
+  settings.SetStopBits(TCommStopBits::csbOneAndHalf);
+  EXPECT_EQ(settings.GetBandwidth(), 872);
+}
+
+TEST(CommunicationChannel, TimeoutsFollowBandwidthAndLatence) {
+  for (const bool nt : {true, false}) {
+    TCommunicationChannel channel(nt);
+    channel.SetBandwidth(1920);
+    channel.SetLatence(30);
+    EXPECT_EQ(channel.GetTimeouts().GetWriteTotalTimeoutMultiplier(), 1u);
+    EXPECT_EQ(channel.GetTimeouts().GetWriteTotalTimeoutConstant(), 30u);
+    channel.SetBandwidth(11);
+    EXPECT_EQ(channel.GetTimeouts().GetWriteTotalTimeoutMultiplier(), 91u);
+    EXPECT_THROW(channel.SetBandwidth(0), EDivByZero);
+    EXPECT_FALSE(channel.GetTimeouts().GetModified());
+    channel.SetCommPortIndex(250);
+    EXPECT_THROW(channel.SetActive(true), EOSError);
+    EXPECT_FALSE(channel.GetActive());
+    EXPECT_EQ(channel.GetHandle(), INVALID_HANDLE_VALUE);
+  }
+}
+
+// --- A pair of connected ports ---
+
+std::string Noise(size_t Size) {
+  std::mt19937 random(static_cast<uint32_t>(Size));
+  std::string data(Size, '\0');
+  for (char& c : data) c = static_cast<char>(random());
+  return data;
+}
+
+struct TTransfer : TTransferOperation {
+  TTransfer(TChannel& Channel, TOperationKind Kind, std::string AData) : Data(std::move(AData)) {
+    SetChannel(&Channel);
+    SetKind(Kind);
+    SetBuffer(Data.data());
+    SetSize(static_cast<int32_t>(Data.size()));
+    SetAutoTimeout(false);
+  }
+  ~TTransfer() override { Close(); }
+  bool Wait() {
+    return test::WaitUntil([this] { return !GetActive(); }) && GetSucceeded();
+  }
+  std::string Data;
+};
+
+/// Both ends of the line, each with the way of telling the end of requests that the case is for.
+class CommunicationPorts : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    const char* const ports = std::getenv("VELOX_TEST_PORTS");
+    if (ports == nullptr)
+      GTEST_SKIP() << "there are no serial ports here; tests/peers/serial_peer.py runs this";
+    Near.SetCommPortIndex(std::atoi(ports));
+    Far.SetCommPortIndex(std::atoi(std::strchr(ports, ',') + 1));
+    for (TCommunicationChannel* channel : {&Near, &Far}) {
+      channel->GetDCB().SetBaudRate(TCommBaudRate::cbr115200);
+      channel->SetActive(true);
+      EXPECT_EQ(channel->GetBandwidth(), 11520);
+    }
+  }
+
+  TCommunicationChannel Near{GetParam()}, Far{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(BothWays, CommunicationPorts, testing::Bool());
+
+TEST_P(CommunicationPorts, CarryAMebibyteBothWaysAtOnce) {
+  const std::string forth = Noise(1 << 20), back = Noise((1 << 20) - 5);
+  TTransfer readForth(Far, okRead, std::string(forth.size(), 0)),
+      readBack(Near, okRead, std::string(back.size(), 0)), writeForth(Near, okWrite, forth),
+      writeBack(Far, okWrite, back);
+  for (TTransfer* transfer : {&readForth, &readBack, &writeForth, &writeBack})
+    transfer->SetActive(true);
+  for (TTransfer* transfer : {&writeForth, &writeBack, &readForth, &readBack})
+    EXPECT_TRUE(test::WaitUntil([&] { return !transfer->GetActive(); }, 300'000) &&
+                transfer->GetSucceeded());
+  EXPECT_TRUE(readForth.Data == forth);
+  EXPECT_TRUE(readBack.Data == back);
+}
+
+TEST_P(CommunicationPorts, ACancelledReadLeavesWhatComesToTheNext) {
+  const uint32_t handles = test::HandleCount();
+  std::string sent, got;
+  for (int i = 0; i < 500; ++i) {
+    const std::string message = "message " + std::to_string(i) + ";";
+    TTransfer cancelled(Far, okRead, std::string(5, 0));
+    cancelled.SetActive(true);
+    TTransfer write(Near, okWrite, message);
+    write.SetActive(true);
+    ASSERT_TRUE(write.Wait());
+    sent += message;
+    cancelled.SetActive(false);
+    got += cancelled.Data.substr(0, static_cast<size_t>(cancelled.GetTransferred()));
+    TTransfer read(Far, okRead, std::string(sent.size() - got.size(), 0));
+    read.SetActive(true);
+    ASSERT_TRUE(read.Wait()) << i;
+    got += read.Data;
+    ASSERT_EQ(got, sent);
+  }
+  EXPECT_TRUE(test::WaitUntil([&] { return test::HandleCount() <= handles + 4; }));
+}
+
+TEST_P(CommunicationPorts, OperationsComeAndGoAtRandom) {
+  std::vector<std::thread> threads;
+  std::atomic<int> done = 0;
+  for (uint32_t t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 random(t);
+      for (int i = 0; i < 300; ++i) {
+        TTransfer transfer(random() % 2 == 0 ? Near : Far, random() % 2 == 0 ? okRead : okWrite,
+                           std::string(1 + random() % 50, 'x'));
+        try {
+          transfer.SetActive(true);
+          if (random() % 4 == 0) test::WaitUntil([&] { return !transfer.GetActive(); }, 10);
+          if (random() % 2 == 0) transfer.SetActive(false);
+        } catch (const Exception& e) {
+          EXPECT_STREQ(e.what(), "Channel is not active. Cannot perform operation.");
+        }
+        ++done;
+      }
+    });
+  }
+  while (done < 8 * 300) {
+    Near.SetActive(false);
+    Near.SetActive(true);
+    ::Sleep(20);
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_P(CommunicationPorts, AReadEndsInTime) {
+  if (!GetParam()) GTEST_SKIP() << "reads have no time limit where an event tells their end";
+  TTransfer read(Far, okRead, std::string(100, 0));
+  read.SetAutoTimeout(true);
+  Far.SetLatence(50);  // without it the time of a single byte comes to nothing, which is no limit
+  int whole = -1;
+  do {  // what another case has left on the line comes first
+    read.SetActive(true);
+    ++whole;
+  } while (read.Wait());
+  EXPECT_FALSE(read.GetActive());
+  EXPECT_LT(whole, 10'000);
+}
+
+TEST_P(CommunicationPorts, SettingsReachThePortAsTheyShould) {
+  const auto rate = [this] {
+    DCB block{};
+    block.DCBlength = sizeof block;
+    EXPECT_TRUE(::GetCommState(Near.GetHandle(), &block));
+    return block.BaudRate;
+  };
+  const auto constant = [this] {
+    COMMTIMEOUTS timeouts{};
+    EXPECT_TRUE(::GetCommTimeouts(Near.GetHandle(), &timeouts));
+    return timeouts.ReadTotalTimeoutConstant;
+  };
+  TCommunicationDCB& settings = Near.GetDCB();
+  TCommunicationTimeouts& timeouts = Near.GetTimeouts();
+  EXPECT_EQ(rate(), 115200u);
+  settings.SetBaudRate(TCommBaudRate::cbr9600);
+  EXPECT_EQ(rate(), 9600u);
+  settings.BeginUpdate();
+  settings.BeginUpdate();
+  settings.SetBaudRate(TCommBaudRate::cbr19200);
+  settings.EndUpdate();
+  EXPECT_EQ(rate(), 9600u);
+  EXPECT_TRUE(settings.GetModified());
+  settings.EndUpdate();
+  EXPECT_EQ(rate(), 19200u);
+  EXPECT_FALSE(settings.GetModified());
+
+  const DWORD before = constant();
+  timeouts.SetReadTotalTimeoutConstant(before + 77);
+  EXPECT_EQ(constant(), before);
+  timeouts.BeginUpdate();
+  timeouts.SetReadIntervalTimeout(5);
+  timeouts.EndUpdate();
+  EXPECT_EQ(constant(), before + 77);
+  EXPECT_THROW(Near.SetReadBufferSize(1), Exception);
+}
+
+}  // namespace
+}  // namespace velox
