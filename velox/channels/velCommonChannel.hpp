@@ -432,7 +432,7 @@ class VELOX_API TOperationQueue : public TObject {
   TTransferOperation* StartNextOperation();
   void TransferChunk(TTransferOperation& Operation);
   void TakeCompleted(TBatch& Batch);
-  bool TimeoutIsDue() const noexcept;
+  void StartTimer();
 
   /// Makes sure that no completion of the operation is due or running elsewhere (see
   /// TTransferOperation::Close).
@@ -452,9 +452,10 @@ class VELOX_API TOperationQueue : public TObject {
   std::vector<TTransferOperation*> Operations_;  // head first
   int32_t TransferSize_ = 0;
   bool TransferPending_ = false;
-  bool TimeoutArmed_ = false;
-  uint64_t TimeoutDue_ = 0;  // in the system's milliseconds, while armed
-  TStep* Step_ = nullptr;    // the innermost step at work
+  bool TimeoutArmed_ = false;  // there is a limit for the pending chunk
+  uint64_t TimeoutDue_ = 0;    // its end, in the system's milliseconds
+  uint64_t TimerDue_ = 0;      // when the timer fires next; 0: not set
+  TStep* Step_ = nullptr;      // the innermost step at work
 };
 
 }  // namespace velox

@@ -510,29 +510,33 @@ int32_t TOperationQueue::GetChunkTimeout(const TTransferOperation& Operation, in
 }
 
 void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
-  FinishTimeoutTask();
-  if (Timeout == 0) return;
-  TimeoutTask_->SetDuration(Timeout);
-  TimeoutDue_ = ::GetTickCount64() + static_cast<uint64_t>(TimeoutTask_->GetDuration());
-  TimeoutArmed_ = true;
+  TimeoutArmed_ = Timeout != 0;
+  if (!TimeoutArmed_) return;
+  TimeoutDue_ = ::GetTickCount64() + static_cast<uint64_t>(std::max(Timeout, 0));
+  StartTimer();
+}
+
+// The timer is left alone when it fires before it is needed: it is started anew then. So a queue
+// whose chunks are done in time sets it once in a while, not for each of them.
+void TOperationQueue::StartTimer() {
+  if (TimerDue_ != 0 && TimerDue_ <= TimeoutDue_) return;
+  TimeoutTask_->SetActive(0);
+  ::ResetEvent(TimeoutEvent_.Get());
+  TimeoutTask_->SetDuration(
+      std::max<int64_t>(0, static_cast<int64_t>(TimeoutDue_ - ::GetTickCount64())));
+  TimerDue_ = TimeoutDue_;
   TimeoutTask_->SetActive(1);
 }
 
-void TOperationQueue::FinishTimeoutTask() {
-  if (!std::exchange(TimeoutArmed_, false)) return;
-  TimeoutTask_->SetActive(0);
-  ::ResetEvent(TimeoutEvent_.Get());
-}
+void TOperationQueue::FinishTimeoutTask() { TimeoutArmed_ = false; }
 
-// A timeout may have fired, and even woken the reactor, for a chunk that ended before the reaction
-// got the lock.
-bool TOperationQueue::TimeoutIsDue() const noexcept {
-  return TimeoutArmed_ && ::GetTickCount64() + TimeoutTolerance >= TimeoutDue_;
-}
-
+/// What the timer has fired for, if anything, may have been done long ago.
 void TOperationQueue::TerminateTimedOutOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                                  TObject*) {
-  if (TimeoutIsDue()) TerminateOperationByIndex(ACompletedIndex, ACompletedCount, nullptr);
+  TimerDue_ = 0;
+  if (!TimeoutArmed_) return;
+  if (::GetTickCount64() + TimeoutTolerance < TimeoutDue_) return StartTimer();
+  TerminateOperationByIndex(ACompletedIndex, ACompletedCount, nullptr);
 }
 
 void TOperationQueue::TerminateOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,
