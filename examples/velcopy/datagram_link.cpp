@@ -197,7 +197,7 @@ void TDatagramLink::Work() {
 
 void TDatagramLink::WorkUntilMoved() {
   Work();
-  if (::GetTickCount64() - Progress_ < StillLimit * 1000u) return;
+  if (::GetTickCount64() - Progress_ < StillLimit * 1000ull) return;
   if (const int32_t error = Error_; error != 0) {
     throw EPeerGone("cannot reach the " + Peer_ + ": " +
                     SystemErrorMessage(static_cast<uint32_t>(error)));
