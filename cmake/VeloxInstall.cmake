@@ -6,6 +6,7 @@ include(CMakePackageConfigHelpers)
 set(VELOX_PRIVATE_HEADERS
   async/velCallbackLink.hpp
   channels/velChannelArithmetic.hpp
+  channels/velSocket.hpp
   foundation/velStringUtils_tokens.hpp
   foundation/velTraceHeap.hpp
   runtime/velModules.hpp
