@@ -6,6 +6,10 @@
 /// What depends on the compiler. Porting the library to another one starts, and should end, in this
 /// folder.
 
+#if __cplusplus < 202002L
+#error "Velox needs C++20: compile with -std=c++20 or later"
+#endif
+
 #if defined(VELOX_STATIC)
 #define VELOX_API
 #elif defined(VELOX_BUILDING)

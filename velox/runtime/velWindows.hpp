@@ -9,9 +9,6 @@
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
-#ifndef _WIN32_WINNT
-#define _WIN32_WINNT 0x0601
-#endif
 
 #include <winsock2.h>
 #include <ws2tcpip.h>
