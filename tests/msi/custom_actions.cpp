@@ -72,8 +72,17 @@ VELOX_ACTION(Cancel) {
   return Guard(Session, [](TMSIInstaller& installer) { installer.DoAction("ReturnUserExit"); });
 }
 
+// The action that it starts suspends the installation; an Installer that does not tell so to who
+// started it is helped out.
 VELOX_ACTION(Suspend) {
-  return Guard(Session, [](TMSIInstaller& installer) { installer.DoAction("ReturnSuspend"); });
+  std::string report;
+  const UINT result = Guard(Session, [&](TMSIInstaller& installer) {
+    report = installer.GetPropertyValue("REPORT");
+    installer.DoAction("ReturnSuspend");
+    throw EMSICaInstallSuspended("Suspend");
+  });
+  Tell(report, Format("returns %u", result));
+  return result;
 }
 
 VELOX_ACTION(Fail) {
@@ -86,6 +95,4 @@ VELOX_ACTION(ReturnUserExit) {
   return Session == 0 ? ERROR_INVALID_HANDLE : ERROR_INSTALL_USEREXIT;
 }
 
-VELOX_ACTION(ReturnSuspend) {
-  return Session == 0 ? ERROR_INVALID_HANDLE : ERROR_INSTALL_SUSPEND;
-}
+VELOX_ACTION(ReturnSuspend) { return Session == 0 ? ERROR_INVALID_HANDLE : ERROR_INSTALL_SUSPEND; }

@@ -18,8 +18,8 @@ void Run(TMSIDatabase& Database, const std::string& Statement, const TStrings& V
 /// The rows of a query, each as its fields joined by "|".
 TStrings Rows(TMSIDatabase& Database, const std::string& Query);
 
-/// Makes a package that installs nothing but runs our custom actions (custom_actions.cpp), each when
-/// the property SCENARIO has the action's name.
+/// Makes a package that installs nothing but runs our custom actions (custom_actions.cpp), each
+/// when the property SCENARIO has the action's name.
 void MakePackage(const std::string& FileName);
 
 }  // namespace velox::test

@@ -165,8 +165,7 @@ TEST_F(MSIDatabase, RefusesFaultyQueries) {
 }
 
 TEST_F(MSIDatabase, KnowsWhereTablesExist) {
-  test::Run(Database_,
-            "CREATE TABLE `M` (`K` SHORT NOT NULL TEMPORARY PRIMARY KEY `K`) HOLD");
+  test::Run(Database_, "CREATE TABLE `M` (`K` SHORT NOT NULL TEMPORARY PRIMARY KEY `K`) HOLD");
   EXPECT_EQ(Database_.GetTableExistence("T"), msiTablePersistent);
   EXPECT_EQ(Database_.GetTableExistence("M"), msiTableTemporary);
   EXPECT_EQ(Database_.GetTableExistence("None"), msiTableAbsent);
@@ -189,8 +188,7 @@ TEST_F(MSIDatabase, KeepsWhatIsCommitted) {
 TEST_F(MSIDatabase, ClosesEachHandleOnceInAnyOrder) {
   ASSERT_NE(::MsiCloseAllHandles(), 0u);  // the fixture's own is closed with the rest
   for (int order = 0; order < 2; ++order) {
-    auto database =
-        std::make_unique<TMSIDatabase>(test::OpenDatabase(File_, MSIDBOPEN_CREATE));
+    auto database = std::make_unique<TMSIDatabase>(test::OpenDatabase(File_, MSIDBOPEN_CREATE));
     test::Run(*database, "CREATE TABLE `T` (`K` SHORT NOT NULL PRIMARY KEY `K`)");
     test::Run(*database, "INSERT INTO `T` (`K`) VALUES (5)");
     auto view = std::make_unique<TMSIView>(*database, "SELECT `K` FROM `T`");
@@ -230,7 +228,8 @@ TEST(MSIComponents, AreProcessedAsTheirStatesSay) {
   for (const auto& row : rows) {
     for (const int a : row.Installed) {
       for (const int b : row.Requested) {
-        const auto installed = static_cast<INSTALLSTATE>(a), requested = static_cast<INSTALLSTATE>(b);
+        const auto installed = static_cast<INSTALLSTATE>(a),
+                   requested = static_cast<INSTALLSTATE>(b);
         EXPECT_EQ(TMSIInstaller::IsComponentInstalling(installed, requested), row.Installing);
         EXPECT_EQ(TMSIInstaller::IsComponentReinstalling(installed, requested), row.Reinstalling);
         EXPECT_EQ(TMSIInstaller::IsComponentUninstalling(installed, requested), row.Uninstalling);
@@ -349,8 +348,8 @@ struct TUser {
 
 TEST_F(MSIOpenedPackage, AsksTheUser) {
   TUser user{static_cast<UINT>(INSTALLMESSAGE_ACTIONDATA), IDOK, {}};
-  ::MsiSetExternalUIA(&TUser::Answer, INSTALLLOGMODE_ACTIONDATA | INSTALLLOGMODE_ERROR |
-                                          INSTALLLOGMODE_INFO,
+  ::MsiSetExternalUIA(&TUser::Answer,
+                      INSTALLLOGMODE_ACTIONDATA | INSTALLLOGMODE_ERROR | INSTALLLOGMODE_INFO,
                       &user);
   Installer_->ActionDataMessage({"1", "2"});
   Installer_->ActionDataMessage({});
@@ -370,13 +369,90 @@ TEST_F(MSIOpenedPackage, AsksTheUser) {
   user = {static_cast<UINT>(INSTALLMESSAGE_ERROR), IDRETRY, {}};
   EXPECT_EQ(Installer_->ShowErrorMessage(25001, MB_RETRYCANCEL, {"why"}), IDRETRY);
   EXPECT_EQ(Installer_->HandleException(Exception("e"), 25001, MB_OK, {"what"}), 1603u);
-  EXPECT_EQ(user.Messages.size(), 2u);
-  for (const auto& m : user.Messages) std::printf("<%s>\n", m.c_str());
+  ASSERT_EQ(user.Messages.size(), 2u);
+  EXPECT_NE(user.Messages[0].find("Our error 25001: why"), std::string::npos) << user.Messages[0];
+  EXPECT_NE(user.Messages[1].find("Our error 25001: what"), std::string::npos) << user.Messages[1];
 
   user = {static_cast<UINT>(INSTALLMESSAGE_INFO), IDOK, {}};
   EXPECT_EQ(Installer_->LogMessage("[2] before [1]", {"a", "b"}), IDOK);
   EXPECT_EQ(user.Messages, std::vector<std::string>{"b before a"});
   ::MsiSetExternalUIA(nullptr, 0, nullptr);
+}
+
+// The Installer itself, in processes of its own, runs the actions of custom_actions.cpp.
+class MSIInstallation : public MSIPackage {
+ protected:
+  void SetUp() override {
+    MSIPackage::SetUp();
+    // The actions' library, which the Installer takes out of the package, needs velox.dll.
+    char path[32768];
+    ::GetEnvironmentVariableA("PATH", path, sizeof path);
+    ::SetEnvironmentVariableA("PATH", (ExtractFolder(GetProgramFileName()) + ";" + path).c_str());
+    Path_ = path;
+  }
+  void TearDown() override {
+    test::TChild("msiexec /x \"" + File_ + "\" /qn").Wait();
+    ::SetEnvironmentVariableA("PATH", Path_.c_str());
+  }
+
+  /// The exit code of an installation in which the action of that name runs.
+  uint32_t Install(const std::string& Action) {
+    return test::TChild("msiexec /i \"" + File_ + "\" /qn /l*v \"" + Log_ +
+                        "\" SCENARIO=" + Action + " REPORT=\"" + Report_ + "\"")
+        .Wait();
+  }
+
+  /// Whether the last installation wrote the text to its log, which is in 8 or in 16 bits.
+  bool Logged(const std::string& Text) {
+    std::string log = test::ReadFileBytes(Log_);
+    std::erase(log, '\0');
+    return log.find(Text) != std::string::npos;
+  }
+
+  const std::string Log_ = Folder_.File("log.txt"), Report_ = Folder_.File("report.txt");
+  std::string Path_;
+};
+
+TEST_F(MSIInstallation, RunsActionsNowAndFromTheScript) {
+  EXPECT_EQ(Install("Report"), 0u);
+  EXPECT_EQ(test::ReadFileBytes(Report_),
+            "product Velox actions\r\n"
+            "missing <>\r\n"
+            "ours a \"quoted\" [text]\r\n"
+            "eval Velox actions/1.0.0\r\n"
+            "installing 1 language 1033 scheduled 0\r\n"
+            "component 1\r\n"
+            "error Our error [1]: [2]\r\n"
+            "data <>\r\n"
+            "deferred with data scheduled 1 rollback 0\r\n");
+  EXPECT_TRUE(Logged("Logged one and two"));
+  EXPECT_TRUE(Logged("Item 1 of 2"));
+}
+
+TEST_F(MSIInstallation, EndsAsTheActionsDo) {
+  EXPECT_EQ(Install("Cancel"), 1602u);
+  EXPECT_FALSE(Logged("Our error 25001"));
+  EXPECT_EQ(Install("Fail"), 1603u);
+  EXPECT_TRUE(Logged("Our error 25001: System Error. Code: 1615"));
+  EXPECT_EQ(Install("None"), 0u);
+}
+
+TEST_F(MSIInstallation, CanBeSuspended) {
+  const uint32_t code = Install("Suspend");
+  EXPECT_EQ(test::ReadFileBytes(Report_), "returns 1604\r\n");
+  if (code == 1604) return;
+  // Wine goes on to the end, but enters what is to be done after a restart: under the packed code
+  // of the product, which this removes again.
+  EXPECT_EQ(code, 0u);
+  const char* const packed = "C3E1A7E6B0E534A4F9E0C6A8D0B5F711";
+  LSTATUS found = ERROR_SUCCESS;
+  for (const char* key :
+       {"Software\\Microsoft\\Windows\\CurrentVersion\\RunOnce",
+        "Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\RunOnceEntries"}) {
+    found |= ::RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key, packed);
+  }
+  EXPECT_EQ(found, ERROR_SUCCESS);
+  GTEST_SKIP() << "this Installer enters a restart, but does not end with 1604 itself";
 }
 
 }  // namespace

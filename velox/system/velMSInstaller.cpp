@@ -208,8 +208,7 @@ bool IsSelect(const std::string& Query) {
 
 }  // namespace
 
-TMSIView::TMSIView(TMSIDatabase& Database, const std::string& Query)
-    : HasRows_(IsSelect(Query)) {
+TMSIView::TMSIView(TMSIDatabase& Database, const std::string& Query) : HasRows_(IsSelect(Query)) {
   CheckOSResult(msi::DatabaseOpenViewA(Database.GetHandle(), Query.c_str(), Handle_.Receive()));
 }
 TMSIView::~TMSIView() = default;

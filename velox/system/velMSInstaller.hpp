@@ -190,8 +190,8 @@ class VELOX_API TMSIView : public TObject {
   bool GetEof() const noexcept { return Eof_; }
 
   /// Runs the query, with the record's fields in place of its "?", and fetches the first row. A
-  /// statement other than SELECT makes no rows and is at its end then. Raises Exception "Cannot open
-  /// MSI View, because it is opened already.", and the current row stays.
+  /// statement other than SELECT makes no rows and is at its end then. Raises Exception "Cannot
+  /// open MSI View, because it is opened already.", and the current row stays.
   void Open(const TMSIRecord* Parameters = nullptr);
   /// Fetches the next row; behind the last one there is none, and GetEof() tells so. Raises
   /// Exception "MSI View is not opened".
