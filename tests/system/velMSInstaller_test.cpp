@@ -25,16 +25,6 @@ uint32_t CodeOf(const F& Call) {
   }
 }
 
-template <class F>
-std::string MessageOf(const F& Call) {
-  try {
-    Call();
-    return {};
-  } catch (const Exception& e) {
-    return e.what();
-  }
-}
-
 // ------------------------------------------------------------------------------ records and fields
 
 TEST(MSIRecord, KeepsTextsOfAnyLength) {
@@ -116,7 +106,7 @@ class MSIDatabase : public ::testing::Test {
 
 TEST_F(MSIDatabase, ViewsGoThroughTheirRows) {
   TMSIView view(Database_, "SELECT `V` FROM `T` WHERE `K` > ?");
-  EXPECT_EQ(MessageOf([&] { view.Next(); }), "MSI View is not opened");
+  EXPECT_EQ(test::MessageOf([&] { view.Next(); }), "MSI View is not opened");
   view.Close();
   TMSIRecord parameters(1);
   parameters.GetField(1).SetAsInteger(1);
@@ -125,7 +115,7 @@ TEST_F(MSIDatabase, ViewsGoThroughTheirRows) {
   EXPECT_FALSE(view.GetEof());
   TMSIRecord* const row = view.GetRecord();
   ASSERT_NE(row, nullptr);
-  EXPECT_EQ(MessageOf([&] { view.Open(&parameters); }),
+  EXPECT_EQ(test::MessageOf([&] { view.Open(&parameters); }),
             "Cannot open MSI View, because it is opened already.");
   EXPECT_EQ(view.GetRecord(), row);
   EXPECT_EQ(row->GetField(1).GetAsString(), "two");
@@ -140,7 +130,7 @@ TEST_F(MSIDatabase, ViewsGoThroughTheirRows) {
   view.Open(&parameters);
   EXPECT_EQ(view.GetRecord()->GetField(1).GetAsString(), "two");
   view.Close();
-  EXPECT_EQ(MessageOf([&] { view.Next(); }), "MSI View is not opened");
+  EXPECT_EQ(test::MessageOf([&] { view.Next(); }), "MSI View is not opened");
   parameters.GetField(1).SetAsInteger(9);
   view.Open(&parameters);
   EXPECT_TRUE(view.GetEof());
