@@ -43,6 +43,13 @@ void CheckOSResultFiltered(std::span<const uint32_t> Allowed) {
   if (std::find(Allowed.begin(), Allowed.end(), code) == Allowed.end()) CheckOSResult(code);
 }
 
+VELOX_NOINLINE void OleCheck(int32_t Result) {
+  if (Result >= 0) return;
+  const auto code = static_cast<uint32_t>(Result);
+  throw EOleSysError(Format(messages::seOleError, code, SystemErrorMessage(code).c_str()), Result,
+                     VELOX_RETURN_ADDRESS());
+}
+
 // ------------------------------------------------------------------------------------------- paths
 
 namespace {

@@ -40,6 +40,10 @@ VELOX_API void CheckOSResultFiltered(uint32_t Allowed);
 /// The same with any number of allowed codes.
 VELOX_API void CheckOSResultFiltered(std::span<const uint32_t> Allowed);
 
+/// For COM's functions: raises EOleSysError with this HRESULT, and the system's own text for it,
+/// when it tells of a failure (is negative).
+VELOX_API void OleCheck(int32_t Result);
+
 // ------------------------------------------------------------------------------------------ memory
 // Sizes are bytes; a negative one counts as 0.
 

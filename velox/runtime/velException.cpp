@@ -21,7 +21,9 @@ EOSError::EOSError(std::string Text, uint32_t AErrorCode, const void* AAddress)
 EOSError::~EOSError() = default;
 
 EOleSysError::EOleSysError(std::string Text, int32_t AErrorCode)
-    : Exception(std::move(Text), VELOX_RETURN_ADDRESS()), ErrorCode(AErrorCode) {}
+    : EOleSysError(std::move(Text), AErrorCode, VELOX_RETURN_ADDRESS()) {}
+EOleSysError::EOleSysError(std::string Text, int32_t AErrorCode, const void* AAddress)
+    : Exception(std::move(Text), AAddress), ErrorCode(AErrorCode) {}
 EOleSysError::~EOleSysError() = default;
 
 EOutOfMemory::EOutOfMemory() : Exception(messages::seOutOfMemory, VELOX_RETURN_ADDRESS()) {}

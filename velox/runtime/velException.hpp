@@ -85,10 +85,12 @@ VELOX_EXCEPTION(EWriteError, EStreamError);
 VELOX_EXCEPTION(EFOpenError, EStreamError);
 VELOX_EXCEPTION(EFCreateError, EStreamError);
 
-/// A COM call failed.
+/// A COM call failed. Raised through OleCheck (velSysUtils.hpp), which builds the message.
 class VELOX_API EOleSysError : public Exception {
  public:
   VELOX_NOINLINE EOleSysError(std::string Text, int32_t AErrorCode);
+  /// As raised at another address.
+  EOleSysError(std::string Text, int32_t AErrorCode, const void* AAddress);
   ~EOleSysError() override;
 
   /// The HRESULT.

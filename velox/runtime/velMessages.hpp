@@ -9,6 +9,7 @@ inline constexpr const char* seClassCannotBeCreated = "Class cannot be created w
 
 // Operating-system errors: code, then the system's own text for it.
 inline constexpr const char* seOSError = "System Error. Code: %u. %s";
+inline constexpr const char* seOleError = "COM Error. Code: 0x%08X. %s";
 inline constexpr const char* seUnknownOSError = "A call to an OS function failed";
 inline constexpr const char* seOutOfMemory = "Out of memory";
 inline constexpr const char* seDivByZero = "Division by zero";
@@ -47,6 +48,11 @@ inline constexpr const char* seBufferIsDamaged = "Shared buffer is damaged";
 // Process and module information.
 inline constexpr const char* seVersionRootMissing = "Root block of version resource does not exist";
 inline constexpr const char* seFileNameIsEmpty = "File name cannot be empty";
+
+// The Windows Installer.
+inline constexpr const char* seViewIsNotOpened = "MSI View is not opened";
+inline constexpr const char* seViewIsOpenedAlready =
+    "Cannot open MSI View, because it is opened already.";
 
 // Asynchronous execution.
 inline constexpr const char* seCallIsBusy = "Call is busy";

@@ -1,0 +1,239 @@
+#include "velox/system/velXMLUtils.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/support.hpp"
+#include "velox/foundation/velSysUtils.hpp"
+#include "velox/runtime/velComThread.hpp"
+#include "velox/runtime/velException.hpp"
+
+namespace velox {
+namespace {
+
+template <class T>
+using TReference = std::unique_ptr<T, TInterfaceRelease>;
+
+/// A text for the DOM.
+class TBstr {
+ public:
+  explicit TBstr(const std::wstring& Text) : Text_(::SysAllocString(Text.c_str())) {}
+  ~TBstr() { ::SysFreeString(Text_); }
+  TBstr(const TBstr&) = delete;
+  TBstr& operator=(const TBstr&) = delete;
+  operator BSTR() const { return Text_; }
+
+ private:
+  BSTR Text_;
+};
+
+std::wstring TakeText(BSTR Text) {
+  const std::wstring copy(Text, ::SysStringLen(Text));
+  ::SysFreeString(Text);
+  return copy;
+}
+
+/// Line ends as a line feed alone: some DOMs drop the carriage return.
+std::wstring PlainLines(std::wstring Text) {
+  for (size_t i = 0; (i = Text.find(L"\r\n", i)) != std::wstring::npos;) Text.erase(i, 1);
+  return Text;
+}
+
+TXMLDocumentReference NewDocument() {
+  void* document = nullptr;
+  OleCheck(::CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                              &document));
+  TXMLDocumentReference made(static_cast<IXMLDOMDocument*>(document));
+  OleCheck(made->put_preserveWhiteSpace(VARIANT_TRUE));
+  return made;
+}
+
+TXMLDocumentReference LoadDocument(const std::wstring& Xml) {
+  TXMLDocumentReference document = NewDocument();
+  VARIANT_BOOL loaded = VARIANT_FALSE;
+  OleCheck(document->loadXML(TBstr(Xml), &loaded));
+  if (loaded == VARIANT_FALSE) throw Exception("the document cannot be read");
+  return document;
+}
+
+TReference<IXMLDOMElement> Root(IXMLDOMDocument& Document) {
+  IXMLDOMElement* element = nullptr;
+  OleCheck(Document.get_documentElement(&element));
+  return TReference<IXMLDOMElement>(element);
+}
+
+TReference<IXMLDOMNode> FirstChild(IXMLDOMNode& Node) {
+  IXMLDOMNode* child = nullptr;
+  OleCheck(Node.get_firstChild(&child));
+  return TReference<IXMLDOMNode>(child);
+}
+
+TReference<IXMLDOMNode> NextSibling(IXMLDOMNode& Node) {
+  IXMLDOMNode* next = nullptr;
+  OleCheck(Node.get_nextSibling(&next));
+  return TReference<IXMLDOMNode>(next);
+}
+
+std::wstring ValueOf(IXMLDOMNode& Node) {
+  VARIANT value{};
+  OleCheck(Node.get_nodeValue(&value));
+  return PlainLines(TakeText(value.bstrVal));
+}
+
+/// The node and what is below it, as the tree has it: a saved text may hold lines that the writer
+/// added.
+std::wstring TreeText(IXMLDOMNode& Node) {
+  DOMNodeType type;
+  BSTR name = nullptr;
+  OleCheck(Node.get_nodeType(&type));
+  OleCheck(Node.get_nodeName(&name));
+  const std::wstring title = TakeText(name);
+  switch (type) {
+    case NODE_TEXT:
+      return ValueOf(Node);
+    case NODE_ELEMENT: {
+      std::wstring text = L"<" + title + L">";
+      for (auto child = FirstChild(Node); child != nullptr; child = NextSibling(*child))
+        text += TreeText(*child);
+      return text + L"</>";
+    }
+    case NODE_ENTITY_REFERENCE:
+      return L"[&" + title + L"]";
+    default:
+      return L"[" + title + L" " + ValueOf(Node) + L"]";
+  }
+}
+
+class XMLFormat : public ::testing::Test {
+ private:
+  TComThread Com_;
+};
+
+TEST_F(XMLFormat, BreaksLines) {
+  const struct {
+    const wchar_t* Xml;
+    const wchar_t* Expected;
+  } cases[] = {
+      {L"<a/>", L"<a></>"},
+      {L"<a> text </a>", L"<a> text </>"},
+      {L"<a x=' 1 '><b/></a>", L"<a>\n\t<b></>\n</>"},
+      {L"<a><b>t</b><c><d/><d/></c></a>",
+       L"<a>\n\t<b>t</>\n\t<c>\n\t\t<d></>\n\t\t<d></>\n\t</>\n</>"},
+      // Text and other children: the edges alone.
+      {L"<a> \t&#13;\n x <b/> y \t\n</a>", L"<a>\n\tx <b></> y\n</>"},
+      {L"<a>x<b/></a>", L"<a>\n\tx<b></>\n</>"},
+      {L"<a><b/> <c/>y </a>", L"<a>\n\t<b></> <c></>y\n</>"},
+      {L"<a> <b/></a>", L"<a>\n\t<b></>\n</>"},
+      {L"<a>x<b> <c/></b>y</a>", L"<a>\n\tx<b>\n\t\t<c></>\n\t</>y\n</>"},
+      {L"<a> 1 &lt; 2 &amp;amp; <b/></a>", L"<a>\n\t1 < 2 &amp; <b></>\n</>"},
+      // What is no text.
+      {L"<a><!-- c --><?p d?></a>", L"<a>\n\t[#comment  c ]\n\t[p d]\n</>"},
+      {L"<a><![CDATA[ x ]]></a>", L"<a>\n\t[#cdata-section  x ]\n</>"},
+      {L"<a>t<![CDATA[ x ]]></a>", L"<a>\n\tt[#cdata-section  x ]\n</>"},
+      {L"<a><b/><!-- c -->t</a>", L"<a>\n\t<b></>[#comment  c ]t\n</>"},
+  };
+  for (const auto& each : cases) {
+    const TXMLDocumentReference document = LoadDocument(each.Xml);
+    const auto root = Root(*document);
+    for (int pass = 0; pass < 2; ++pass) {  // what is formatted stays as it is
+      XMLFormatNode(*root, "");
+      EXPECT_EQ(TreeText(*root), each.Expected) << pass;
+    }
+  }
+}
+
+TEST_F(XMLFormat, StartsAtTheGivenIndentation) {
+  const TXMLDocumentReference document = LoadDocument(L"<a><b><c/></b><d/></a>");
+  const auto root = Root(*document);
+  XMLFormatNode(*FirstChild(*root), "\t");
+  EXPECT_EQ(TreeText(*root), L"<a><b>\n\t\t<c></>\n\t</><d></></>");
+}
+
+TEST_F(XMLFormat, CountsEntityReferencesAsChildrenThatAreNoText) {
+  const TXMLDocumentReference document = LoadDocument(L"<a><b/></a>");
+  const auto root = Root(*document);
+  IXMLDOMEntityReference* made = nullptr;
+  OleCheck(document->createEntityReference(TBstr(L"e"), &made));
+  const TReference<IXMLDOMEntityReference> reference(made);
+  OleCheck(root->appendChild(made, nullptr));
+  XMLFormatNode(*root, "");
+  EXPECT_EQ(TreeText(*root), L"<a>\n\t<b></>\n\t[&e]\n</>");
+  XMLFormatNode(*root, "");
+  EXPECT_EQ(TreeText(*root), L"<a>\n\t<b></>\n\t[&e]\n</>");
+}
+
+// A function that called itself would need more stack than the thread has.
+TEST_F(XMLFormat, ReachesTenThousandLevels) {
+  constexpr size_t depth = 10'000;
+  const TXMLDocumentReference document = NewDocument();
+  TReference<IXMLDOMNode> bottom;
+  for (size_t i = 0; i < depth; ++i) {
+    IXMLDOMElement* made = nullptr;
+    OleCheck(document->createElement(TBstr(L"e"), &made));
+    TReference<IXMLDOMNode> element(made);
+    IXMLDOMNode& parent = bottom == nullptr ? *document : *bottom;
+    OleCheck(parent.appendChild(made, nullptr));
+    bottom = std::move(element);
+  }
+  const auto root = Root(*document);
+  XMLFormatNode(*root, "");
+  size_t level = 0;
+  for (TReference<IXMLDOMNode> node = FirstChild(*root); node != nullptr; ++level) {
+    const std::wstring line = ValueOf(*node);
+    ASSERT_EQ(line.size(), level + 2);
+    ASSERT_EQ(line.find_first_not_of(L'\t', 1), std::wstring::npos);
+    const auto element = NextSibling(*node);
+    const auto end = NextSibling(*element);
+    ASSERT_EQ(ValueOf(*end).size(), level + 1);
+    node = FirstChild(*element);
+  }
+  EXPECT_EQ(level, depth - 1);
+}
+
+TEST_F(XMLFormat, FindsTheDocument) {
+  const TXMLDocumentReference document = LoadDocument(L"<a/>");
+  const auto root = Root(*document);
+  EXPECT_EQ(XMLGetNodeDocument(*document).get(), document.get());
+  const TXMLDocumentReference found = XMLGetNodeDocument(*root);
+  OleCheck(found->removeChild(root.get(), nullptr));
+  EXPECT_EQ(FirstChild(*document), nullptr);
+}
+
+TEST_F(XMLFormat, FormatsDocuments) {
+  XMLFormatDocument(*NewDocument());  // nothing there
+  const TXMLDocumentReference document = LoadDocument(L"<a><b/></a>");
+  const auto root = Root(*document);
+  const HRESULT normalized = root->normalize();
+  if (FAILED(normalized)) {
+    try {
+      XMLFormatDocument(*document);
+      FAIL() << "formatted without being normalised";
+    } catch (const EOleSysError& e) {
+      EXPECT_EQ(e.ErrorCode, normalized);
+      EXPECT_EQ(TreeText(*root), L"<a><b></></>");
+    }
+    GTEST_SKIP() << "this system's DOM cannot normalise: " << std::hex << normalized;
+  }
+  const TXMLDocumentReference parts = LoadDocument(L"<a><b/> x</a>");
+  IXMLDOMText* made = nullptr;
+  OleCheck(parts->createTextNode(TBstr(L" "), &made));
+  const TReference<IXMLDOMText> blank(made);
+  const auto top = Root(*parts);
+  OleCheck(top->appendChild(made, nullptr));
+  XMLFormatDocument(*parts);
+  EXPECT_EQ(TreeText(*top), L"<a>\n\t<b></> x\n</>");
+}
+
+TEST(OleCheck, RaisesForFailuresOnly) {
+  OleCheck(S_OK);
+  OleCheck(S_FALSE);
+  try {
+    OleCheck(E_NOTIMPL);
+    FAIL();
+  } catch (const EOleSysError& e) {
+    EXPECT_EQ(e.ErrorCode, E_NOTIMPL);
+    EXPECT_EQ(std::string(e.what()).rfind("COM Error. Code: 0x80004001. ", 0), 0u) << e.what();
+  }
+}
+
+}  // namespace
+}  // namespace velox
