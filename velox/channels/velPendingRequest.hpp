@@ -51,6 +51,7 @@ class VELOX_API TPendingRequest : public TObject {
 
 /// For std::unique_ptr.
 struct TOrphanRequest {
+  /// Gives the request up.
   void operator()(TPendingRequest* Request) const noexcept { Request->Orphan(); }
 };
 

@@ -55,6 +55,7 @@ class TCRC : public TObject {
   TCRC(TValue Polynomial, TValue InitialValue, bool ReflectInput, bool ReflectOutput,
        TValue FinalXor);
 
+  /// As given to the constructor.
   TValue GetPolynomial() const noexcept { return Polynomial_; }
   TValue GetInitialValue() const noexcept { return InitialValue_; }
   bool GetReflectInput() const noexcept { return ReflectInput_; }
@@ -231,6 +232,7 @@ extern template class VELOX_API TChecksum<uint32_t>;
 class VELOX_API TChecksum8 : public TChecksum<uint8_t> {
  public:
   ~TChecksum8() override;
+  /// The one of the process, made on first use by SingletonConstruction.
   static TChecksum8* GetInstance();
   static TObject* SingletonConstruction();
 };
@@ -277,7 +279,9 @@ class TTwoSumChecksum : public TObject {
   uint32_t B_ = 0;
 };
 
+/// What TAdler32Checksum is made of.
 using TAdler32Base = TTwoSumChecksum<uint8_t, 65521, 4096>;
+/// What TFletcherChecksum is made of.
 using TFletcherBase = TTwoSumChecksum<uint16_t, 65535, 256>;
 extern template class VELOX_API TTwoSumChecksum<uint8_t, 65521, 4096>;
 extern template class VELOX_API TTwoSumChecksum<uint16_t, 65535, 256>;
@@ -327,6 +331,7 @@ class VELOX_API TMD5 : public TObject {
   /// The digest of the bytes fed so far; ends the hashing.
   void GetCurrentMD5(TMD5Digest& Digest);
 
+  /// The digest of these bytes, or of this text.
   void Calculate(const void* Data, int32_t Size, TMD5Digest& Digest);
   void CalculateForString(const std::string& S, TMD5Digest& Digest);
   /// From the stream's position to its end.
@@ -338,6 +343,7 @@ class VELOX_API TMD5 : public TObject {
   /// 32 upper-case hexadecimal digits.
   static std::string ToString(const TMD5Digest& Digest);
 
+  /// The one of the process, made on first use by SingletonConstruction.
   static TMD5* GetInstance();
   static TObject* SingletonConstruction();
 

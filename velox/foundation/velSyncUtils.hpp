@@ -29,6 +29,7 @@ using TThreadExecutionRoutine = TMethod<void(void* AParameter)>;
 /// Threads: every operation may be called from any thread.
 class VELOX_API TThreadFactory : public TObject {
  public:
+  /// The one of the process, made on first use by SingletonConstruction.
   static TThreadFactory* GetInstance();
   static TObject* SingletonConstruction();
 

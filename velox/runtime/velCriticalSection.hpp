@@ -13,6 +13,7 @@ class TCriticalSection {
   TCriticalSection(const TCriticalSection&) = delete;
   TCriticalSection& operator=(const TCriticalSection&) = delete;
 
+  /// As std::scoped_lock and its like call them.
   void lock() noexcept { ::EnterCriticalSection(&Section_); }
   bool try_lock() noexcept { return ::TryEnterCriticalSection(&Section_) != FALSE; }
   void unlock() noexcept { ::LeaveCriticalSection(&Section_); }

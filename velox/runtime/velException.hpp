@@ -12,7 +12,9 @@ namespace velox {
 /// derive from it.
 class VELOX_API Exception : public std::exception {
  public:
+  /// With a message; the address is that of the caller.
   VELOX_NOINLINE explicit Exception(std::string Text);
+  /// A copy keeps the address.
   Exception(const Exception&) = default;
   Exception& operator=(const Exception&) = default;
   ~Exception() override;
@@ -39,6 +41,7 @@ class VELOX_API Exception : public std::exception {
 /// (velSysUtils.hpp), which build the message from the system's own text.
 class VELOX_API EOSError : public Exception {
  public:
+  /// The complete message, and the code.
   VELOX_NOINLINE EOSError(std::string Text, uint32_t AErrorCode);
   /// As raised at another address: a function that raises for its caller names that one.
   EOSError(std::string Text, uint32_t AErrorCode, const void* AAddress);
@@ -80,14 +83,19 @@ VELOX_EXCEPTION(ERegistryException, Exception);
 
 /// A stream failed; the classes below tell how.
 VELOX_EXCEPTION(EStreamError, Exception);
+/// Reading failed, or gave less than was asked for.
 VELOX_EXCEPTION(EReadError, EStreamError);
+/// Writing failed, or took less than was given.
 VELOX_EXCEPTION(EWriteError, EStreamError);
+/// A file could not be opened.
 VELOX_EXCEPTION(EFOpenError, EStreamError);
+/// A file could not be created.
 VELOX_EXCEPTION(EFCreateError, EStreamError);
 
 /// A COM call failed.
 class VELOX_API EOleSysError : public Exception {
  public:
+  /// The complete message, and the HRESULT.
   VELOX_NOINLINE EOleSysError(std::string Text, int32_t AErrorCode);
   ~EOleSysError() override;
 
