@@ -129,6 +129,7 @@ class VELOX_API TAsynchronousCall : public TObject {
 /// they were queued. Do not destroy the queue from inside a handler.
 class VELOX_API TAsynchronousCallQueue : public TObject {
  public:
+  /// Bound to no thread yet: see Activate().
   TAsynchronousCallQueue() = default;
   /// Waits until no call is outstanding, or the bound thread has ended.
   ~TAsynchronousCallQueue() override;

@@ -28,6 +28,7 @@ class VELOX_API TReactor : public TObject {
   static TReactor* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// Without threads: reactions bring them.
   TReactor();
   /// Ends the threads; reactions that are still active are taken out of their sets.
   ~TReactor() override;

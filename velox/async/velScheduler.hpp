@@ -109,6 +109,7 @@ class VELOX_API TScheduledTask : public TObject {
 /// Signals an event.
 class VELOX_API TEventTask : public TScheduledTask {
  public:
+  /// Inactive, without an event.
   TEventTask() = default;
   ~TEventTask() override;
 
@@ -130,6 +131,7 @@ class VELOX_API TEventTask : public TScheduledTask {
 /// Sends a window message and waits for its being handled; the scheduler's thread waits meanwhile.
 class VELOX_API TMessageTask : public TScheduledTask {
  public:
+  /// Inactive, without a window.
   TMessageTask() = default;
   ~TMessageTask() override;
 
@@ -164,6 +166,7 @@ using TTaskExecuteEvent = TMethod<void(TObject* Sender)>;
 /// Calls a bound method.
 class VELOX_API TCallbackTask : public TScheduledTask {
  public:
+  /// Inactive, without a method.
   TCallbackTask() = default;
   ~TCallbackTask() override;
 

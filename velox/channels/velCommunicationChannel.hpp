@@ -89,6 +89,7 @@ using TCommEventMasks = TFlagSet<TCommEventMask>;
 /// Threads: one at a time.
 class VELOX_API TCommunicationDCB : public TObject {
  public:
+  /// No port is attached; all properties have their defaults.
   TCommunicationDCB() = default;
   /// Detaches.
   ~TCommunicationDCB() override;
@@ -266,6 +267,7 @@ class VELOX_API TCommunicationDCB : public TObject {
 /// Threads: one at a time.
 class VELOX_API TCommunicationTimeouts : public TObject {
  public:
+  /// No port is attached.
   TCommunicationTimeouts() = default;
   /// Detaches.
   ~TCommunicationTimeouts() override;

@@ -67,6 +67,7 @@ using TIPAddressEnumRoutine =
 /// Not locked: one thread at a time.
 class VELOX_API TIPAddressIterator : public TObject {
  public:
+  /// With an empty list and no routine.
   TIPAddressIterator();
 
   /// 1, 2 or 3 for an address of class A, B or C; 0 for any other.

@@ -40,6 +40,7 @@ class VELOX_API TPendingRequest : public TObject {
   bool Leave(bool Unclaimed) noexcept;
 
  protected:
+  /// Not pending.
   TPendingRequest() = default;
   ~TPendingRequest() override = default;
 

@@ -36,10 +36,11 @@
 ///         Connection.Receive();
 ///       }
 ///       void ConnectionReceived(TTCPServerConnection& Connection) override {
-///         Connection.Send(Connection.GetData().data(), Connection.GetDataSize());
+///         const int32_t answered = Connection.GetDataPosition();  // the last answer's bytes
+///         Connection.Send(Connection.GetData().data() + answered,
+///                         Connection.GetDataSize() - answered);
 ///       }
 ///       void ConnectionSend(TTCPServerConnection& Connection) override {
-///         ...
 ///         Connection.Receive();
 ///       }
 ///     };

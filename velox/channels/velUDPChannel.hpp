@@ -52,6 +52,7 @@ VELOX_API void WSAFinalize() noexcept;
 /// A transfer on an IP channel: what TIPChannel::CreateOperation makes.
 class VELOX_API TIPOperation : public TTransferOperation {
  public:
+  /// As a new TTransferOperation, without address and port.
   TIPOperation() = default;
   ~TIPOperation() override;
 
@@ -249,6 +250,7 @@ class VELOX_API TIPChannel : public TChannel {
   TClass GetOperationClass() const override;
 
  protected:
+  /// Inactive.
   TIPChannel();
 
   /// Opens the socket. Raises EOSError.
@@ -287,6 +289,7 @@ class VELOX_API TIPChannel : public TChannel {
 /// Datagrams from and to any address. A write goes out in datagrams of at most 1500 bytes.
 class VELOX_API TUDPChannel : public TIPChannel {
  public:
+  /// Inactive; the system will choose the port.
   TUDPChannel() = default;
   ~TUDPChannel() override;
 
@@ -308,6 +311,7 @@ class VELOX_API TUDPChannel : public TIPChannel {
 /// A datagram channel that joins a multicast group, and may share its port with others.
 class VELOX_API TMulticastChannel : public TUDPChannel {
  public:
+  /// Inactive, without a group.
   TMulticastChannel() = default;
   ~TMulticastChannel() override;
 
@@ -333,6 +337,7 @@ class VELOX_API TMulticastChannel : public TUDPChannel {
 /// from a server by Accept.
 class VELOX_API TTCPChannel : public TIPChannel {
  public:
+  /// Inactive, without an address.
   TTCPChannel();
   ~TTCPChannel() override;
 

@@ -193,6 +193,7 @@ class VELOX_API TCRC64 : public TCRC<uint64_t> {
 template <std::unsigned_integral TValue>
 class TChecksum : public TObject {
  public:
+  /// The sum is 0.
   TChecksum() noexcept = default;
 
   /// Sets the sum to 0.
@@ -255,6 +256,7 @@ class VELOX_API TChecksum32 : public TChecksum<uint32_t> {
 template <std::unsigned_integral TWord, uint32_t Modulus, int32_t BlockSize>
 class TTwoSumChecksum : public TObject {
  public:
+  /// A is 1 and B is 0.
   TTwoSumChecksum() noexcept = default;
 
   /// Sets A to 1 and B to 0.
@@ -319,6 +321,7 @@ using TMD5Digest = std::array<uint8_t, 16>;
 /// changes.
 class VELOX_API TMD5 : public TObject {
  public:
+  /// Opens a session of the service. Raises EOSError.
   TMD5();
   ~TMD5() override;
 

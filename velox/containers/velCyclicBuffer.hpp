@@ -29,6 +29,7 @@ namespace velox {
 /// Threads: TSharedMemBuffer locks by itself; callers of the others serialise.
 class VELOX_API TCyclicBuffer : public TObject {
  public:
+  /// Without storage.
   TCyclicBuffer() noexcept = default;
 
   /// Takes up to Count of the oldest items out and into Buffer. Count returns how many; 0 asks for

@@ -33,6 +33,7 @@ using TInterfaceReference = std::unique_ptr<IInterface, TInterfaceRelease>;
 /// Threads: one at a time.
 class VELOX_API TInterfaceArray : public TObject {
  public:
+  /// Empty.
   TInterfaceArray() noexcept = default;
   ~TInterfaceArray() override;
 

@@ -8,6 +8,7 @@ namespace velox {
 /// for.
 class TCriticalSection {
  public:
+  /// Held by no thread.
   TCriticalSection() noexcept { ::InitializeCriticalSection(&Section_); }
   ~TCriticalSection() { ::DeleteCriticalSection(&Section_); }
   TCriticalSection(const TCriticalSection&) = delete;

@@ -55,6 +55,7 @@ class VELOX_API EOSError : public Exception {
 /// the library too (unless they set a new-handler of their own).
 class VELOX_API EOutOfMemory : public Exception {
  public:
+  /// With the message "Out of memory".
   VELOX_NOINLINE EOutOfMemory();
   ~EOutOfMemory() override;
 };
@@ -62,6 +63,7 @@ class VELOX_API EOutOfMemory : public Exception {
 /// An integer division by zero.
 class VELOX_API EDivByZero : public Exception {
  public:
+  /// With the message "Division by zero".
   VELOX_NOINLINE EDivByZero();
   ~EDivByZero() override;
 };

@@ -9,6 +9,7 @@
 
 namespace velox {
 
+/// Bound methods by their signatures; see TMethod<R(Args...)>.
 template <class Signature>
 class TMethod;
 

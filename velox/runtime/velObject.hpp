@@ -69,6 +69,7 @@ class VELOX_API TClass {
 /// The root of the library's classes. An object has an identity: it is neither copied nor moved.
 class VELOX_API TObject {
  public:
+  /// Has nothing to do.
   TObject() noexcept = default;
   TObject(const TObject&) = delete;
   TObject& operator=(const TObject&) = delete;
