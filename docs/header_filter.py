@@ -9,6 +9,7 @@ still name the header's own lines:
 - An override without a comment of its own has its base's, which Doxygen knows; a destructor without one frees what the
   class's comment says that it owns; what is deleted is not there.
 - A comment behind a declaration is about that.
+- Private parts are left out.
 - A line like `// ----- paths` between functions heads a section, with the comment that follows it.
 """
 import pathlib
@@ -50,6 +51,7 @@ class Filter:
         self.lines = path.read_text(encoding="utf-8").split("\n")
         self.out = list(self.lines)
         self.in_section = False
+        self.private = []  # where the open private parts begin, and how many containers were open there
 
     def run(self):
         self.mark_module()
@@ -108,6 +110,10 @@ class Filter:
                 comment = None
                 i += 1
                 continue
+            if stripped in ("public:", "protected:", "private:") or stripped.startswith("}"):
+                self.end_private(i, len(containers))
+            if stripped == "private:":
+                self.private.append((i + 1, len(containers)))
             if stripped.startswith("}"):
                 if containers:
                     containers.pop()
@@ -134,6 +140,11 @@ class Filter:
             own = False
             if any("///<" in line for line in self.lines[begin:i]):
                 comment = None
+
+    def end_private(self, end, depth):
+        if self.private and self.private[-1][1] == depth:
+            begin, _ = self.private.pop()
+            self.out[begin:end] = [""] * (end - begin)
 
     def begins_comment(self, i):
         """One for Doxygen: also a plain one, if it stands right above a declaration."""

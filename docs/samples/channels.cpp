@@ -73,8 +73,8 @@ void Send(TChannel& Channel, const std::string& Text) {
 //! [write]
 
 //! [limit]
-/// Writes and waits for the end; tells whether all was carried in time. Done is the event
-/// that its OnComplete sets.
+/// Writes to a channel and waits for the end; tells whether all was carried in time. Done is the
+/// event that its OnComplete sets.
 bool SendInTime(TTransferOperation& Write, HANDLE Done, int32_t Milliseconds) {
   Write.SetAutoTimeout(false);
   Write.SetTimeout(Milliseconds);  // for the whole operation; each chunk gets its share

@@ -88,7 +88,7 @@ bool Carry(TChannel& Channel, TOperationKind Kind, char* Bytes, int32_t Size) {
   operation->SetBuffer(Bytes);
   operation->SetSize(Size);
   operation->SetAutoTimeout(false);
-  operation->SetTimeout(10000);
+  operation->SetTimeout(10000 * Size);  // a read that waits counts as one byte
   operation->SetOnComplete(TOperationNotificationEvent::Bind<&TDone::OnComplete>(&done));
   operation->SetActive(true);
   WaitForSingleObjectAlertable(done.Event.Get());

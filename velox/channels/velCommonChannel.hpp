@@ -274,6 +274,7 @@ class VELOX_API TChannel : public TObject {
   TChannelNotificationEvent OnDeactivate;
 
  protected:
+  /// Inactive.
   TChannel() = default;
 
   /// Raises Exception "Cannot change active channel" when active. For the setters of what a
