@@ -9,7 +9,7 @@ still name the header's own lines:
 - An override without a comment of its own has its base's, which Doxygen knows; a destructor without one frees what the
   class's comment says that it owns; what is deleted is not there.
 - A comment behind a declaration is about that.
-- Private parts are left out.
+- Private parts are left out, and members' definitions behind their class.
 - A line like `// ----- paths` between functions heads a section, with the comment that follows it.
 """
 import pathlib
@@ -136,6 +136,8 @@ class Filter:
                 containers.append(kind)
                 comment = None
                 continue
+            if set(containers) <= {"namespace"} and self.is_member(begin, i):
+                self.out[begin:i] = [""] * (i - begin)
             self.describe(begin, i, comment, own)
             own = False
             if any("///<" in line for line in self.lines[begin:i]):
@@ -172,6 +174,10 @@ class Filter:
             if depth == 0 and (code.endswith((";", "}")) or code.startswith("VELOX_COM_CLASSES")):
                 return begin, i + 1, None
         raise SystemExit(f"{self.module}.hpp:{begin + 1}: a declaration without an end")
+
+    def is_member(self, begin, end):
+        """Whether it defines a member of a class that stands above."""
+        return re.match(r"[^(]*::~?\w+ ?\(", " ".join(code_of(line) for line in self.lines[begin:end]))
 
     def describe(self, begin, end, comment, own):
         text = " ".join(code_of(line) for line in self.lines[begin:end])

@@ -113,8 +113,8 @@ class VELOX_API TTransferOperation : public TObject {
   void SetKind(TOperationKind Value);
 
   /// The channel that carries the operation, borrowed; it must outlive the operation's activity.
-  /// Default null. The operation must be of the channel's class of operations or derived from it
-  /// (TChannel::GetOperationClass; TChannel::CreateOperation makes such ones): nothing checks that.
+  /// Default null. The operation must be of the channel's class of operations or derived from it:
+  /// TChannel::CreateOperation makes such ones.
   TChannel* GetChannel() const noexcept { return Channel_; }
   void SetChannel(TChannel* Value);
 
