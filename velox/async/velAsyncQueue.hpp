@@ -14,19 +14,21 @@
 /// is no worker thread here: whoever owns the chosen thread makes it wait.
 namespace velox {
 
+/// Where a call is between being queued and being free again.
 enum class TCallState : uint32_t {
   clsFree = 0,       ///< no run is outstanding; the call can be queued
   clsQueued = 1,     ///< on its way to its thread
   clsInCall = 2,     ///< its handler runs
   clsCancelled = 3,  ///< cancelled, and not yet through with the run that was outstanding
-  clsDestroying = 4
+  clsDestroying = 4  ///< its destructor has begun
 };
 
+/// Where a queue is between being bound to a thread and being free again.
 enum class TAsynchronousCallQueueState : uint32_t {
-  acqsInactive = 0,
-  acqsActivating = 1,
-  acqsActive = 2,
-  acqsDeactivating = 3
+  acqsInactive = 0,     ///< bound to no thread; refuses calls
+  acqsActivating = 1,   ///< being bound
+  acqsActive = 2,       ///< takes calls
+  acqsDeactivating = 3  ///< refuses calls; those outstanding still run
 };
 
 class TAsynchronousCall;
@@ -81,6 +83,8 @@ class VELOX_API TAsynchronousCall : public TObject {
   bool CancelQuietly() noexcept;
   DWORD WaitForFinishedQuietly() noexcept;
 
+  /// The state, and its change to another, which returns the one before. The changes are for the
+  /// call itself and what is built on it.
   TCallState GetState() const noexcept { return State_.load(); }
   TCallState StateExchange(TCallState NewState) noexcept { return State_.exchange(NewState); }
   /// True when the state was Comparand and has been replaced.
@@ -88,6 +92,7 @@ class VELOX_API TAsynchronousCall : public TObject {
     return State_.compare_exchange_strong(Comparand, NewState);
   }
 
+  /// The thread that runs are delivered to: its handle, borrowed, and its id.
   HANDLE GetThreadHandle() const noexcept { return ThreadHandle_.load(); }
   DWORD GetThreadId() const noexcept { return ThreadId_.load(); }
 
@@ -125,6 +130,7 @@ class VELOX_API TAsynchronousCall : public TObject {
 /// they were queued. Do not destroy the queue from inside a handler.
 class VELOX_API TAsynchronousCallQueue : public TObject {
  public:
+  /// Bound to no thread yet: see Activate().
   TAsynchronousCallQueue() = default;
   /// Waits until no call is outstanding, or the bound thread has ended.
   ~TAsynchronousCallQueue() override;
@@ -154,7 +160,11 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
   /// What each queued call runs on the bound thread.
   void Call(TAsynchronousCall& ACall, bool& ADestroy);
 
+  /// Calls that were queued and have not finished.
   int32_t GetPending() const noexcept { return Pending_.load(); }
+
+  /// The state, and its change to another, which returns the one before. The changes are for the
+  /// queue itself.
   TAsynchronousCallQueueState GetState() const noexcept { return State_.load(); }
   TAsynchronousCallQueueState StateExchange(TAsynchronousCallQueueState NewState) noexcept {
     return State_.exchange(NewState);

@@ -17,6 +17,7 @@ namespace velox {
 /// Threads: any, except that the gate is destroyed by one thread when no other uses it.
 class VELOX_API TPendingGate {
  public:
+  /// Nothing is outstanding.
   TPendingGate() noexcept = default;
   TPendingGate(const TPendingGate&) = delete;
   TPendingGate& operator=(const TPendingGate&) = delete;

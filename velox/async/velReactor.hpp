@@ -24,9 +24,11 @@ class TReactorThread;
 /// Threads: any may register; one destroys, when no reaction is being activated any more.
 class VELOX_API TReactor : public TObject {
  public:
+  /// The one of the process, made on first use by SingletonConstruction.
   static TReactor* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// Without threads: reactions bring them.
   TReactor();
   /// Ends the threads; reactions that are still active are taken out of their sets.
   ~TReactor() override;
@@ -41,12 +43,13 @@ class VELOX_API TReactor : public TObject {
   std::atomic<bool> Terminating_{false};
 };
 
+/// Where a reaction is between inactive and active.
 enum class TReactionState : uint32_t {
   rsNone = 0,          ///< inactive
   rsActivating = 1,    ///< on its way into a thread's set
   rsActivated = 2,     ///< in the set
   rsDeactivating = 3,  ///< on its way out
-  rsDestroyed = 4
+  rsDestroyed = 4      ///< retired for good
 };
 
 /// Calls an action each time a kernel handle is signalled.
@@ -77,6 +80,7 @@ class VELOX_API TReaction : public TObject {
   /// Waits until the reactor's thread has let go of the handle.
   ~TReaction() override;
 
+  /// What the signal calls for. Runs on the reactor's thread.
   virtual void Run() = 0;
 
   /// True from the moment the reactor's thread has taken the handle into its set until it has been
@@ -95,8 +99,12 @@ class VELOX_API TReaction : public TObject {
   /// Called by the reactor's thread when it has taken the reaction out of its set.
   void Deactivated() noexcept;
 
+  /// As given to the constructor.
   TReactor* GetReactor() const noexcept { return Reactor_; }
   HANDLE GetHandle() const noexcept { return Handle_; }
+
+  /// The status, and its change to another, which returns the one before. The changes are for the
+  /// reactor and the reaction.
   TReactionState GetStatus() const noexcept { return Status_.load(); }
   TReactionState StatusExchange(TReactionState Value) noexcept { return Status_.exchange(Value); }
   /// True when the status was Comparand and has been replaced.

@@ -20,8 +20,9 @@ extern VELOX_API int64_t MSTo100NS;
 /// Work done at a time or after a delay, once or periodically, on the process's one "Scheduler
 /// Thread".
 ///
-/// A task is configured while it is inactive, then activated; a task that runs once stays active
-/// after it ran, until it is deactivated. All tasks share the thread and run one at a time: a slow
+/// A task is configured while it is inactive (the setters of an active one raise Exception "Cannot
+/// perform operation on active task"), then activated; a task that runs once stays active after it
+/// ran, until it is deactivated. All tasks share the thread and run one at a time: a slow
 /// one delays the others. The thread is started by the first activation. An exception that escapes
 /// Execute() is logged; the thread goes on.
 ///
@@ -55,8 +56,6 @@ class VELOX_API TScheduledTask : public TObject {
 
   /// The work. Runs on the scheduler's thread.
   virtual void Execute() = 0;
-
-  // The setters raise Exception "Cannot perform operation on active task".
 
   /// Milliseconds from activation to the first run; a negative value counts as 0, at once. Replaces
   /// an absolute time.
@@ -110,6 +109,7 @@ class VELOX_API TScheduledTask : public TObject {
 /// Signals an event.
 class VELOX_API TEventTask : public TScheduledTask {
  public:
+  /// Inactive, without an event.
   TEventTask() = default;
   ~TEventTask() override;
 
@@ -131,9 +131,11 @@ class VELOX_API TEventTask : public TScheduledTask {
 /// Sends a window message and waits for its being handled; the scheduler's thread waits meanwhile.
 class VELOX_API TMessageTask : public TScheduledTask {
  public:
+  /// Inactive, without a window.
   TMessageTask() = default;
   ~TMessageTask() override;
 
+  /// The window, the message and its two parameters.
   void SetWnd(HWND Value);
   void SetMsg(int32_t Value);
   void SetWParam(int32_t Value);
@@ -141,6 +143,7 @@ class VELOX_API TMessageTask : public TScheduledTask {
   /// All at once. Mind the order: LParam comes before WParam.
   void SetNotificationParams(HWND Wnd, int32_t Msg, int32_t LParam, int32_t WParam);
 
+  /// As set; null, and 0, at first.
   HWND GetWnd() const noexcept { return Wnd_; }
   int32_t GetMsg() const noexcept { return Msg_; }
   int32_t GetWParam() const noexcept { return WParam_; }
@@ -163,9 +166,11 @@ using TTaskExecuteEvent = TMethod<void(TObject* Sender)>;
 /// Calls a bound method.
 class VELOX_API TCallbackTask : public TScheduledTask {
  public:
+  /// Inactive, without a method.
   TCallbackTask() = default;
   ~TCallbackTask() override;
 
+  /// The method to call; it runs on the scheduler's thread.
   void SetOnExecute(const TTaskExecuteEvent& Value);
   const TTaskExecuteEvent& GetOnExecute() const noexcept { return OnExecute_; }
 

@@ -37,8 +37,13 @@ class TChannel;
 class TOperationQueue;
 class TTransferOperation;
 
-enum class TOperationKind : uint8_t { okRead = 0, okWrite = 1 };
+/// Which way an operation carries.
+enum class TOperationKind : uint8_t {
+  okRead = 0,  ///< from the channel into the buffer
+  okWrite = 1  ///< from the buffer into the channel
+};
 
+/// How far an operation has come.
 enum class TOperationState : uint8_t {
   osNone = 0,          ///< never active yet
   osPending = 1,       ///< waits in its queue for those before it
@@ -108,7 +113,8 @@ class VELOX_API TTransferOperation : public TObject {
   void SetKind(TOperationKind Value);
 
   /// The channel that carries the operation, borrowed; it must outlive the operation's activity.
-  /// Default null.
+  /// Default null. The operation must be of the channel's class of operations or derived from it:
+  /// TChannel::CreateOperation makes such ones.
   TChannel* GetChannel() const noexcept { return Channel_; }
   void SetChannel(TChannel* Value);
 
@@ -153,6 +159,7 @@ class VELOX_API TTransferOperation : public TObject {
   const TOperationNotificationEvent& GetOnComplete() const noexcept { return OnComplete_; }
   void SetOnComplete(const TOperationNotificationEvent& Value);
 
+  /// How far the operation has come.
   TOperationState GetState() const noexcept { return State_; }
   /// Bytes carried so far.
   int32_t GetTransferred() const noexcept { return Transferred_; }
@@ -207,12 +214,13 @@ class VELOX_API TTransferOperation : public TObject {
   std::atomic<DWORD> WatchThread_ = 0;
 };
 
+struct TQueueShared;
+
 /// A queue that may be destroyed meanwhile, and the part of it that is not. For channels and queues
 /// themselves.
-struct TQueueShared;
 struct TQueueReference {
-  TOperationQueue* Queue = nullptr;
-  std::shared_ptr<TQueueShared> Shared;
+  TOperationQueue* Queue = nullptr;      ///< the queue, while Shared says that it is there
+  std::shared_ptr<TQueueShared> Shared;  ///< what outlives it
 };
 
 /// The base of all channels: two queues, the on/off switch, and the figures that timeouts are
@@ -272,6 +280,7 @@ class VELOX_API TChannel : public TObject {
   TChannelNotificationEvent OnDeactivate;
 
  protected:
+  /// Inactive.
   TChannel() = default;
 
   /// Raises Exception "Cannot change active channel" when active. For the setters of what a
@@ -319,12 +328,14 @@ class VELOX_API TOperationQueue : public TObject {
   explicit TOperationQueue(TChannel& Channel);
   ~TOperationQueue() override;
 
+  /// The channel that the queue belongs to.
   TChannel& GetChannel() const noexcept { return Channel_; }
   /// Operations queued now.
   int32_t GetCount() const;
   /// Position of an operation from the head, or -1.
   int32_t GetOperationIndex(const TTransferOperation& Operation) const;
 
+  /// The queue's lock, which is recursive.
   void Lock() noexcept;
   void Unlock() noexcept;
 

@@ -39,24 +39,46 @@ enum class TCommBaudRate : uint8_t {
 };
 
 /// What the line DTR is used for. The values of these four are the system's own.
-enum class TCommDtrControl : uint8_t { dtrDisable, dtrEnable, dtrHandshake };
+enum class TCommDtrControl : uint8_t {
+  dtrDisable,   ///< off
+  dtrEnable,    ///< on while the port is open
+  dtrHandshake  ///< off while the input queue is nearly full
+};
 /// What the line RTS is used for.
-enum class TCommRtsControl : uint8_t { rtsDisable, rtsEnable, rtsHandshake, rtsToggle };
-enum class TCommParityScheme : uint8_t { cpNone, cpOdd, cpEven, cpMark, cpSpace };
-enum class TCommStopBits : uint8_t { csbOne, csbOneAndHalf, csbTwo };
+enum class TCommRtsControl : uint8_t {
+  rtsDisable,    ///< off
+  rtsEnable,     ///< on while the port is open
+  rtsHandshake,  ///< off while the input queue is nearly full
+  rtsToggle      ///< on while there are bytes to send
+};
+/// How the parity bit is made.
+enum class TCommParityScheme : uint8_t {
+  cpNone,  ///< there is none
+  cpOdd,   ///< an odd number of ones
+  cpEven,  ///< an even number of ones
+  cpMark,  ///< always 1
+  cpSpace  ///< always 0
+};
+/// How long the line rests behind a byte.
+enum class TCommStopBits : uint8_t {
+  csbOne,         ///< one bit
+  csbOneAndHalf,  ///< one and a half
+  csbTwo          ///< two
+};
 
 /// Events of a port, for owners that watch it by themselves; this library uses none of them.
 enum class TCommEventMask : uint8_t {
-  cemBreak,
-  cemCTS,
-  cemDSR,
-  cemError,
-  cemRing,
-  cemRLSD,
-  cemRxChar,
-  cemRxFlag,
-  cemTxEmpty
+  cemBreak,   ///< the input was broken off
+  cemCTS,     ///< CTS has changed
+  cemDSR,     ///< DSR has changed
+  cemError,   ///< an error of the line: frame, overrun or parity
+  cemRing,    ///< a ring was noticed
+  cemRLSD,    ///< the carrier has come or gone
+  cemRxChar,  ///< a byte has come
+  cemRxFlag,  ///< the byte EvtChar has come
+  cemTxEmpty  ///< the last byte of the output queue has been sent
 };
+/// A set of events.
 using TCommEventMasks = TFlagSet<TCommEventMask>;
 
 /// The line settings of a port: what Windows calls its device control block. The values are kept
@@ -67,6 +89,7 @@ using TCommEventMasks = TFlagSet<TCommEventMask>;
 /// Threads: one at a time.
 class VELOX_API TCommunicationDCB : public TObject {
  public:
+  /// No port is attached; all properties have their defaults.
   TCommunicationDCB() = default;
   /// Detaches.
   ~TCommunicationDCB() override;
@@ -244,6 +267,7 @@ class VELOX_API TCommunicationDCB : public TObject {
 /// Threads: one at a time.
 class VELOX_API TCommunicationTimeouts : public TObject {
  public:
+  /// No port is attached.
   TCommunicationTimeouts() = default;
   /// Detaches.
   ~TCommunicationTimeouts() override;
@@ -309,6 +333,7 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
   TCommunicationOperationQueue(TCommunicationChannel& Channel, bool IsNT);
   ~TCommunicationOperationQueue() override;
 
+  /// Which of the two ways this queue uses.
   bool GetIsNT() const noexcept { return IsNT_; }
 
  protected:
@@ -364,6 +389,7 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
   TTransferOperation* CurrentOperation_ = nullptr;   // the one that the request is for
 };
 
+/// What reads from the port.
 class VELOX_API TCommunicationOperationQueueForReading : public TCommunicationOperationQueue {
  public:
   using TCommunicationOperationQueue::TCommunicationOperationQueue;
@@ -377,6 +403,7 @@ class VELOX_API TCommunicationOperationQueueForReading : public TCommunicationOp
   bool Ended(TRequest& Request, DWORD Error) override;
 };
 
+/// What writes to the port.
 class VELOX_API TCommunicationOperationQueueForWriting : public TCommunicationOperationQueue {
  public:
   using TCommunicationOperationQueue::TCommunicationOperationQueue;

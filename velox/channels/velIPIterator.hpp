@@ -31,9 +31,11 @@ class VELOX_API TIPAddressRange : public TObject {
   /// that is not the last octet.
   explicit TIPAddressRange(const std::string& Text);
 
+  /// The first and the last address.
   uint32_t GetLow() const noexcept { return Low_; }
   uint32_t GetHigh() const noexcept { return High_; }
 
+  /// Whether the address is one of the run.
   bool IsAddressInside(uint32_t Address) const noexcept {
     return Low_ <= Address && Address <= High_;
   }
@@ -65,6 +67,7 @@ using TIPAddressEnumRoutine =
 /// Not locked: one thread at a time.
 class VELOX_API TIPAddressIterator : public TObject {
  public:
+  /// With an empty list and no routine.
   TIPAddressIterator();
 
   /// 1, 2 or 3 for an address of class A, B or C; 0 for any other.
@@ -80,6 +83,7 @@ class VELOX_API TIPAddressIterator : public TObject {
   /// has a bit outside it.
   static bool CheckSubnetMask(uint32_t Address, uint32_t Mask) noexcept;
 
+  /// The list as it was set.
   const std::string& GetAddresses() const noexcept { return Addresses_; }
   /// Replaces the list: items as TIPAddressRange reads them, separated by commas. An item that
   /// fails raises its message; the ranges before it are kept. Ignored while enumerating.
@@ -87,8 +91,8 @@ class VELOX_API TIPAddressIterator : public TObject {
   /// What the list has been read into, in its order.
   const TObjectArray& GetRanges() const noexcept { return Ranges_; }
 
+  /// The routine that gets the addresses. Setting it is ignored while enumerating.
   TIPAddressEnumRoutine GetEnumRoutine() const noexcept { return EnumRoutine_; }
-  /// Ignored while enumerating.
   void SetEnumRoutine(TIPAddressEnumRoutine Routine) noexcept;
 
   /// Calls the routine, on this thread, with each address until all are done or it asks to stop.

@@ -40,6 +40,7 @@ class VELOX_API TPendingRequest : public TObject {
   bool Leave(bool Unclaimed) noexcept;
 
  protected:
+  /// Not pending.
   TPendingRequest() = default;
   ~TPendingRequest() override = default;
 
@@ -51,6 +52,7 @@ class VELOX_API TPendingRequest : public TObject {
 
 /// For std::unique_ptr.
 struct TOrphanRequest {
+  /// Gives the request up.
   void operator()(TPendingRequest* Request) const noexcept { Request->Orphan(); }
 };
 

@@ -9,6 +9,7 @@
 
 namespace velox {
 
+/// Which end of the channel this one is.
 enum class TChannelMode : uint8_t {
   cmServer = 0,  ///< creates the shared memory
   cmClient = 1   ///< opens what the server has created
@@ -29,13 +30,15 @@ class VELOX_API TSharedMemOperationQueue : public TOperationQueue {
   int32_t GetResumeThreshold() const noexcept { return ResumeThreshold_; }
 
  protected:
+  /// The channel is borrowed.
   explicit TSharedMemOperationQueue(TChannel& Channel) : TOperationQueue(Channel) {}
   ~TSharedMemOperationQueue() override;
 
+  /// Wakes the other end.
   void SignalRemote() const noexcept { ::SetEvent(RemoteReadyEvent_.Get()); }
 
-  std::unique_ptr<TSharedMemBuffer>
-      Buffer_;  // null while the channel is inactive; guarded by the queue's lock
+  /// The ring; null while the channel is inactive. Guarded by the queue's lock.
+  std::unique_ptr<TSharedMemBuffer> Buffer_;
 
  private:
   int32_t ResumeThreshold_ = 0;
@@ -44,8 +47,10 @@ class VELOX_API TSharedMemOperationQueue : public TOperationQueue {
   std::unique_ptr<TEventReaction> ReadyReaction_;
 };
 
+/// What takes data out of the ring that the other end fills.
 class VELOX_API TSharedMemOperationQueueForReading : public TSharedMemOperationQueue {
  public:
+  /// The channel is borrowed.
   explicit TSharedMemOperationQueueForReading(TChannel& Channel)
       : TSharedMemOperationQueue(Channel) {}
   ~TSharedMemOperationQueueForReading() override;
@@ -60,8 +65,10 @@ class VELOX_API TSharedMemOperationQueueForReading : public TSharedMemOperationQ
   bool RemoteBlocked_ = false;  // the buffer was seen full: the writer may be waiting for room
 };
 
+/// What puts data into the ring that the other end empties.
 class VELOX_API TSharedMemOperationQueueForWriting : public TSharedMemOperationQueue {
  public:
+  /// The channel is borrowed.
   explicit TSharedMemOperationQueueForWriting(TChannel& Channel)
       : TSharedMemOperationQueue(Channel) {}
   ~TSharedMemOperationQueueForWriting() override;
@@ -98,6 +105,10 @@ class VELOX_API TSharedMemOperationQueueForWriting : public TSharedMemOperationQ
 /// client on "MReadRemoteReadyEvent". The other way it is "MWrite", "MWriteMutex", and the client
 /// waits on "MWriteRemoteReadyEvent", the server on "MWriteReadyEvent".
 ///
+/// The setters raise Exception "Cannot change active channel" when active. Activation raises
+/// Exception "Specify name of shared memory." or "Specify size of shared memory.", and EOSError
+/// when the system refuses: of the client, when there is no server.
+///
 /// Cost: the two queues, with their four reactions, exist from construction on and are kept when
 /// the channel is destroyed, until the process ends. So use a channel again (with another name, if
 /// need be) rather than making new ones without end.
@@ -106,10 +117,6 @@ class VELOX_API TSharedMemChannel : public TChannel {
   /// Bandwidth is 1048576 bytes per second, Latence 0.
   TSharedMemChannel();
   ~TSharedMemChannel() override;
-
-  // The setters raise Exception "Cannot change active channel". Activation raises Exception
-  // "Specify name of shared memory." or "Specify size of shared memory.", and EOSError when the
-  // system refuses: of the client, when there is no server.
 
   /// Begins the names of the channel's kernel objects. No default.
   void SetMemoryName(const std::string& Value);

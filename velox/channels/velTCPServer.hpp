@@ -36,10 +36,11 @@
 ///         Connection.Receive();
 ///       }
 ///       void ConnectionReceived(TTCPServerConnection& Connection) override {
-///         Connection.Send(Connection.GetData().data(), Connection.GetDataSize());
+///         const int32_t answered = Connection.GetDataPosition();  // the last answer's bytes
+///         Connection.Send(Connection.GetData().data() + answered,
+///                         Connection.GetDataSize() - answered);
 ///       }
 ///       void ConnectionSend(TTCPServerConnection& Connection) override {
-///         ...
 ///         Connection.Receive();
 ///       }
 ///     };
@@ -51,6 +52,7 @@ class TTCPServerConnection;
 /// AChannelAccepted (false on entry) and has to close it; else the server closes it.
 using TAcceptEvent = TMethod<void(TObject* Sender, SOCKET ASocket, const SOCKADDR_IN& AAddress,
                                   bool& AChannelAccepted)>;
+/// Sender is the connection.
 using TTCPServerConnectionEvent = TMethod<void(TTCPServerConnection& Sender)>;
 
 /// Listens on a port of all local addresses, with a thread of its own that accepts.
@@ -86,6 +88,7 @@ class VELOX_API TCustomTCPServer : public TObject {
 
   /// The listening socket, 0 when there is none.
   SOCKET GetSocket() const noexcept { return Socket_; }
+  /// Whether the listening socket is bound to the port.
   bool GetBound() const noexcept { return Bound_; }
 
   /// "localhost:8080 (tcp-server)": the accept thread's name, and how the trace log calls the
@@ -152,6 +155,7 @@ class VELOX_API TTCPServerConnection : public TObject {
 
   /// The peer's.
   const SOCKADDR_IN& GetAddress() const noexcept { return Address_; }
+  /// The connection's socket, which belongs to it.
   SOCKET GetSocket() const noexcept { return Socket_; }
 
   /// Begins to receive up to 1500 bytes; OnReceive is raised when some have come. Raises Exception
@@ -218,6 +222,7 @@ class VELOX_API TTCPServerConnection : public TObject {
 /// of it comes on the accept thread, as long as transfers are started there.
 class VELOX_API TTCPServer : public TCustomTCPServer {
  public:
+  /// Not listening yet. Port 0 has the system choose one when the server starts.
   explicit TTCPServer(uint16_t Port);
   /// Stops, then closes all connections.
   ~TTCPServer() override;

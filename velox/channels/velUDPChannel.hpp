@@ -53,6 +53,7 @@ VELOX_API void WSAFinalize() noexcept;
 /// A transfer on an IP channel: what TIPChannel::CreateOperation makes.
 class VELOX_API TIPOperation : public TTransferOperation {
  public:
+  /// As a new TTransferOperation, without address and port.
   TIPOperation() = default;
   ~TIPOperation() override;
 
@@ -81,8 +82,10 @@ class VELOX_API TIPOperation : public TTransferOperation {
 /// The block between an operation and the socket, and the request that the system is working on.
 class VELOX_API TIPOperationBuffer : public TPendingRequest {
  public:
-  static constexpr uint32_t Size = 1500;  // bytes
+  /// Bytes of the block.
+  static constexpr uint32_t Size = 1500;
 
+  /// An empty block for this queue.
   explicit TIPOperationBuffer(TIPOperationQueue& AQueue);
   ~TIPOperationBuffer() override;
 
@@ -95,7 +98,9 @@ class VELOX_API TIPOperationBuffer : public TPendingRequest {
   DWORD Remaining = 0;    // reading: not copied out yet; writing: free room
   SOCKADDR_IN Address{};  // reading: the sender; writing: the destination
   int AddressLength = 0;  // given to each request
+  /// Of the next receive, and of the last one.
   DWORD Flags = 0;
+  /// The queue that the block works for.
   TIPOperationQueue* Queue;
 
   /// How many there are in the process, for tests.
@@ -111,6 +116,7 @@ class VELOX_API TIPOperationBuffer : public TPendingRequest {
 
   /// What the completion routine was told, until the thread handles it.
   struct TCompletion {
+    /// The system's error code (0 for none), the bytes carried, and the flags of a receive.
     DWORD Error = 0;
     DWORD Transferred = 0;
     DWORD Flags = 0;
@@ -133,6 +139,7 @@ class VELOX_API TIPOperationBuffer : public TPendingRequest {
 /// is made.
 class VELOX_API TIPOperationQueue : public TOperationQueue {
  public:
+  /// The channel is borrowed.
   explicit TIPOperationQueue(TIPChannel& Channel);
   ~TIPOperationQueue() override;
 
@@ -141,6 +148,7 @@ class VELOX_API TIPOperationQueue : public TOperationQueue {
   bool TransferData(TTransferOperation& Operation, void* Data, int32_t& Size) override;
   void CancelTransfer() override;
   void StartTimeoutTask(TTransferOperation& Operation) override;
+  /// A new block, as it is before the first request.
   virtual std::unique_ptr<TIPOperationBuffer> CreateBuffer();
   /// Carries what can be carried now, and makes the next request. Whether the chunk is done.
   virtual bool InternalTransferData() = 0;
@@ -155,11 +163,16 @@ class VELOX_API TIPOperationQueue : public TOperationQueue {
   template <class TCall>
   bool Request(const char* Failure, TCall Call);
 
+  /// The channel, as what it is.
   TIPChannel& IPChannel_;
   TIPOperationBuffer* Buffer_ = nullptr;  // frees itself when it is given up with a request
+  /// Bytes of the chunk that is being carried.
   int32_t RequestSize_ = 0;
+  /// Bytes of it that have been carried.
   int32_t DoneSize_ = 0;
+  /// Its place in the operation's buffer.
   char* RequestData_ = nullptr;
+  /// The operation that it belongs to.
   TIPOperation* CurrentOperation_ = nullptr;
 
  private:
@@ -168,6 +181,7 @@ class VELOX_API TIPOperationQueue : public TOperationQueue {
   void CarryOn(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
 };
 
+/// Receives, whatever the protocol.
 class VELOX_API TIPOperationQueueForReading : public TIPOperationQueue {
  public:
   using TIPOperationQueue::TIPOperationQueue;
@@ -183,6 +197,7 @@ class VELOX_API TIPOperationQueueForReading : public TIPOperationQueue {
   void Rescue();
 };
 
+/// Sends, whatever the protocol.
 class VELOX_API TIPOperationQueueForWriting : public TIPOperationQueue {
  public:
   using TIPOperationQueue::TIPOperationQueue;
@@ -196,6 +211,7 @@ class VELOX_API TIPOperationQueueForWriting : public TIPOperationQueue {
   bool WSACompleted(DWORD Transferred, DWORD Flags, DWORD Error) override;
 };
 
+/// Receives datagrams.
 class VELOX_API TUDPOperationQueueForReading : public TIPOperationQueueForReading {
  public:
   using TIPOperationQueueForReading::TIPOperationQueueForReading;
@@ -205,6 +221,7 @@ class VELOX_API TUDPOperationQueueForReading : public TIPOperationQueueForReadin
   bool WSATransferData() override;
 };
 
+/// Sends datagrams.
 class VELOX_API TUDPOperationQueueForWriting : public TIPOperationQueueForWriting {
  public:
   using TIPOperationQueueForWriting::TIPOperationQueueForWriting;
@@ -214,6 +231,7 @@ class VELOX_API TUDPOperationQueueForWriting : public TIPOperationQueueForWritin
   bool WSATransferData() override;
 };
 
+/// Receives on a connection.
 class VELOX_API TTCPOperationQueueForReading : public TIPOperationQueueForReading {
  public:
   using TIPOperationQueueForReading::TIPOperationQueueForReading;
@@ -223,6 +241,7 @@ class VELOX_API TTCPOperationQueueForReading : public TIPOperationQueueForReadin
   bool WSATransferData() override;
 };
 
+/// Sends on a connection.
 class VELOX_API TTCPOperationQueueForWriting : public TIPOperationQueueForWriting {
  public:
   using TIPOperationQueueForWriting::TIPOperationQueueForWriting;
@@ -239,6 +258,7 @@ class VELOX_API TIPChannel : public TChannel {
   TClass GetOperationClass() const override;
 
  protected:
+  /// Inactive.
   TIPChannel();
 
   /// Opens the socket. Raises EOSError.
@@ -259,7 +279,9 @@ class VELOX_API TIPChannel : public TChannel {
   SOCKET GetSocket() const noexcept { return Socket_; }
 
  protected:
+  /// Closes the channel's socket, if it has one, once no request is being made with it.
   void CloseSocket() noexcept;
+  /// Takes a socket as the channel's own.
   void AdoptSocket(SOCKET Socket) noexcept;
 
  private:
@@ -275,6 +297,7 @@ class VELOX_API TIPChannel : public TChannel {
 /// Datagrams from and to any address. A write goes out in datagrams of at most 1500 bytes.
 class VELOX_API TUDPChannel : public TIPChannel {
  public:
+  /// Inactive; the system will choose the port.
   TUDPChannel() = default;
   ~TUDPChannel() override;
 
@@ -296,6 +319,7 @@ class VELOX_API TUDPChannel : public TIPChannel {
 /// A datagram channel that joins a multicast group, and may share its port with others.
 class VELOX_API TMulticastChannel : public TUDPChannel {
  public:
+  /// Inactive, without a group.
   TMulticastChannel() = default;
   ~TMulticastChannel() override;
 
@@ -321,6 +345,7 @@ class VELOX_API TMulticastChannel : public TUDPChannel {
 /// from a server by Accept.
 class VELOX_API TTCPChannel : public TIPChannel {
  public:
+  /// Inactive, without an address.
   TTCPChannel();
   ~TTCPChannel() override;
 

@@ -11,9 +11,10 @@ namespace velox {
 /// The cipher's 64-bit block. In memory N1 is the first four bytes and N2 the next four, each
 /// little-endian.
 struct TGostCryptedBlock {
-  uint32_t N1 = 0;
-  uint32_t N2 = 0;
+  uint32_t N1 = 0;  ///< the first half
+  uint32_t N2 = 0;  ///< the second half
 
+  /// Equal when both halves are.
   friend bool operator==(const TGostCryptedBlock&, const TGostCryptedBlock&) = default;
 };
 

@@ -55,6 +55,7 @@ class TCRC : public TObject {
   TCRC(TValue Polynomial, TValue InitialValue, bool ReflectInput, bool ReflectOutput,
        TValue FinalXor);
 
+  /// As given to the constructor.
   TValue GetPolynomial() const noexcept { return Polynomial_; }
   TValue GetInitialValue() const noexcept { return InitialValue_; }
   bool GetReflectInput() const noexcept { return ReflectInput_; }
@@ -192,6 +193,7 @@ class VELOX_API TCRC64 : public TCRC<uint64_t> {
 template <std::unsigned_integral TValue>
 class TChecksum : public TObject {
  public:
+  /// The sum is 0.
   TChecksum() noexcept = default;
 
   /// Sets the sum to 0.
@@ -231,6 +233,7 @@ extern template class VELOX_API TChecksum<uint32_t>;
 class VELOX_API TChecksum8 : public TChecksum<uint8_t> {
  public:
   ~TChecksum8() override;
+  /// The one of the process, made on first use by SingletonConstruction.
   static TChecksum8* GetInstance();
   static TObject* SingletonConstruction();
 };
@@ -253,6 +256,7 @@ class VELOX_API TChecksum32 : public TChecksum<uint32_t> {
 template <std::unsigned_integral TWord, uint32_t Modulus, int32_t BlockSize>
 class TTwoSumChecksum : public TObject {
  public:
+  /// A is 1 and B is 0.
   TTwoSumChecksum() noexcept = default;
 
   /// Sets A to 1 and B to 0.
@@ -277,7 +281,9 @@ class TTwoSumChecksum : public TObject {
   uint32_t B_ = 0;
 };
 
+/// What TAdler32Checksum is made of.
 using TAdler32Base = TTwoSumChecksum<uint8_t, 65521, 4096>;
+/// What TFletcherChecksum is made of.
 using TFletcherBase = TTwoSumChecksum<uint16_t, 65535, 256>;
 extern template class VELOX_API TTwoSumChecksum<uint8_t, 65521, 4096>;
 extern template class VELOX_API TTwoSumChecksum<uint16_t, 65535, 256>;
@@ -315,6 +321,7 @@ using TMD5Digest = std::array<uint8_t, 16>;
 /// changes.
 class VELOX_API TMD5 : public TObject {
  public:
+  /// Opens a session of the service. Raises EOSError.
   TMD5();
   ~TMD5() override;
 
@@ -327,6 +334,7 @@ class VELOX_API TMD5 : public TObject {
   /// The digest of the bytes fed so far; ends the hashing.
   void GetCurrentMD5(TMD5Digest& Digest);
 
+  /// The digest of these bytes, or of this text.
   void Calculate(const void* Data, int32_t Size, TMD5Digest& Digest);
   void CalculateForString(const std::string& S, TMD5Digest& Digest);
   /// From the stream's position to its end.
@@ -338,6 +346,7 @@ class VELOX_API TMD5 : public TObject {
   /// 32 upper-case hexadecimal digits.
   static std::string ToString(const TMD5Digest& Digest);
 
+  /// The one of the process, made on first use by SingletonConstruction.
   static TMD5* GetInstance();
   static TObject* SingletonConstruction();
 

@@ -12,8 +12,8 @@ namespace velox {
 
 /// A run of data in an image, by the addresses of its first and its last byte.
 struct TIntelHexBlock {
-  uint32_t StartAddress;
-  uint32_t EndAddress;
+  uint32_t StartAddress;  ///< of the first byte
+  uint32_t EndAddress;    ///< of the last byte
 };
 
 /// A memory image, such as a device's firmware, as one flat buffer, and its text form: Intel HEX

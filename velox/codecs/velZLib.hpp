@@ -18,6 +18,7 @@ VELOX_EXCEPTION(EZlibError, Exception);
 VELOX_EXCEPTION(ECompressionError, EZlibError);
 VELOX_EXCEPTION(EDecompressionError, EZlibError);
 
+/// How much time is spent on a smaller result.
 enum class TCompressionLevel : uint8_t {
   clNone,     ///< zlib's level 0: stored, not compressed
   clFastest,  ///< zlib's level 1
@@ -64,6 +65,7 @@ class VELOX_API TCustomZlibStream : public TStream {
  protected:
   struct TEngine;  // zlib's record, the block, and the counts of bytes
 
+  /// Wraps a stream where it stands.
   explicit TCustomZlibStream(TStream& Strm);
 
   /// Calls OnProgress when it is assigned.
@@ -72,6 +74,7 @@ class VELOX_API TCustomZlibStream : public TStream {
   /// Moves the wrapped stream back to FStrmPos when somebody has moved it.
   void RestorePosition();
 
+  /// The wrapped stream, borrowed.
   TStream& FStrm;
   /// Position in the wrapped stream of the next block.
   int64_t FStrmPos;

@@ -48,6 +48,7 @@ class VELOX_API TAVLTree : public TObject {
   /// round.
   static int32_t CompareIntegers(const void* Key1, const void* Key2) noexcept;
 
+  /// Bytes of a key, and of the data kept with it.
   int32_t GetKeySize() const noexcept { return KeySize_; }
   int32_t GetDataSize() const noexcept { return DataSize_; }
 
@@ -80,6 +81,7 @@ class VELOX_API TAVLTree : public TObject {
   /// in their destructors.
   virtual void ReleaseData(TAVLTreeNode* Node);
 
+  /// Where a node keeps its key, and its data behind that.
   static void* GetKeyPointer(TAVLTreeNode* Node) noexcept { return Node + 1; }
   void* GetDataPointer(TAVLTreeNode* Node) const noexcept {
     return static_cast<uint8_t*>(GetKeyPointer(Node)) + KeySize_;
@@ -93,11 +95,15 @@ class VELOX_API TAVLTree : public TObject {
   /// One search: what is done where the key is found, where it is missing, and at each link on the
   /// way back up, with the direction that was taken there. Null handlers do nothing.
   struct TSearchContext {
+    /// What is looked for, and what may be stored there.
     const void* Key;
     const void* Data;
+    /// Called at the key's link, or at the empty link where it would stand.
     void (TAVLTree::*KeyFound)(TAVLTreeNode*& Link, TSearchContext& Context);
     void (TAVLTree::*KeyNotFound)(TAVLTreeNode*& Link, TSearchContext& Context);
+    /// Called at each link on the way back up.
     void (*Iteration)(TAVLTreeNode*& Link, int32_t Direction, TSearchContext& Context);
+    /// Whether the key was there.
     bool Found;
   };
 
@@ -134,12 +140,14 @@ class VELOX_API TAVLTree : public TObject {
 /// the Data given to Add must not lie in the key's own list.
 class VELOX_API TAVLDuplicatedKeyTree : public TAVLTree {
  public:
+  /// Sizes are bytes. Raises Exception for negative ones.
   TAVLDuplicatedKeyTree(int32_t AKeySize, int32_t AItemSize,
                         TAVLTreeCompareRoutine ACompareRoutine);
   /// Keys are int32_t.
   explicit TAVLDuplicatedKeyTree(int32_t AItemSize);
   ~TAVLDuplicatedKeyTree() override;
 
+  /// Bytes of a value.
   int32_t GetItemSize() const noexcept { return ItemSize_; }
 
  protected:
@@ -154,10 +162,12 @@ class VELOX_API TAVLDuplicatedKeyTree : public TAVLTree {
 /// Maps keys to objects, which it only refers to.
 class VELOX_API TAVLObjectTree : public TObject {
  public:
+  /// KeySize is bytes. Raises Exception for a negative one.
   TAVLObjectTree(int32_t KeySize, TAVLTreeCompareRoutine CompareRoutine);
   /// Keys are int32_t.
   TAVLObjectTree();
 
+  /// Refers to Obj under Key, in place of what stood there.
   void Add(const void* Key, TObject* Obj);
   /// Null when the key is absent.
   TObject* Search(const void* Key) const;

@@ -15,7 +15,10 @@ namespace velox {
 using IInterface = ::IUnknown;
 
 /// What happens, or has happened, to an item of a container.
-enum TContainerModifyAction : int32_t { maAdd = 0, maDelete = 1 };
+enum TContainerModifyAction : int32_t {
+  maAdd = 0,    ///< it is put in
+  maDelete = 1  ///< it is taken out
+};
 
 /// Asked before a container takes or drops AObject. Accept comes in true; setting it to false
 /// refuses.

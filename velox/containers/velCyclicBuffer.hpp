@@ -29,6 +29,7 @@ namespace velox {
 /// Threads: TSharedMemBuffer locks by itself; callers of the others serialise.
 class VELOX_API TCyclicBuffer : public TObject {
  public:
+  /// Without storage.
   TCyclicBuffer() noexcept = default;
 
   /// Takes up to Count of the oldest items out and into Buffer. Count returns how many; 0 asks for
@@ -69,6 +70,7 @@ class VELOX_API TCyclicBuffer : public TObject {
   virtual uint8_t* GetTail() = 0;
 
  protected:
+  /// Moves the read position.
   virtual void SetHead(uint8_t* Value) = 0;
 
  public:
@@ -77,6 +79,7 @@ class VELOX_API TCyclicBuffer : public TObject {
   virtual void SetSize(int32_t Size) = 0;
 
  protected:
+  /// Moves the write position.
   virtual void SetTail(uint8_t* Value) = 0;
 
  public:
@@ -165,6 +168,7 @@ class VELOX_API TSharedCyclicBuffer : public TCyclicBuffer {
   /// True for the side that initialises the block, false for one that takes it as it is.
   explicit TSharedCyclicBuffer(bool ACreateNew) noexcept : CreateNew_(ACreateNew) {}
 
+  /// Whether this side initialises the block.
   bool GetCreateNew() const noexcept { return CreateNew_; }
 
   /// Takes the block (aligned to 4 bytes); BlockSize is its bytes, which only the creating side
@@ -208,11 +212,12 @@ class VELOX_API TSharedCyclicBuffer : public TCyclicBuffer {
 /// Threads: any, between CreateMemory and ReleaseMemory.
 class VELOX_API TSharedMemBuffer : public TSharedCyclicBuffer {
  public:
+  /// True for the process that creates the memory, false for one that opens it.
   explicit TSharedMemBuffer(bool ACreateNew) noexcept : TSharedCyclicBuffer(ACreateNew) {}
   ~TSharedMemBuffer() override;
 
+  /// The mapping's name. Setting it is for the next CreateMemory.
   const std::string& GetMemoryName() const noexcept { return MemoryName_; }
-  /// For the next CreateMemory.
   void SetMemoryName(const std::string& Name) { MemoryName_ = Name; }
 
   /// Creates or opens the mapping and the mutex. Size is the bytes of data; a side that opens takes

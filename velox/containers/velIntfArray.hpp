@@ -17,6 +17,7 @@ VELOX_COM_CLASSES_END
 
 /// Gives a counted reference back.
 struct TInterfaceRelease {
+  /// Gives it back.
   void operator()(IInterface* Item) const { Item->Release(); }
 };
 /// A counted reference that is given back when it goes; null for none.
@@ -32,6 +33,7 @@ using TInterfaceReference = std::unique_ptr<IInterface, TInterfaceRelease>;
 /// Threads: one at a time.
 class VELOX_API TInterfaceArray : public TObject {
  public:
+  /// Empty.
   TInterfaceArray() noexcept = default;
   ~TInterfaceArray() override;
 
@@ -54,6 +56,7 @@ class VELOX_API TInterfaceArray : public TObject {
   /// Raises Exception "Invalid index" unless there is an item at Index.
   void CheckIndex(int32_t Index) const;
 
+  /// Items.
   int32_t GetCount() const noexcept { return Count_; }
   /// The number of items there is room for before memory is allocated again; it never shrinks.
   int32_t GetAllocCount() const noexcept { return static_cast<int32_t>(Items_.size()); }

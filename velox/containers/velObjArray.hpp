@@ -72,7 +72,9 @@ class VELOX_API TObjectArray : public TObject {
   /// Sorts by CompareRoutine; equal items may change places. No events.
   void Sort();
 
+  /// The item at Index. The array stays its owner, if it is.
   TObject* GetItems(int32_t Index) const;
+  /// Items, and whether there are none.
   int32_t GetCount() const noexcept { return static_cast<int32_t>(Items_.size()); }
   bool GetIsEmpty() const noexcept { return Items_.empty(); }
 
@@ -81,6 +83,7 @@ class VELOX_API TObjectArray : public TObject {
   int32_t GetAllocCount() const noexcept { return static_cast<int32_t>(Items_.capacity()); }
   void SetAllocCount(int32_t Value);
 
+  /// As given to the constructor.
   TClass GetItemClass() const noexcept { return ItemClass_; }
 
   /// Whether the array keeps itself sorted. Switching it on sorts.
@@ -101,6 +104,7 @@ class VELOX_API TObjectArray : public TObject {
   TObjectCompareRoutine CompareRoutine;
 
  protected:
+  /// Raises OnModifying, and OnModify. Here is where a descendant takes part.
   virtual void DoModifying(TObject* AObject, TContainerModifyAction Action, bool& Accept);
   virtual void DoModify(TObject* AObject, TContainerModifyAction Action);
   /// Identity order: the difference of the two addresses.
@@ -132,13 +136,17 @@ class VELOX_API TObjectArray : public TObject {
 /// not stable all the same.
 class VELOX_API TAbstractQuickSorter : public TObject {
  public:
+  /// How many items there are.
   virtual int32_t GetCount() const = 0;
 
  protected:
+  /// Orders the items at two positions: negative, zero or positive.
   virtual int32_t CompareItems(int32_t I, int32_t J) = 0;
+  /// Has the items at two positions change places.
   virtual void ExchangeItems(int32_t I, int32_t J) = 0;
 
  public:
+  /// Sorts all items.
   virtual void Sort();
 
  protected:
@@ -160,9 +168,11 @@ class VELOX_API TObjectArraySecondaryIndex : public TAbstractQuickSorter {
   /// constructor.
   explicit TObjectArraySecondaryIndex(TObjectArray* ASource);
 
+  /// The array that is ordered; null when there is none.
   TObjectArray* GetSource() const noexcept { return Source_; }
   /// Takes the array (null for none) and builds its order.
   void SetSource(TObjectArray* ASource);
+  /// Builds the order anew.
   void UpdateIndex() { SetSource(Source_); }
 
   int32_t GetCount() const override { return static_cast<int32_t>(Index_.size()); }
@@ -178,6 +188,7 @@ class VELOX_API TObjectArraySecondaryIndex : public TAbstractQuickSorter {
   void ExchangeItems(int32_t I, int32_t J) override;
   /// Sets the index to the source's own order.
   virtual void BeforeSorting();
+  /// The order: calls OnCompare.
   virtual int32_t CompareObjects(TObject* AObject1, TObject* AObject2);
 
  private:

@@ -45,6 +45,7 @@ VELOX_API std::string StrAddTail(const std::string& A, const std::string& Delimi
 // -------------------------------------------------------------------------------------- prefixes
 // As many characters of S as Prefix has are compared with Prefix. An empty one always matches.
 
+/// Byte by byte.
 VELOX_API bool StrBeginWith(const std::string& S, const std::string& Prefix) noexcept;
 /// By the locale's rule, which tells capitals from small letters.
 VELOX_API bool AnsiStrBeginWith(const std::string& S, const std::string& Prefix);

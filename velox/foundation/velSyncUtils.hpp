@@ -29,6 +29,7 @@ using TThreadExecutionRoutine = TMethod<void(void* AParameter)>;
 /// Threads: every operation may be called from any thread.
 class VELOX_API TThreadFactory : public TObject {
  public:
+  /// The one of the process, made on first use by SingletonConstruction.
   static TThreadFactory* GetInstance();
   static TObject* SingletonConstruction();
 
@@ -63,10 +64,11 @@ VELOX_API TThreadExceptionHook SetThreadExceptionHook(TThreadExceptionHook Hook)
 /// Tells a debugger the calling thread's name; without one it does nothing.
 VELOX_API void SetThreadName(const std::string& Name);
 
-/// The waits below are alertable: user APCs and I/O completion routines of the calling thread run
-/// meanwhile, and the wait goes on afterwards. An exception that escaped such a callback is raised
-/// by the wait (see velCallbackGuard.hpp); one left over from an earlier wait is raised at once,
-/// before waiting. The text names the wait for a reader of the source; it has no effect.
+// ------------------------------------------------------------------------------- alertable waits
+// User APCs and I/O completion routines of the calling thread run during these waits, and the wait
+// goes on afterwards. An exception that escaped such a callback is raised by the wait (see
+// velCallbackGuard.hpp); one left over from an earlier wait is raised at once, before waiting. The
+// text names the wait for a reader of the source; it has no effect.
 
 /// Sleeps for ever, running APCs. It ends only by an exception that escapes one of them.
 VELOX_API DWORD SleepAlertable();
@@ -89,6 +91,8 @@ VELOX_API DWORD WaitAlertableOnce(std::span<const HANDLE> Handles, DWORD Millise
 /// wait. Returns WAIT_FAILED when the wait fails.
 VELOX_API DWORD WaitAlertableQuietly(std::span<const HANDLE> Handles) noexcept;
 
+// ------------------------------------------------------------------- the calling thread, the clock
+
 /// A handle of the calling thread that other threads can use, for instance to queue APCs to it. The
 /// caller closes it. Raises EOSError when the system has none left.
 VELOX_API HANDLE GetRealCurrentThreadHandle();
@@ -96,7 +100,8 @@ VELOX_API HANDLE GetRealCurrentThreadHandle();
 /// Counts per second of the high-resolution counter (QueryPerformanceCounter).
 VELOX_API int64_t GetPerformanceFrequency() noexcept;
 
-/// Atomic operations on a 64-bit integer, sequentially consistent.
+// ------------------------------------------------------------------------ interlocked operations
+// Atomic operations on a 64-bit integer, sequentially consistent.
 
 /// If Target equals A, stores B. Returns what Target held. Mind the order: compared first, stored
 /// second.

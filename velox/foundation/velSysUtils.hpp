@@ -96,6 +96,7 @@ VELOX_API int32_t GetReallocMemorySize(int32_t Current, int32_t Required, int32_
 
 // ------------------------------------------------------------------------------- choices and names
 
+/// TrueValue or FalseValue, as Condition says.
 VELOX_API TObject* IfThen(bool Condition, TObject* TrueValue, TObject* FalseValue) noexcept;
 VELOX_API std::string IfThen(bool Condition, const std::string& TrueValue,
                              const std::string& FalseValue);

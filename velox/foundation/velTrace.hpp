@@ -37,9 +37,11 @@ using enum TTraceType;
 /// order of their time stamps.
 class VELOX_API TTracer : public TObject {
  public:
+  /// The log of the process, made on first use by SingletonConstruction.
   static TTracer* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// For SingletonConstruction: programs use GetInstance().
   TTracer();
 
   /// Chooses the folder; empty for the program's own. Nothing happens when it is the one in use

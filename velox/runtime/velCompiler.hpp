@@ -11,6 +11,8 @@
 #endif
 
 #if defined(VELOX_STATIC)
+/// Marks what the DLL exports. VELOX_STATIC is defined where the library is linked statically,
+/// VELOX_BUILDING in the library's own sources.
 #define VELOX_API
 #elif defined(VELOX_BUILDING)
 #define VELOX_API __declspec(dllexport)
@@ -33,6 +35,7 @@
 /// layout is fixed, and the compiler would warn of it.
 #define VELOX_COM_CLASSES_BEGIN \
   _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wnon-virtual-dtor\"")
+/// Ends what VELOX_COM_CLASSES_BEGIN has begun.
 #define VELOX_COM_CLASSES_END _Pragma("GCC diagnostic pop")
 
 namespace velox {

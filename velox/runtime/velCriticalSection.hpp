@@ -8,11 +8,13 @@ namespace velox {
 /// for.
 class TCriticalSection {
  public:
+  /// Held by no thread.
   TCriticalSection() noexcept { ::InitializeCriticalSection(&Section_); }
   ~TCriticalSection() { ::DeleteCriticalSection(&Section_); }
   TCriticalSection(const TCriticalSection&) = delete;
   TCriticalSection& operator=(const TCriticalSection&) = delete;
 
+  /// As std::scoped_lock and its like call them.
   void lock() noexcept { ::EnterCriticalSection(&Section_); }
   bool try_lock() noexcept { return ::TryEnterCriticalSection(&Section_) != FALSE; }
   void unlock() noexcept { ::LeaveCriticalSection(&Section_); }

@@ -12,7 +12,9 @@ namespace velox {
 /// derive from it.
 class VELOX_API Exception : public std::exception {
  public:
+  /// With a message; the address is that of the caller.
   VELOX_NOINLINE explicit Exception(std::string Text);
+  /// A copy keeps the address.
   Exception(const Exception&) = default;
   Exception& operator=(const Exception&) = default;
   ~Exception() override;
@@ -39,6 +41,7 @@ class VELOX_API Exception : public std::exception {
 /// (velSysUtils.hpp), which build the message from the system's own text.
 class VELOX_API EOSError : public Exception {
  public:
+  /// The complete message, and the code.
   VELOX_NOINLINE EOSError(std::string Text, uint32_t AErrorCode);
   /// As raised at another address: a function that raises for its caller names that one.
   EOSError(std::string Text, uint32_t AErrorCode, const void* AAddress);
@@ -52,6 +55,7 @@ class VELOX_API EOSError : public Exception {
 /// the library too (unless they set a new-handler of their own).
 class VELOX_API EOutOfMemory : public Exception {
  public:
+  /// With the message "Out of memory".
   VELOX_NOINLINE EOutOfMemory();
   ~EOutOfMemory() override;
 };
@@ -59,6 +63,7 @@ class VELOX_API EOutOfMemory : public Exception {
 /// An integer division by zero.
 class VELOX_API EDivByZero : public Exception {
  public:
+  /// With the message "Division by zero".
   VELOX_NOINLINE EDivByZero();
   ~EDivByZero() override;
 };
@@ -80,14 +85,19 @@ VELOX_EXCEPTION(ERegistryException, Exception);
 
 /// A stream failed; the classes below tell how.
 VELOX_EXCEPTION(EStreamError, Exception);
+/// Reading failed, or gave less than was asked for.
 VELOX_EXCEPTION(EReadError, EStreamError);
+/// Writing failed, or took less than was given.
 VELOX_EXCEPTION(EWriteError, EStreamError);
+/// A file could not be opened.
 VELOX_EXCEPTION(EFOpenError, EStreamError);
+/// A file could not be created.
 VELOX_EXCEPTION(EFCreateError, EStreamError);
 
 /// A COM call failed. Raised through OleCheck (velSysUtils.hpp), which builds the message.
 class VELOX_API EOleSysError : public Exception {
  public:
+  /// The complete message, and the HRESULT.
   VELOX_NOINLINE EOleSysError(std::string Text, int32_t AErrorCode);
   /// As raised at another address.
   EOleSysError(std::string Text, int32_t AErrorCode, const void* AAddress);

@@ -7,6 +7,7 @@
 
 namespace velox {
 
+/// How a file is opened.
 enum class TFileMode : uint8_t {
   fmCreate,             ///< makes a new file, or empties the one there is; for reading and writing
   fmOpenRead,           ///< an existing file, for reading
@@ -29,7 +30,9 @@ class VELOX_API TFileStream : public TStream {
                TSeekOrigin Origin) override;  ///< raises EStreamError before the beginning
   int64_t GetSize() override;
 
+  /// As given to the constructor.
   const std::string& GetFileName() const noexcept { return FileName_; }
+  /// The file's handle, which belongs to the stream.
   HANDLE GetHandle() const noexcept { return Handle_.Get(); }
 
  private:

@@ -15,16 +15,21 @@ template <class E>
 requires std::is_enum_v<E>
 class TFlagSet {
  public:
+  /// The empty set, or one with these members.
   constexpr TFlagSet() noexcept = default;
   constexpr TFlagSet(std::initializer_list<E> Members) noexcept {
     for (const E member : Members) Include(member);
   }
 
+  /// Whether it has the member; whether it has none.
   constexpr bool Contains(E Member) const noexcept { return (Bits_ & Bit(Member)) != 0; }
   constexpr bool GetIsEmpty() const noexcept { return Bits_ == 0; }
+
+  /// Puts a member in, and takes one out; nothing happens when that is so already.
   constexpr void Include(E Member) noexcept { Bits_ |= Bit(Member); }
   constexpr void Exclude(E Member) noexcept { Bits_ &= ~Bit(Member); }
 
+  /// Equal when both have the same members.
   friend constexpr bool operator==(const TFlagSet&, const TFlagSet&) noexcept = default;
 
  private:

@@ -10,9 +10,12 @@ namespace velox {
 /// counts as none.
 class THandle {
  public:
+  /// None.
   THandle() noexcept = default;
+  /// Takes a handle over.
   explicit THandle(HANDLE Handle) noexcept
       : Handle_(Handle == INVALID_HANDLE_VALUE ? nullptr : Handle) {}
+  /// Takes over what the other one owns; what this one owned is closed.
   THandle(THandle&& Other) noexcept : Handle_(Other.Release()) {}
   THandle& operator=(THandle&& Other) noexcept {
     Reset(Other.Release());
@@ -20,7 +23,9 @@ class THandle {
   }
   ~THandle() { Reset(); }
 
+  /// The handle, which stays owned; null for none.
   HANDLE Get() const noexcept { return Handle_; }
+  /// Whether there is one.
   explicit operator bool() const noexcept { return Handle_ != nullptr; }
 
   /// Gives the handle to the caller.

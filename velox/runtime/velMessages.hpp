@@ -4,6 +4,7 @@
 /// stand beside the code that raises them.
 namespace velox::messages {
 
+// General.
 inline constexpr const char* seIncorrectParameters = "Incorrect parameters";
 inline constexpr const char* seClassCannotBeCreated = "Class cannot be created without arguments";
 
@@ -15,10 +16,12 @@ inline constexpr const char* seOutOfMemory = "Out of memory";
 inline constexpr const char* seDivByZero = "Division by zero";
 inline constexpr const char* seMethodIsNotAssigned = "Method is not assigned";
 
+// Values and text.
 inline constexpr const char* seInvalidDigit = "Invalid digit value \"%s\"";
 inline constexpr const char* seYes = "Yes";
 inline constexpr const char* seNo = "No";
 
+// Dates.
 inline constexpr const char* seInvalidDateTime = "Invalid date or time";
 
 // Streams.
@@ -92,6 +95,7 @@ inline constexpr const char* seChannelIsNotActive =
 inline constexpr const char* seSpecifyMemoryName = "Specify name of shared memory.";
 inline constexpr const char* seSpecifyMemorySize = "Specify size of shared memory.";
 
+// Settings and connections.
 inline constexpr const char* seIncorrectValueFor = "Incorrect value for %s";
 inline constexpr const char* seTransferNotFinished = "Transfer of the connection is not finished";
 

@@ -9,6 +9,7 @@
 
 namespace velox {
 
+/// Bound methods by their signatures; see TMethod<R(Args...)>.
 template <class Signature>
 class TMethod;
 
@@ -21,6 +22,7 @@ class TMethod;
 template <class R, class... Args>
 class TMethod<R(Args...)> {
  public:
+  /// The code part: called with the object in front of the arguments.
   using TCode = R (*)(void*, Args...);
 
   /// Not assigned.
@@ -58,6 +60,7 @@ class TMethod<R(Args...)> {
         &Callable);
   }
 
+  /// Whether the method is assigned.
   explicit constexpr operator bool() const noexcept { return Code_ != nullptr; }
 
   /// Raises EAssertionFailed when the method is not assigned.
@@ -66,9 +69,11 @@ class TMethod<R(Args...)> {
     return Code_(Object_, std::forward<Args>(Arguments)...);
   }
 
+  /// The two parts.
   constexpr TCode Code() const noexcept { return Code_; }
   constexpr void* Object() const noexcept { return Object_; }
 
+  /// Equal when both parts are.
   friend constexpr bool operator==(const TMethod&, const TMethod&) noexcept = default;
 
  private:

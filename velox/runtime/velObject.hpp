@@ -22,6 +22,7 @@ class VELOX_API TClass {
   /// No class.
   constexpr TClass() noexcept = default;
 
+  /// The class T.
   template <class T>
   static TClass Of() noexcept {
     static_assert(std::is_base_of_v<TObject, T>, "a TClass names classes derived from TObject");
@@ -29,6 +30,7 @@ class VELOX_API TClass {
     return TClass(&info);
   }
 
+  /// Whether it names a class.
   explicit operator bool() const noexcept { return Info_ != nullptr; }
 
   /// The class's name without the library's namespace, empty for no class.
@@ -65,6 +67,7 @@ class VELOX_API TClass {
 /// The root of the library's classes. An object has an identity: it is neither copied nor moved.
 class VELOX_API TObject {
  public:
+  /// Has nothing to do.
   TObject() noexcept = default;
   TObject(const TObject&) = delete;
   TObject& operator=(const TObject&) = delete;

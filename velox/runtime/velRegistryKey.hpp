@@ -36,11 +36,13 @@ class VELOX_API TRegistry : public TObject {
   /// Closes the open key.
   ~TRegistry() override;
 
+  /// The key that paths count from in the end.
   HKEY GetRootKey() const noexcept { return RootKey_; }
   /// HKEY_LOCAL_MACHINE and its like, or any key of the caller's, which is borrowed. Another root
   /// than before closes the open key.
   void SetRootKey(HKEY Value) noexcept;
 
+  /// The rights (KEY_…) with which OpenKey opens.
   REGSAM GetAccess() const noexcept { return Access_; }
   /// Holds for keys that are opened from now on.
   void SetAccess(REGSAM Value) noexcept { Access_ = Value; }
@@ -66,7 +68,9 @@ class VELOX_API TRegistry : public TObject {
   /// Whether the key can be opened for reading.
   bool KeyExists(const std::string& Key) const;
 
+  /// Whether the open key has a value of that name.
   bool ValueExists(const std::string& Name) const noexcept;
+  /// Deletes a value of the open key.
   bool DeleteValue(const std::string& Name) noexcept;
   /// The type (REG_SZ, REG_DWORD, …), REG_NONE when there is no such value.
   DWORD GetDataType(const std::string& Name) const noexcept;
@@ -86,9 +90,11 @@ class VELOX_API TRegistry : public TObject {
 
   // Writes make the value or replace it, whatever type it had.
 
+  /// As REG_SZ.
   void WriteString(const std::string& Name, const std::string& Value);
   /// The same as REG_EXPAND_SZ: "%NAME%" stands for a variable of the environment.
   void WriteExpandString(const std::string& Name, const std::string& Value);
+  /// As REG_DWORD.
   void WriteInteger(const std::string& Name, int32_t Value);
   /// As REG_DWORD 1 or 0.
   void WriteBool(const std::string& Name, bool Value);
@@ -102,8 +108,8 @@ class VELOX_API TRegistry : public TObject {
  protected:
   /// A value as it is stored.
   struct TStoredValue {
-    DWORD Type = REG_NONE;
-    std::vector<uint8_t> Data;
+    DWORD Type = REG_NONE;      ///< REG_SZ, REG_DWORD, …
+    std::vector<uint8_t> Data;  ///< as it is stored
   };
 
   /// Raises ERegistryException when the value can't be read.

@@ -9,7 +9,12 @@
 
 namespace velox {
 
-enum class TSeekOrigin : uint16_t { soBeginning = 0, soCurrent = 1, soEnd = 2 };
+/// What an offset is counted from.
+enum class TSeekOrigin : uint16_t {
+  soBeginning = 0,  ///< the first byte
+  soCurrent = 1,    ///< the present position
+  soEnd = 2         ///< behind the last byte
+};
 
 /// A sequence of bytes with a position. Sizes and positions are bytes. A stream is used by one
 /// thread at a time.
@@ -30,6 +35,7 @@ class VELOX_API TStream : public TObject {
   /// The size; the position stays where it is.
   virtual int64_t GetSize();
 
+  /// The position, in bytes from the beginning.
   int64_t GetPosition() { return Seek(0, TSeekOrigin::soCurrent); }
   void SetPosition(int64_t Position) { Seek(Position, TSeekOrigin::soBeginning); }
 
@@ -42,6 +48,7 @@ class VELOX_API TStream : public TObject {
 /// A stream over memory that it owns and grows as needed, up to 2 GiB less one byte.
 class VELOX_API TMemoryStream : public TStream {
  public:
+  /// Starts empty.
   TMemoryStream() = default;
   /// Starts with a copy of these bytes, positioned at the first.
   TMemoryStream(const void* Data, int32_t Size);

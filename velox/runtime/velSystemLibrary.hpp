@@ -15,11 +15,14 @@ namespace velox {
 template <class F>
 class TSystemFunction;
 
+/// The one for functions of the system's calling convention; see there.
 template <class R, class... Args>
 class TSystemFunction<R(WINAPI*)(Args...)> {
  public:
+  /// The function's pointer type.
   using TPointer = R(WINAPI*)(Args...);
 
+  /// Names the function; loads nothing yet. The names must live as long as the object: literals do.
   constexpr TSystemFunction(const char* Library, const char* Name) noexcept
       : Library_(Library), Name_(Name) {}
 
@@ -29,6 +32,7 @@ class TSystemFunction<R(WINAPI*)(Args...)> {
   /// Calls it. Only when it is there.
   R operator()(Args... Arguments) const { return Get()(Arguments...); }
 
+  /// The function, null when the system does not have it.
   TPointer Get() const noexcept {
     TPointer found = Function_.load(std::memory_order_acquire);
     if (found != nullptr) return found;

@@ -28,26 +28,26 @@ namespace velox {
 
 /// A version as version resources keep it: 1.2.3.4.
 struct TFileVersion {
-  uint16_t Major = 0;
-  uint16_t Minor = 0;
-  uint16_t Release = 0;
-  uint16_t Build = 0;
+  uint16_t Major = 0;    ///< the 1
+  uint16_t Minor = 0;    ///< the 2
+  uint16_t Release = 0;  ///< the 3
+  uint16_t Build = 0;    ///< the 4
 };
 
 /// Whether VersionToString writes the release number.
 enum class TFileVersionReleaseConversionOption : uint8_t {
-  fvrcoDoNotInclude,
-  fvrcoIncludeIfNotZero,
-  fvrcoInclude
+  fvrcoDoNotInclude,      ///< never
+  fvrcoIncludeIfNotZero,  ///< unless it is 0
+  fvrcoInclude            ///< always
 };
 
 /// Whether and how VersionToString writes the build number: as one more number, or as " (Build N)".
 enum class TFileVersionBuildConversionOption : uint8_t {
-  fvbcoDoNotInclude,
-  fvbcoIncludeIfNotZero,
-  fvbcoInclude,
-  fvbcoIncludeIfNotZeroAsBuildString,
-  fvbcoIncludeAsBuildString
+  fvbcoDoNotInclude,                   ///< never
+  fvbcoIncludeIfNotZero,               ///< as a number, unless it is 0
+  fvbcoInclude,                        ///< always, as a number
+  fvbcoIncludeIfNotZeroAsBuildString,  ///< as words, unless it is 0
+  fvbcoIncludeAsBuildString            ///< always, as words
 };
 
 /// The strings that a version resource may hold for each of its languages.
@@ -65,18 +65,21 @@ enum class TVersionInfoStringNameId : uint8_t {
   visnProductVersion,
   visnSpecialBuild
 };
+/// How many there are.
 inline constexpr int32_t VersionInfoStringNameCount = 12;
 
 /// The name under which a resource keeps a string: "Comments", "CompanyName", …
 VELOX_API const char* VersionInfoStringName(TVersionInfoStringNameId Id) noexcept;
 
+/// What a file says about the way it was built.
 enum class TVersionInfoFileFlag : uint8_t {
-  viffDebug,
-  viffPatched,
-  viffPrerelease,
-  viffPrivateBuild,
-  viffSpecialBuild
+  viffDebug,         ///< with debugging features
+  viffPatched,       ///< changed since its version was published
+  viffPrerelease,    ///< not published yet
+  viffPrivateBuild,  ///< not built by the usual procedure; see visnPrivateBuild
+  viffSpecialBuild   ///< a variation of its version; see visnSpecialBuild
 };
+/// A set of them.
 using TVersionInfoFileFlags = TFlagSet<TVersionInfoFileFlag>;
 
 /// The system that a file was made for.
@@ -91,6 +94,7 @@ enum class TVersionInfoFileOS : uint8_t {
   vifoNTWin32
 };
 
+/// What kind of file it is.
 enum class TVersionInfoFileType : uint8_t {
   viftUnknown,
   viftApplication,
@@ -129,6 +133,7 @@ class VELOX_API TModuleVersionInfo : public TObject {
   explicit TModuleVersionInfo(const void* Block);
   ~TModuleVersionInfo() override;
 
+  /// The version of the file, and of the product that it is part of.
   const TFileVersion& GetFileVersion() const noexcept { return FileVersion_; }
   const TFileVersion& GetProductVersion() const noexcept { return ProductVersion_; }
   /// The flags that are set, of those that the resource declares valid.
@@ -180,6 +185,7 @@ class VELOX_API TModuleInfo : public TObject {
   static TModuleInfo* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// As given to the constructor, or as the system tells it of a module.
   const std::string& GetFileName() const noexcept { return FileName_; }
   /// Null when the file has no version resource. Owned by this object.
   const TModuleVersionInfo* GetVersionInfo() const noexcept { return VersionInfo_.get(); }
@@ -210,6 +216,7 @@ class VELOX_API TThreadInfo : public TObject {
   /// Gathers everything anew. Raises EOSError.
   void Refresh();
 
+  /// As given to the constructor.
   DWORD GetThreadId() const noexcept { return ThreadId_; }
   /// The thread that made this object.
   DWORD GetCallerThreadId() const noexcept { return CallerThreadId_; }
@@ -255,6 +262,7 @@ class VELOX_API TProcessInfo : public TObject {
   /// Gathers everything anew, with new objects for the threads. Raises EOSError.
   void Refresh();
 
+  /// As given to the constructor.
   DWORD GetProcessId() const noexcept { return ProcessId_; }
   /// The process that made this object, that is, this one.
   DWORD GetCallerProcessId() const noexcept { return CallerProcessId_; }

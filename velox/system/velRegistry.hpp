@@ -11,8 +11,9 @@ namespace velox {
 /// The registry, with lists of strings as values (REG_MULTI_SZ) and default values of keys.
 ///
 ///     TRegistryEx registry;
-///     if (registry.OpenKey("Software\\Vendor", true)) registry.WriteStringList("Servers",
-///     servers); TRegistryEx::WriteDefaultString(registry, "\\Software\\Vendor\\Kind", "main");
+///     if (registry.OpenKey("Software\\Vendor", true))
+///       registry.WriteStringList("Servers", servers);
+///     TRegistryEx::WriteDefaultString(registry, "\\Software\\Vendor\\Kind", "main");
 ///
 /// Failures raise ERegistryException, which names the value or key. Threads: one at a time.
 class VELOX_API TRegistryEx : public TRegistry {

@@ -24,8 +24,7 @@
 /// Threads: any, since nothing changes once it is gathered.
 namespace velox {
 
-// ---------------------------------------------------------------------------- versions and
-// editions
+// --------------------------------------------------------------------------- versions and editions
 
 /// In the order in which the systems came out, so that values may be compared. A server stands
 /// behind the workstation that it shares its version number with.
@@ -160,6 +159,7 @@ enum class TOSVersionEx : uint8_t {
   osTenEnterprise2015LTSBN,
   osTenEnterprise2015LTSBNEvaluation
 };
+/// How many editions there are.
 inline constexpr int32_t OSVersionExCount = 105;
 
 /// The text to show for a value, such as "Windows 7" or "Windows 7 Home Premium N"; "Unknown" for
@@ -171,8 +171,7 @@ VELOX_API const char* OSVersionExName(TOSVersionEx VersionEx) noexcept;
 /// in a version; osxUnknown when there is none.
 VELOX_API TOSVersionEx EditionOfProduct(TOSVersion Version, uint32_t Product) noexcept;
 
-// --------------------------------------------------------------------------------- facts and
-// result
+// -------------------------------------------------------------------------------- facts and result
 
 /// What a system tells of itself. What it can't tell stays as it is here.
 struct TOSFacts {
@@ -211,22 +210,26 @@ struct TOSFacts {
 
 /// What follows from the facts.
 struct TOSDescription {
+  /// The numbers of the version and of the build.
   uint32_t MinorVersion = 0;
   uint32_t MajorVersion = 0;
   uint32_t BuildNumber = 0;
+  /// The service pack as text; empty when none.
   std::string CSDVersion;
+  /// The edition, and the version.
   TOSVersionEx VersionEx = TOSVersionEx::osxUnknown;
   TOSVersion Version = TOSVersion::osUnknown;
+  /// The service pack as numbers; 0 when none.
   int32_t ServicePackMajor = 0;
   int32_t ServicePackMinor = 0;
+  /// To be shown: the edition, or the version's numbers when that is not known.
   std::string Name = "Unknown";
 };
 
 /// Decides from the facts alone, of this machine or any other.
 VELOX_API TOSDescription DescribeOS(const TOSFacts& Facts);
 
-// ------------------------------------------------------------------------------------- this
-// machine
+// ------------------------------------------------------------------------------------ this machine
 
 /// The running system, as it was when the object was made.
 class VELOX_API TOSInfo : public TObject {
@@ -235,6 +238,7 @@ class VELOX_API TOSInfo : public TObject {
   TOSInfo();
   ~TOSInfo() override;
 
+  /// The numbers of the version, such as 1 and 6 for Windows 7, and of the build.
   uint32_t GetMinorVersion() const noexcept { return Description_.MinorVersion; }
   uint32_t GetMajorVersion() const noexcept { return Description_.MajorVersion; }
   uint32_t GetBuildNumber() const noexcept { return Description_.BuildNumber; }
@@ -268,9 +272,11 @@ class VELOX_API TSystemInfo : public TObject {
   static TSystemInfo* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// Gathers. Raises what TOSInfo raises. Programs use GetInstance().
   TSystemInfo();
   ~TSystemInfo() override;
 
+  /// The running system.
   const TOSInfo& GetOSInfo() const noexcept { return *OSInfo_; }
   /// The names of the serial ports, such as "COM1", in the order in which the system lists them.
   const TStrings& GetComPorts() const noexcept { return ComPorts_; }
