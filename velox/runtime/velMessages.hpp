@@ -28,6 +28,12 @@ inline constexpr const char* seStreamTooLarge = "Stream in memory cannot exceed 
 inline constexpr const char* seCannotOpenFile = "Cannot open file \"%s\". %s";
 inline constexpr const char* seCannotCreateFile = "Cannot create file \"%s\". %s";
 
+// Registry; each names the value or key.
+inline constexpr const char* seRegistryGetDataFailed = "Cannot read registry data \"%s\"";
+inline constexpr const char* seRegistrySetDataFailed = "Cannot write registry data \"%s\"";
+inline constexpr const char* seRegistryInvalidType = "Registry data \"%s\" have another type";
+inline constexpr const char* seRegistryCreateFailed = "Cannot create registry key \"%s\"";
+
 // Containers.
 inline constexpr const char* seInvalidIndex = "Invalid index";
 inline constexpr const char* seObjectIsNull = "Object cannot be null";
