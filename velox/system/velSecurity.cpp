@@ -10,6 +10,7 @@
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velRegistryKey.hpp"
 
 namespace velox {
 namespace {
@@ -566,6 +567,28 @@ void TSecurityDescriptor::Extract(const std::string& SystemName, const void* Des
     throw Exception(messages::seInvalidSecurityDescriptor);
   }
   Extract(SystemName, Descriptor);
+}
+
+void TSecurityDescriptor::ReadFromRegistry(const std::string& SystemName, HKEY RootKey,
+                                           const std::string& KeyName,
+                                           const std::string& ValueName) {
+  TRegistry registry;
+  registry.SetRootKey(RootKey);
+  if (!registry.OpenKeyReadOnly(KeyName)) return;
+  if (!registry.ValueExists(ValueName)) {
+    Clear();
+    return;
+  }
+  const std::vector<uint8_t> data = registry.ReadBinaryData(ValueName);
+  Extract(SystemName, data.data(), static_cast<int32_t>(data.size()));
+}
+
+void TSecurityDescriptor::WriteToRegistry(HKEY RootKey, const std::string& KeyName,
+                                          const std::string& ValueName) const {
+  TRegistry registry(KEY_READ | KEY_WRITE);
+  registry.SetRootKey(RootKey);
+  if (!registry.OpenKey(KeyName, true)) return;
+  registry.WriteBinaryData(ValueName, BuildDescriptor(true).get(), GetSize());
 }
 
 }  // namespace velox
