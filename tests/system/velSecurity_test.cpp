@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "tests/support/support.hpp"
+#include "tests/support/temporary_key.hpp"
 #include "velox/foundation/velStringUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
@@ -316,6 +317,35 @@ TEST(SecurityDescriptor, DropsSecondEntriesThatItReads) {
   descriptor.Extract("", built.get());
   ASSERT_EQ(descriptor.GetDacl().GetAceCount(), 1);
   EXPECT_EQ(descriptor.GetDacl().GetAce(0).AccessMask, 5u);
+}
+
+TEST(SecurityDescriptor, IsKeptInTheRegistry) {
+  const test::TTemporaryKey key;
+  const std::string below = key.Path() + "\\made";
+  TSecurityDescriptor written, read;
+  written.SetOwner(Account("S-1-5-18"));
+  Add(written.GetDacl(), aceAccessAllowed, "S-1-1-0", 5);
+  written.DaclType = sdatPresentNotNull;
+  written.Control = 0x1000;
+
+  read.SetOwner(Account("S-1-1-0"));
+  read.ReadFromRegistry("", HKEY_CURRENT_USER, below, "Value");
+  EXPECT_NE(read.GetOwner(), nullptr) << "no key: untouched";
+  written.WriteToRegistry(HKEY_CURRENT_USER, below, "Value");
+  read.ReadFromRegistry("", HKEY_CURRENT_USER, below, "Value");
+  EXPECT_EQ(Hex(read.BuildDescriptor(true).get(), read.GetSize()),
+            Hex(written.BuildDescriptor(true).get(), written.GetSize()));
+  read.ReadFromRegistry("", HKEY_CURRENT_USER, below, "Other");
+  EXPECT_EQ(read.GetSize(), 20) << "no value: cleared";
+  EXPECT_EQ(read.Control, 0x9004);
+
+  TRegistry registry;
+  ASSERT_TRUE(registry.OpenKey(below, false));
+  registry.WriteString("Text", "text");
+  EXPECT_THROW(read.ReadFromRegistry("", HKEY_CURRENT_USER, below, "Text"), ERegistryException);
+  registry.WriteBinaryData("Cut", written.BuildDescriptor(true).get(), written.GetSize() - 1);
+  EXPECT_EQ(Raised([&] { read.ReadFromRegistry("", HKEY_CURRENT_USER, below, "Cut"); }),
+            "Security descriptor is invalid");
 }
 
 // As many comparisons as 10,000 entries of 500 accounts need. Were one of them to ask the system,
