@@ -1,13 +1,16 @@
-// Shows what is known of this very process and its threads, and of the version resource of a file:
+// Shows what is known of the system, of this very process and its threads, and of the version
+// resource of a file:
 //
 //     velinfo [FILE]
 
 #include <cstdio>
 #include <string>
 
+#include "velox/foundation/velStringUtils.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/system/velModuleInfo.hpp"
+#include "velox/system/velSysInfo.hpp"
 
 namespace {
 
@@ -16,6 +19,44 @@ using namespace velox;
 /// A thread to be seen in the list.
 void Work(void* Stop) {
   WaitForSingleObjectAlertable(*static_cast<HANDLE*>(Stop), "velinfo worker");
+}
+
+const char* ArchitectureName(uint16_t Architecture) {
+  switch (Architecture) {
+    case PROCESSOR_ARCHITECTURE_INTEL:
+      return "x86";
+    case PROCESSOR_ARCHITECTURE_AMD64:
+      return "x64";
+    case PROCESSOR_ARCHITECTURE_IA64:
+      return "Itanium";
+    case PROCESSOR_ARCHITECTURE_ARM:
+      return "ARM";
+    default:
+      return "unknown";
+  }
+}
+
+std::string Joined(const TStrings& Strings) {
+  std::string text;
+  for (const std::string& string : Strings) text = StrAddDelimited(text, ", ", string);
+  return text.empty() ? "none" : text;
+}
+
+void PrintSystem() {
+  const TSystemInfo* system = TSystemInfo::GetInstance();
+  const TOSInfo& info = system->GetOSInfo();
+  std::printf("System %s\n", StrAddDelimited(info.GetName(), ", ", info.GetCSDVersion()).c_str());
+  std::printf("  version %u.%u (%s), build %u, service pack %d.%d\n", info.GetMajorVersion(),
+              info.GetMinorVersion(), OSVersionName(info.GetVersion()), info.GetBuildNumber(),
+              info.GetServicePackMajor(), info.GetServicePackMinor());
+  std::printf("  edition: %s; product type %u\n", OSVersionExName(info.GetVersionEx()),
+              info.GetProductType());
+  SYSTEM_INFO machine;
+  TOSInfo::GetSystemInfo(machine);
+  std::printf("  processor: %s, level %u, revision %04x, %lu of them; pages of %lu bytes\n",
+              ArchitectureName(machine.wProcessorArchitecture), machine.wProcessorLevel,
+              machine.wProcessorRevision, machine.dwNumberOfProcessors, machine.dwPageSize);
+  std::printf("  serial ports: %s\n", Joined(system->GetComPorts()).c_str());
 }
 
 double Milliseconds(int64_t Units) { return static_cast<double>(Units) / 10'000; }
@@ -45,13 +86,11 @@ std::string FullVersion(const TFileVersion& Version) {
 std::string FlagNames(TVersionInfoFileFlags Flags) {
   constexpr const char* Names[] = {"debug", "patched", "prerelease", "private build",
                                    "special build"};
-  std::string text;
+  TStrings names;
   for (uint8_t i = 0; i < 5; ++i) {
-    if (!Flags.Contains(static_cast<TVersionInfoFileFlag>(i))) continue;
-    if (!text.empty()) text += ", ";
-    text += Names[i];
+    if (Flags.Contains(static_cast<TVersionInfoFileFlag>(i))) names.emplace_back(Names[i]);
   }
-  return text.empty() ? "none" : text;
+  return Joined(names);
 }
 
 void PrintVersion(const TModuleVersionInfo& Info) {
@@ -100,6 +139,7 @@ int Run(int Count, char** Arguments) {
       throw Exception(std::string("not a file: ") + Arguments[1]);
   }
 
+  PrintSystem();
   TThreadFactory* factory = TThreadFactory::GetInstance();
   factory->MapName(::GetCurrentThreadId(), "Main thread");
   const THandle stop(::CreateEventA(nullptr, TRUE, FALSE, nullptr));

@@ -25,6 +25,7 @@ constexpr TModule Table[] = {
     {"velCallbackGuard", &modules::InitializeCallbackGuard, &modules::FinalizeCallbackGuard},
     {"velSyncUtils", nullptr, &modules::FinalizeSyncUtils},
     {"velModuleInfo", nullptr, &modules::FinalizeModuleInfo},
+    {"velSysInfo", nullptr, &modules::FinalizeSysInfo},
     {"velTrace", &modules::InitializeTrace, &modules::FinalizeTrace},
     {"velReactor", nullptr, &modules::FinalizeReactor},
     {"velUDPChannel", &modules::InitializeUDPChannel, &modules::FinalizeUDPChannel},

@@ -13,6 +13,7 @@ void InitializeCallbackGuard();
 void FinalizeCallbackGuard() noexcept;
 void FinalizeSyncUtils() noexcept;
 void FinalizeModuleInfo() noexcept;
+void FinalizeSysInfo() noexcept;
 void InitializeTrace();
 void FinalizeTrace() noexcept;
 void FinalizeReactor() noexcept;
