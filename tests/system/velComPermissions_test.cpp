@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velRegistryKey.hpp"
 
@@ -120,25 +122,49 @@ TEST(ComRights, StayDeniedInAnyOrder) {
   EXPECT_FALSE(entry.GetUnassigned());
 }
 
-TEST_F(ComPermissions, AreTheBuiltInOnesFirst) {
-  TComServerLaunchPermissions launch(AppID);
-  TComServerAccessPermissions access(AppID);
-  for (const char* value : {"DefaultLaunchPermission", "DefaultAccessPermission"}) {
-    ASSERT_FALSE(TComServerPermissions::RegistryValueExists(HKEY_LOCAL_MACHINE,
-                                                            "Software\\Microsoft\\Ole", value))
-        << "this machine has a default of its own";
+TEST_F(ComPermissions, AreTheServersElseTheMachinesElseTheBuiltInOnes) {
+  TRegistry machine;
+  machine.SetRootKey(HKEY_LOCAL_MACHINE);
+  ASSERT_TRUE(machine.OpenKey("Software\\Microsoft\\Ole", true));
+  if (machine.ValueExists("DefaultLaunchPermission") ||
+      machine.ValueExists("DefaultAccessPermission")) {
+    std::printf("not run: this machine has defaults of its own\n");
+    return;
   }
+  const struct TRestore {
+    ~TRestore() { Registry.DeleteValue("DefaultLaunchPermission"); }
+    TRegistry& Registry;
+  } restore{machine};
+  TComServerLaunchPermissions launch(AppID);
   EXPECT_EQ(Entries(launch), (TEntries{"S-1-5-32-544 31 0", "S-1-5-4 31 0", "S-1-5-18 31 0"}));
-  EXPECT_EQ(Entries(access), (TEntries{"S-1-5-18 3 0", "S-1-5-10 7 0"}));
+  EXPECT_EQ(Entries(TComServerAccessPermissions(AppID)),
+            (TEntries{"S-1-5-18 3 0", "S-1-5-10 7 0"}));
+
+  TSecurityDescriptor defaults;
+  defaults.DaclType = sdatPresentNotNull;
+  for (const auto type : {aceAccessAllowed, aceAccessDenied}) {
+    auto ace = std::make_unique<TAccessControlEntry>(
+        type, std::make_unique<TSecurityIdentifier>("", WinWorldSid));
+    ace->AccessMask = type == aceAccessAllowed ? 31 : 5;
+    ASSERT_TRUE(defaults.GetDacl().AddAce(ace.get()));
+    ace.release();
+  }
+  defaults.WriteToRegistry(HKEY_LOCAL_MACHINE, machine.GetCurrentPath(), "DefaultLaunchPermission");
+  EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), (TEntries{"S-1-1-0 27 5"}));
   launch.Apply();
   EXPECT_EQ(Stored("LaunchPermission"),
             (TEntries{"S-1-5-32-544 0 31", "S-1-5-4 0 31", "S-1-5-18 0 31"}));
   EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), Entries(launch));
+  launch.UseDefault();
+  EXPECT_EQ(Entries(launch), (TEntries{"S-1-1-0 27 5"}));
 }
 
 TEST_F(ComPermissions, AreWrittenDenialsFirstAndReadBack) {
   TComServerLaunchPermissions launch(AppID);
-  TComServerPermissionsEntry& dropped = launch.GetEntries(0);
+  while (launch.GetEntryCount() > 0) launch.DeleteEntry(0);
+  TComServerPermissionsEntry& dropped =
+      launch.AddEntry(TSecurityIdentifier("", WinBuiltinAdministratorsSid));
+  launch.AddEntryEx("", "INTERACTIVE", ptAllow, ptAllow, ptAllow, ptAllow, ptAllow);
   launch.AddEntryEx("", "SYSTEM", ptAllow, ptNone, ptNone, ptNone, ptNone);
   launch.AddEntryEx("", "Everyone", ptAllow, ptAllow, ptDeny, ptAllow, ptDeny);
   launch.DeleteEntry(0);
@@ -157,7 +183,6 @@ TEST_F(ComPermissions, AreWrittenDenialsFirstAndReadBack) {
   launch.Apply();
   EXPECT_FALSE(
       TComServerPermissions::RegistryValueExists(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission"));
-  EXPECT_EQ(launch.GetEntryCount(), 3) << "the default";
 }
 
 /// As on a system that does not split the rights.

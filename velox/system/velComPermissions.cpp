@@ -1,6 +1,5 @@
 #include "velox/system/velComPermissions.hpp"
 
-#include <array>
 #include <utility>
 
 #include "velox/foundation/velStringUtils.hpp"
@@ -19,48 +18,9 @@ constexpr uint32_t Remote = Execute | COM_RIGHTS_EXECUTE_REMOTE;
 constexpr uint32_t LocalActivate = Execute | COM_RIGHTS_ACTIVATE_LOCAL;
 constexpr uint32_t RemoteActivate = Execute | COM_RIGHTS_ACTIVATE_REMOTE;
 
-/// A permission of an entry, and the mask for it.
-template <class T>
-struct TRight {
-  TPermissionType T::*Permission;
-  uint32_t Mask;
-};
-
-template <class T>
-constexpr std::array<TRight<T>, 1> PlainRights{{{&T::Permission, Execute}}};
-
-using TAccessEx = TComServerAccessPermissionsEntryEx;
-using TLaunchEx = TComServerLaunchPermissionsEntryEx;
-constexpr std::array<TRight<TAccessEx>, 2> AccessRights{
-    {{&TAccessEx::LocalAccess, Local}, {&TAccessEx::RemoteAccess, Remote}}};
-constexpr std::array<TRight<TLaunchEx>, 4> LaunchRights{
-    {{&TLaunchEx::LocalLaunch, Local},
-     {&TLaunchEx::RemoteLaunch, Remote},
-     {&TLaunchEx::LocalActivation, LocalActivate},
-     {&TLaunchEx::RemoteActivation, RemoteActivate}}};
-
-/// The masks of the permissions that have this value.
-template <class T, size_t N>
-uint32_t MaskOf(const T& Entry, const std::array<TRight<T>, N>& Rights, TPermissionType Value) {
-  uint32_t mask = 0;
-  for (const TRight<T>& right : Rights) {
-    if (Entry.*right.Permission == Value) mask |= right.Mask;
-  }
-  return mask;
-}
-
 void UpdatePermissionType(TPermissionType& Permission, TAccessControlEntryType AceType) noexcept {
   if (AceType == aceAccessDenied) Permission = ptDeny;
   if (AceType == aceAccessAllowed && Permission == ptNone) Permission = ptAllow;
-}
-
-template <class T, size_t N>
-void UpdateRights(T& Entry, const std::array<TRight<T>, N>& Rights, TAccessControlEntryType AceType,
-                  uint32_t Mask) {
-  for (const TRight<T>& right : Rights) {
-    if ((Mask & right.Mask) == right.Mask || Mask == Execute)
-      UpdatePermissionType(Entry.*right.Permission, AceType);
-  }
 }
 
 std::string GUIDToString(const GUID& Id) {
@@ -94,27 +54,57 @@ TPermissionType StringToPermissionType(const std::string& Text) noexcept {
 // ----------------------------------------------------------------------------------------- entries
 
 TComServerPermissionsEntry::TComServerPermissionsEntry(
-    const TSecurityIdentifier& SecurityIdentifier)
-    : SecurityIdentifier_(SecurityIdentifier.Clone()) {}
+    const TSecurityIdentifier& SecurityIdentifier, std::vector<TRight> Rights)
+    : SecurityIdentifier_(SecurityIdentifier.Clone()), Rights_(std::move(Rights)) {}
 
 TComServerPermissionsEntry::~TComServerPermissionsEntry() = default;
 
-#define VELOX_COM_ENTRY_RIGHTS(Name, Rights)                                              \
-  Name::~Name() = default;                                                                \
-  uint32_t Name::GetAllowingAccessMask() const { return MaskOf(*this, Rights, ptAllow); } \
-  uint32_t Name::GetDenialAccessMask() const { return MaskOf(*this, Rights, ptDeny); }    \
-  void Name::UpdateMask(TAccessControlEntryType AceType, uint32_t Mask) {                 \
-    UpdateRights(*this, Rights, AceType, Mask);                                           \
+uint32_t TComServerPermissionsEntry::GetAllowingAccessMask() const { return MaskOf(ptAllow); }
+
+uint32_t TComServerPermissionsEntry::GetDenialAccessMask() const { return MaskOf(ptDeny); }
+
+uint32_t TComServerPermissionsEntry::MaskOf(TPermissionType Value) const noexcept {
+  uint32_t mask = 0;
+  for (const TRight& right : Rights_) {
+    if (*right.Permission == Value) mask |= right.Mask;
   }
+  return mask;
+}
 
-VELOX_COM_ENTRY_RIGHTS(TComServerAccessPermissionsEntry,
-                       PlainRights<TComServerAccessPermissionsEntry>)
-VELOX_COM_ENTRY_RIGHTS(TComServerAccessPermissionsEntryEx, AccessRights)
-VELOX_COM_ENTRY_RIGHTS(TComServerLaunchPermissionsEntry,
-                       PlainRights<TComServerLaunchPermissionsEntry>)
-VELOX_COM_ENTRY_RIGHTS(TComServerLaunchPermissionsEntryEx, LaunchRights)
+void TComServerPermissionsEntry::UpdateMask(TAccessControlEntryType AceType, uint32_t Mask) {
+  for (const TRight& right : Rights_) {
+    if ((Mask & right.Mask) == right.Mask || Mask == Execute)
+      UpdatePermissionType(*right.Permission, AceType);
+  }
+}
 
-#undef VELOX_COM_ENTRY_RIGHTS
+TComServerAccessPermissionsEntry::TComServerAccessPermissionsEntry(
+    const TSecurityIdentifier& SecurityIdentifier)
+    : TComServerPermissionsEntry(SecurityIdentifier, {{&Permission, Execute}}) {}
+
+TComServerAccessPermissionsEntry::~TComServerAccessPermissionsEntry() = default;
+
+TComServerAccessPermissionsEntryEx::TComServerAccessPermissionsEntryEx(
+    const TSecurityIdentifier& SecurityIdentifier)
+    : TComServerPermissionsEntry(SecurityIdentifier,
+                                 {{&LocalAccess, Local}, {&RemoteAccess, Remote}}) {}
+
+TComServerAccessPermissionsEntryEx::~TComServerAccessPermissionsEntryEx() = default;
+
+TComServerLaunchPermissionsEntry::TComServerLaunchPermissionsEntry(
+    const TSecurityIdentifier& SecurityIdentifier)
+    : TComServerPermissionsEntry(SecurityIdentifier, {{&Permission, Execute}}) {}
+
+TComServerLaunchPermissionsEntry::~TComServerLaunchPermissionsEntry() = default;
+
+TComServerLaunchPermissionsEntryEx::TComServerLaunchPermissionsEntryEx(
+    const TSecurityIdentifier& SecurityIdentifier)
+    : TComServerPermissionsEntry(SecurityIdentifier, {{&LocalLaunch, Local},
+                                                      {&RemoteLaunch, Remote},
+                                                      {&LocalActivation, LocalActivate},
+                                                      {&RemoteActivation, RemoteActivate}}) {}
+
+TComServerLaunchPermissionsEntryEx::~TComServerLaunchPermissionsEntryEx() = default;
 
 // ------------------------------------------------------------------------------------ permissions
 

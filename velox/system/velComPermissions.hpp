@@ -47,16 +47,14 @@ VELOX_API TPermissionType StringToPermissionType(const std::string& Text) noexce
 /// The permissions of one account.
 class VELOX_API TComServerPermissionsEntry : public TObject {
  public:
-  /// Clones the identifier.
-  explicit TComServerPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier);
   ~TComServerPermissionsEntry() override;
 
   /// The COM rights (COM_RIGHTS_…) that are allowed, and those that are denied.
-  virtual uint32_t GetAllowingAccessMask() const = 0;
-  virtual uint32_t GetDenialAccessMask() const = 0;
+  virtual uint32_t GetAllowingAccessMask() const;
+  virtual uint32_t GetDenialAccessMask() const;
   /// Takes over what an access control entry says. A denial stays, whatever comes before or after.
   /// A mask of COM_RIGHTS_EXECUTE alone, as older systems write it, means every right.
-  virtual void UpdateMask(TAccessControlEntryType AceType, uint32_t Mask) = 0;
+  virtual void UpdateMask(TAccessControlEntryType AceType, uint32_t Mask);
 
   /// Whether nothing is allowed or denied.
   bool GetUnassigned() const { return GetAllowingAccessMask() == 0 && GetDenialAccessMask() == 0; }
@@ -67,44 +65,59 @@ class VELOX_API TComServerPermissionsEntry : public TObject {
   std::string GetSystemName() const { return SecurityIdentifier_->GetSystemName(); }
   std::string GetSidString() const { return SecurityIdentifier_->GetSidString(); }
 
+ protected:
+  /// A permission, which is a member of the derived class, and its bits in a mask.
+  struct TRight {
+    TPermissionType* Permission;
+    uint32_t Mask;
+  };
+
+  /// Clones the identifier.
+  TComServerPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier,
+                             std::vector<TRight> Rights);
+
  private:
+  uint32_t MaskOf(TPermissionType Value) const noexcept;
+
   const std::unique_ptr<TSecurityIdentifier> SecurityIdentifier_;
+  const std::vector<TRight> Rights_;
 };
 
-/// Declares what the entry classes have in common.
-#define VELOX_COM_ENTRY_CLASS(Name)                             \
- public:                                                        \
-  using TComServerPermissionsEntry::TComServerPermissionsEntry; \
-  ~Name() override;                                             \
-  uint32_t GetAllowingAccessMask() const override;              \
-  uint32_t GetDenialAccessMask() const override;                \
-  void UpdateMask(TAccessControlEntryType AceType, uint32_t Mask) override
-
 class VELOX_API TComServerAccessPermissionsEntry : public TComServerPermissionsEntry {
-  VELOX_COM_ENTRY_CLASS(TComServerAccessPermissionsEntry);
+ public:
+  explicit TComServerAccessPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier);
+  ~TComServerAccessPermissionsEntry() override;
+
   TPermissionType Permission = ptNone;
 };
 
 class VELOX_API TComServerAccessPermissionsEntryEx : public TComServerPermissionsEntry {
-  VELOX_COM_ENTRY_CLASS(TComServerAccessPermissionsEntryEx);
+ public:
+  explicit TComServerAccessPermissionsEntryEx(const TSecurityIdentifier& SecurityIdentifier);
+  ~TComServerAccessPermissionsEntryEx() override;
+
   TPermissionType LocalAccess = ptNone;
   TPermissionType RemoteAccess = ptNone;
 };
 
 class VELOX_API TComServerLaunchPermissionsEntry : public TComServerPermissionsEntry {
-  VELOX_COM_ENTRY_CLASS(TComServerLaunchPermissionsEntry);
+ public:
+  explicit TComServerLaunchPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier);
+  ~TComServerLaunchPermissionsEntry() override;
+
   TPermissionType Permission = ptNone;
 };
 
 class VELOX_API TComServerLaunchPermissionsEntryEx : public TComServerPermissionsEntry {
-  VELOX_COM_ENTRY_CLASS(TComServerLaunchPermissionsEntryEx);
+ public:
+  explicit TComServerLaunchPermissionsEntryEx(const TSecurityIdentifier& SecurityIdentifier);
+  ~TComServerLaunchPermissionsEntryEx() override;
+
   TPermissionType LocalActivation = ptNone;
   TPermissionType LocalLaunch = ptNone;
   TPermissionType RemoteActivation = ptNone;
   TPermissionType RemoteLaunch = ptNone;
 };
-
-#undef VELOX_COM_ENTRY_CLASS
 
 // ------------------------------------------------------------------------------------ permissions
 
