@@ -12,8 +12,8 @@
 namespace velox {
 namespace {
 
-constexpr const char* AppID = "{5F3C7A10-0B5E-4C1A-9A77-3D2E6B7F0C53}";
-const std::string AppKey = std::string("AppID\\") + AppID;
+const std::string AppID = "{5F3C7A10-0B5E-4C1A-9A77-3D2E6B7F0C53}";
+const std::string AppKey = "AppID\\" + AppID;
 
 TStrings Velsec(const TStrings& Arguments) {
   const auto run = test::RunExample("velsec", Arguments);
@@ -51,14 +51,14 @@ class VelSec : public testing::Test {
 
 TEST_F(VelSec, SetsPermissionsThatTheSystemShows) {
   const TStrings initial = Velsec({"com", AppID, "--launch"});
-  EXPECT_EQ(initial[0], std::string("LaunchPermission of ") + AppID + ", by default");
+  EXPECT_EQ(initial[0], "LaunchPermission of " + AppID + ", by default");
   EXPECT_TRUE(RegQuery("LaunchPermission").empty());
 
   const TStrings changed = Velsec({"com", AppID, "--launch", "add", "INTERACTIVE", "none",  //
                                    "add", "SYSTEM", "deny", "remote-launch", "remote-activation",
                                    "add", "Everyone", "allow", "local-activation"});
   const TStrings expected = {
-      std::string("LaunchPermission of ") + AppID,
+      "LaunchPermission of " + AppID,
       "  BUILTIN\\Administrators (S-1-5-32-544): local-launch Allow, local-activation Allow, "
       "remote-launch Allow, remote-activation Allow",
       "  NT AUTHORITY\\SYSTEM (S-1-5-18): local-launch Allow, local-activation Allow, "
@@ -123,15 +123,12 @@ TEST_F(VelSec, RefusesInOneLine) {
     TStrings Arguments;
     std::string Line;
   } cases[] = {
-      {{}, "Unknown command or wrong number of words; velsec --help tells what there is"},
       {{"com", "x"}, "Not an application identifier: x"},
-      {{"com", AppID, "default"}, "Changes ask for --access or --launch"},
       {{"com", AppID, "--launch", "add", "nobody?", "allow"}, "No account nobody?"},
       {{"com", AppID, "--launch", "add", "SYSTEM", "perhaps"},
        "allow, deny or none expected, not perhaps"},
       {{"com", AppID, "--access", "add", "SYSTEM", "allow", "local-launch"},
        "No right local-launch here; velsec --help lists them"},
-      {{"com", AppID, "--access", "add", "SYSTEM"}, "add ACCOUNT allow|deny|none expected at: add"},
       {{"show", "HKLM\\no such key", "Value"}, "Cannot open the key HKLM\\no such key"},
       {{"show", "HKLM\\Software", "no value"}, "HKLM\\Software has no value no value"},
       {{"show", "Software", "Value"},

@@ -69,14 +69,8 @@ TEST(ComRights, AreSplitSinceTheirServicePacks) {
   }
 }
 
-TEST(ComRights, ArePermissionsByName) {
-  EXPECT_EQ(StringToPermissionType("aLLow"), ptAllow);
-  EXPECT_EQ(StringToPermissionType("DENY"), ptDeny);
-  EXPECT_EQ(StringToPermissionType("none"), ptNone);
-  EXPECT_EQ(StringToPermissionType("allowed"), ptNone);
-}
-
-// Which rights a mask touches, as numbers of the permissions in the order of the fields.
+// Which permissions a mask touches: the plain one, then those for activating and launching, locally
+// and remotely.
 TEST(ComRights, AreTouchedByMasks) {
   const TSecurityIdentifier everyone("", WinWorldSid);
   for (const auto& [mask, touched] : std::vector<std::pair<uint32_t, std::string>>{

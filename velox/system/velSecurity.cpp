@@ -43,6 +43,11 @@ bool OnlyAskedForLengths() noexcept {
   return error == ERROR_SUCCESS || error == ERROR_INSUFFICIENT_BUFFER;
 }
 
+std::string CutAtZero(std::string Text) {
+  Text.resize(std::strlen(Text.c_str()));
+  return Text;
+}
+
 PSID AsPSID(const void* Sid) noexcept { return const_cast<void*>(Sid); }
 
 /// Whether a whole SID stands at the beginning of the bytes.
@@ -256,7 +261,7 @@ bool TSecurityIdentifier::LookupAccount() {
   }
   sid.resize(::GetLengthSid(sid.data()));  // there may have been room for more
   Sid_ = std::move(sid);
-  DomainName_ = domain.c_str();
+  DomainName_ = CutAtZero(std::move(domain));
   return true;
 }
 
@@ -284,8 +289,8 @@ bool TSecurityIdentifier::FindNames() {
                            &domainLength, &SidType_)) {
     return false;
   }
-  AccountName_ = name.c_str();
-  DomainName_ = domain.c_str();
+  AccountName_ = CutAtZero(std::move(name));
+  DomainName_ = CutAtZero(std::move(domain));
   return true;
 }
 
