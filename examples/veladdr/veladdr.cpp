@@ -35,7 +35,8 @@ int main(int argc, char** argv) try {
   addresses.SetAddresses(argv[1]);
   addresses.SetEnumRoutine(TIPAddressEnumRoutine::Bind<&Print>());
   addresses.Enumerate();
-  if (std::fflush(stdout) != 0) throw Exception("Cannot write to the standard output");
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    throw Exception("Cannot write to the standard output");
   return 0;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "veladdr: %s\n", e.what());

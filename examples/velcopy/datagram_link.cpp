@@ -117,11 +117,14 @@ void TDatagramLink::CutPackets(const TPlace& From) {
 }
 
 // Only an error ends the operation, or an empty datagram. Some systems tell here that a datagram
-// sent before found nobody. It is worth a message, if nothing better comes, but no reason to stop.
+// sent before found nobody. It is worth a message, if nothing better comes, but no reason to stop,
+// as others are, which would come again at once.
 void TDatagramLink::OnReadComplete(TObject* Sender) {
   auto& operation = static_cast<TIPOperation&>(*Sender);
-  if (operation.GetErrorCode() != 0) Error_ = operation.GetErrorCode();
-  if (!Closing_) operation.SetActive(true);
+  const int32_t error = operation.GetErrorCode();
+  if (error != 0) Error_ = error;
+  if (!Closing_ && (error == 0 || error == WSAECONNRESET || error == WSAENETRESET))
+    operation.SetActive(true);
 }
 
 void TDatagramLink::OnSendComplete(TObject* Sender) {

@@ -206,15 +206,14 @@ int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most
 }
 
 TCommBaudRate ParseRate(std::string_view Text) {
-  DCB block = TCommunicationDCB().EncodeDCB();
-  block.BaudRate = static_cast<DWORD>(ParseNumber("the rate", Text, INT32_MAX));
+  const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, INT32_MAX));
   TCommunicationDCB settings;
-  try {
-    settings.DecodeDCB(block);
-  } catch (const Exception&) {
-    RefuseArguments("serial lines have no rate of " + std::string(Text));
+  for (auto rate = TCommBaudRate::cbr110; rate <= TCommBaudRate::cbr921600;
+       rate = static_cast<TCommBaudRate>(static_cast<int>(rate) + 1)) {
+    settings.SetBaudRate(rate);
+    if (settings.EncodeDCB().BaudRate == wanted) return rate;
   }
-  return settings.GetBaudRate();
+  RefuseArguments("serial lines have no rate of " + std::string(Text));
 }
 
 // N[,BAUD]. Nothing stops the other side from sending: so the driver's input queue holds as much as
@@ -223,7 +222,7 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
                                 int32_t Capacity) {
   const size_t comma = Rest.find(',');
   auto channel = std::make_unique<TCommunicationChannel>();
-  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 255));
+  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 65535));
   channel->SetReadBufferSize(Capacity);
   channel->GetDCB().SetBaudRate(comma == std::string::npos ? TCommBaudRate::cbr115200
                                                            : ParseRate(Rest.substr(comma + 1)));

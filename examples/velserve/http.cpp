@@ -8,6 +8,7 @@ namespace velserve {
 namespace {
 
 constexpr std::string_view Blanks = " \t";
+constexpr std::string_view OldVersion = "HTTP/1.0";  // without Host, and closed unless asked
 
 char Lower(char C) { return C >= 'A' && C <= 'Z' ? static_cast<char>(C - 'A' + 'a') : C; }
 
@@ -15,6 +16,8 @@ bool EqualIgnoringCase(std::string_view A, std::string_view B) {
   return std::equal(A.begin(), A.end(), B.begin(), B.end(),
                     [](char X, char Y) { return Lower(X) == Lower(Y); });
 }
+
+bool IsBlankOrControl(char C) { return static_cast<unsigned char>(C) <= ' ' || C == 127; }
 
 // A token of RFC 9110, 5.6.2: methods and the names of fields.
 bool IsToken(std::string_view Text) {
@@ -54,7 +57,21 @@ bool ReadRequestLine(std::string_view Line, TRequest& Request, std::string_view&
   Request.Method = Line.substr(0, first);
   Request.Target = target;
   Version = Line.substr(last + 1);
-  return IsToken(Request.Method) && !target.empty() && target.find(' ') == target.npos;
+  return IsToken(Request.Method) && !target.empty() &&
+         std::none_of(target.begin(), target.end(), IsBlankOrControl);
+}
+
+// What no name of a host, with or without a port, holds.
+bool IsHost(std::string_view Text) {
+  return std::none_of(Text.begin(), Text.end(), IsBlankOrControl) &&
+         Text.find_first_of("/?#@\\<>\"{}|^`,") == Text.npos;
+}
+
+// "HTTP/" and two digits with a dot between them.
+bool IsVersion(std::string_view Text) {
+  const auto isDigit = [](char C) { return C >= '0' && C <= '9'; };
+  return Text.size() == 8 && Text.substr(0, 5) == "HTTP/" && isDigit(Text[5]) && Text[6] == '.' &&
+         isDigit(Text[7]);
 }
 
 bool ReadField(std::string_view Line, TFields& Fields) {
@@ -64,7 +81,10 @@ bool ReadField(std::string_view Line, TFields& Fields) {
   std::string_view value = Trim(Line.substr(colon + 1));
   if (std::any_of(value.begin(), value.end(), [](char c) { return c == '\0' || c == '\r'; }))
     return false;
-  if (EqualIgnoringCase(name, "Host")) ++Fields.Hosts;
+  if (EqualIgnoringCase(name, "Host")) {
+    if (!IsHost(value)) return false;
+    ++Fields.Hosts;
+  }
   if (EqualIgnoringCase(name, "Transfer-Encoding")) Fields.Body = true;
   if (EqualIgnoringCase(name, "Content-Length")) {
     if (value.empty() || value.find_first_not_of("0123456789") != value.npos) return false;
@@ -83,9 +103,9 @@ bool ReadField(std::string_view Line, TFields& Fields) {
 
 // The status that the complete head of a request leads to.
 int Judge(const TRequest& Request, std::string_view Version, const TFields& Fields) {
-  if (Version != "HTTP/1.1" && Version != "HTTP/1.0")
-    return Version.substr(0, 5) == "HTTP/" ? 505 : 400;
-  if (Fields.Hosts > 1 || (Fields.Hosts == 0 && Version == "HTTP/1.1")) return 400;
+  if (!IsVersion(Version)) return 400;
+  if (Version[5] != '1') return 505;
+  if (Fields.Hosts > 1 || (Fields.Hosts == 0 && Version != OldVersion)) return 400;
   if (Request.Method != "GET" && Request.Method != "HEAD") return 405;
   return Fields.Body ? 400 : 200;  // neither method has a use for a body
 }
@@ -156,7 +176,7 @@ TParsed ParseRequest(std::string_view Text) {
     first = false;
   }
   parsed.Status = Judge(parsed.Request, version, fields);
-  parsed.Request.KeepAlive = !fields.Close && (version == "HTTP/1.1" || fields.KeepAlive);
+  parsed.Request.KeepAlive = !fields.Close && (version != OldVersion || fields.KeepAlive);
   return parsed;
 }
 

@@ -138,14 +138,16 @@ void TFileServer::Answer(TTCPServerConnection& Connection, TSession& Session,
     SendAnswer(Connection, Session, Status, "text/plain; charset=utf-8", Fields,
                head ? std::string_view() : body, body.size());
   };
-  if (Parsed.Status != 200) return refuse(Parsed.Status, "Allow: GET, HEAD\r\n");
+  if (Parsed.Status != 200)
+    return refuse(Parsed.Status, Parsed.Status == 405 ? "Allow: GET, HEAD\r\n" : "");
   const TPath path = PathOf(Parsed.Request.Target);
   if (!path.Name) return refuse(path.BadTarget ? 400 : 404);
   std::string name = *path.Name;
-  if (name.empty() || name.back() == '\\') name += "index.html";
+  const bool isFolder = name.empty() || name.back() == '\\';
+  if (isFolder) name += "index.html";
   const std::wstring wide = WideOf(name, CP_UTF8);
   TFile file = OpenFile(wide);
-  if (!file.Handle && IsFolder(wide)) {
+  if (!file.Handle && !isFolder && IsFolder(wide)) {
     const std::string& target = Parsed.Request.Target;
     const size_t end = std::min(target.find_first_of("?#"), target.size());
     return refuse(301, "Location: " + target.substr(0, end) + "/" + target.substr(end) + "\r\n");
@@ -178,11 +180,12 @@ void TFileServer::SendPiece(TTCPServerConnection& Connection, TSession& Session,
   Bytes.resize(head + piece);
   DWORD read = 0;
   if (piece > 0 &&
-      (!::ReadFile(Session.File.Handle.Get(), Bytes.data() + head, piece, &read, nullptr) ||
-       read != piece)) {
-    TraceOSError("velserve: a file became shorter while it was sent");
-    return Connection.Close();  // the client sees that something is missing
+      !::ReadFile(Session.File.Handle.Get(), Bytes.data() + head, piece, &read, nullptr)) {
+    TraceOSError("velserve: cannot read a file");
+  } else if (read != piece) {
+    Trace("velserve: a file became shorter while it was sent", TTraceType::ttError);
   }
+  if (read != piece) return Connection.Close();  // the client sees that something is missing
   Session.Left -= piece;
   Session.Taken = static_cast<int32_t>(Bytes.size());
   Connection.Send(Bytes.data(), Session.Taken);

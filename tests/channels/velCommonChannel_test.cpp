@@ -178,15 +178,6 @@ class TTestOperation : public TTransferOperation {
 
 using TLog = std::vector<std::string>;
 
-std::string MessageOf(const std::function<void()>& Body) {
-  try {
-    Body();
-  } catch (const Exception& e) {
-    return e.what();
-  }
-  return "nothing raised";
-}
-
 std::string LogText() {
   const std::string name = TTracer::GetInstance()->GetFileName();
   const bool there = ::GetFileAttributesA(name.c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -204,15 +195,15 @@ TEST(TransferOperation, ActivationTellsWhatIsMissingFirst) {
   const char* const sizeAndBuffer =
       "Specify size and buffer for operation. Cannot perform operation.";
   const auto activate = [&] { operation.SetActive(true); };
-  EXPECT_EQ(MessageOf(activate), sizeAndBuffer);
+  EXPECT_EQ(test::MessageOf(activate), sizeAndBuffer);
   operation.SetBuffer(data);
-  EXPECT_EQ(MessageOf(activate), sizeAndBuffer);
+  EXPECT_EQ(test::MessageOf(activate), sizeAndBuffer);
   operation.SetSize(-1);
-  EXPECT_EQ(MessageOf(activate), sizeAndBuffer);
+  EXPECT_EQ(test::MessageOf(activate), sizeAndBuffer);
   operation.SetSize(8);
-  EXPECT_EQ(MessageOf(activate), "Specify channel for operation. Cannot perform operation.");
+  EXPECT_EQ(test::MessageOf(activate), "Specify channel for operation. Cannot perform operation.");
   operation.SetChannel(&channel);
-  EXPECT_EQ(MessageOf(activate), "Channel is not active. Cannot perform operation.");
+  EXPECT_EQ(test::MessageOf(activate), "Channel is not active. Cannot perform operation.");
   EXPECT_FALSE(operation.GetActive());
   EXPECT_EQ(operation.GetState(), osNone);
 }
@@ -240,7 +231,7 @@ TEST(TransferOperation, IsFrozenWhileActive) {
                                            [&] { operation.SetOnTransferred(nullptr); },
                                            [&] { operation.SetOnComplete(nullptr); }};
   for (const auto& set : setters)
-    EXPECT_EQ(MessageOf(set), "Cannot change property of active operation");
+    EXPECT_EQ(test::MessageOf(set), "Cannot change property of active operation");
   EXPECT_NO_THROW(operation.SetBuffer(operation.GetBuffer()));
   operation.SetActive(false);
   EXPECT_EQ(operation.Number(), 1);
@@ -303,12 +294,12 @@ TEST(Channel, SwitchesWithItsEvents) {
   channel.OnActivate = TChannelNotificationEvent::To(activated);
   channel.OnDeactivate = TChannelNotificationEvent::To(deactivated);
   channel.Refuse = true;
-  EXPECT_EQ(MessageOf([&] { channel.SetActive(true); }), "no medium");
+  EXPECT_EQ(test::MessageOf([&] { channel.SetActive(true); }), "no medium");
   EXPECT_FALSE(channel.GetActive());
   channel.Refuse = false;
   channel.SetActive(true);
   channel.SetActive(true);
-  EXPECT_EQ(MessageOf([&] { channel.SetAddress(); }), "Cannot change active channel");
+  EXPECT_EQ(test::MessageOf([&] { channel.SetAddress(); }), "Cannot change active channel");
   channel.SetActive(false);
   channel.SetActive(false);
   EXPECT_EQ(log, (TLog{"activated", "deactivating"}));
@@ -421,6 +412,28 @@ TEST(OperationQueue, ATimeoutIsOfOneChunk) {
   EXPECT_EQ(operation.GetTransferred(), 5);
 }
 
+TEST(OperationQueue, TheTimerOfAChunkThatEndedCutsNoLaterOneShort) {
+  TTestChannel channel(false);
+  channel.SetActive(true);
+  for (int32_t wait = 1; wait <= 40; wait += 3) {
+    TTestOperation first(channel, 1), second(channel, 1);
+    first.SetAutoTimeout(false);
+    first.SetTimeout(40);
+    second.SetAutoTimeout(false);
+    second.SetTimeout(12);
+    first.SetActive(true);
+    // Until shortly before the first one's time.
+    const test::TStopwatch age;
+    test::WaitUntil([&] { return first.Number() > 0 || age.Milliseconds() >= wait; });
+    channel.Queue().End();
+    ASSERT_TRUE(first.Wait());
+    const test::TStopwatch life;
+    second.SetActive(true);
+    ASSERT_TRUE(second.Wait());
+    EXPECT_GE(life.Milliseconds(), 11) << wait;
+  }
+}
+
 TEST(OperationQueue, CancelsQuietlyBehindTheHeadAndStopsTheHead) {
   TTestChannel channel(false);
   channel.SetActive(true);
@@ -455,7 +468,7 @@ TEST(OperationQueue, DeactivationCompletesAllInOrder) {
   TLog log;
   TTestOperation a(channel, 1, "a", &log), b(channel, 2, "b", &log);
   b.OnCompleteDo = [&] {
-    EXPECT_EQ(MessageOf([&] { a.SetActive(true); }),
+    EXPECT_EQ(test::MessageOf([&] { a.SetActive(true); }),
               "Channel is not active. Cannot perform operation.");
   };
   a.SetActive(true);
@@ -495,7 +508,7 @@ TEST(OperationQueue, ExceptionsStopTheRunAndLoseNothingElse) {
   EXPECT_TRUE(bad.GetActive());
   bad.OnCompleteDo = [] { throw Exception("refused by OnComplete"); };
   good.SetActive(true);
-  EXPECT_EQ(MessageOf([&] { bad.SetActive(false); }),
+  EXPECT_EQ(test::MessageOf([&] { bad.SetActive(false); }),
             "refused by OnComplete");  // the canceller's own
   EXPECT_TRUE(good.Wait());
 
@@ -609,6 +622,19 @@ TEST(OperationQueue, AStreamIsKeptGoingFromOnComplete) {
   EXPECT_TRUE(test::WaitUntil([&] { return operation.Number() == 500; }));
 }
 
+TEST(OperationQueue, AStreamCanBeDestroyed) {
+  TTestChannel channel;
+  channel.SetActive(true);
+  for (int i = 0; i < 200; ++i) {
+    auto operation = std::make_unique<TTestOperation>(channel, 3);
+    operation->OnCompleteDo = [stream = operation.get()] { stream->SetActive(true); };
+    operation->SetActive(true);
+    ASSERT_TRUE(operation->Wait());
+    operation.reset();
+    EXPECT_EQ(channel.Queue().GetCount(), 0);
+  }
+}
+
 TEST(OperationQueue, FreesWhatIsItsOwn) {
   TTestChannel channel;
   channel.SetActive(true);
@@ -673,6 +699,29 @@ TEST(OperationQueue, ADestructorWaitsForOnCompleteOnAnotherThread) {
   step = 2;
   operation.reset();
   EXPECT_EQ(step, 3);
+}
+
+TEST(OperationQueue, ADestructorWaitsForAnEventThatHasCancelled) {
+  TTestChannel channel;
+  channel.SetActive(true);
+  for (const bool atStart : {true, false}) {
+    auto operation = std::make_unique<TTestOperation>(channel, 3);
+    std::atomic<int> step = 0;
+    const auto cancel = [&, cancelled = operation.get()] {
+      cancelled->SetActive(false);
+      step = 1;
+      test::WaitUntil([&] { return step == 2; });
+      ::SwitchToThread();
+      step = 3;
+    };
+    if (atStart) operation->OnStartDo = cancel;
+    if (!atStart) operation->OnTransferredDo = [&](bool&) { cancel(); };
+    operation->SetActive(true);
+    ASSERT_TRUE(test::WaitUntil([&] { return step == 1; }));
+    step = 2;
+    operation.reset();
+    EXPECT_EQ(step, 3);
+  }
 }
 
 /// Eight threads make, cancel, destroy and reuse operations of both kinds, while a device ends the

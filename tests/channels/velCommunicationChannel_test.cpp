@@ -151,13 +151,6 @@ TEST(CommunicationChannel, TimeoutsFollowBandwidthAndLatence) {
 
 // --- A pair of connected ports ---
 
-std::string Noise(size_t Size) {
-  std::mt19937 random(static_cast<uint32_t>(Size));
-  std::string data(Size, '\0');
-  for (char& c : data) c = static_cast<char>(random());
-  return data;
-}
-
 struct TTransfer : TTransferOperation {
   TTransfer(TChannel& Channel, TOperationKind Kind, std::string AData) : Data(std::move(AData)) {
     SetChannel(&Channel);
@@ -195,7 +188,7 @@ class CommunicationPorts : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(BothWays, CommunicationPorts, testing::Bool());
 
 TEST_P(CommunicationPorts, CarryAMebibyteBothWaysAtOnce) {
-  const std::string forth = Noise(1 << 20), back = Noise((1 << 20) - 5);
+  const std::string forth = test::Noise(1 << 20), back = test::Noise((1 << 20) - 5);
   TTransfer readForth(Far, okRead, std::string(forth.size(), 0)),
       readBack(Near, okRead, std::string(back.size(), 0)), writeForth(Near, okWrite, forth),
       writeBack(Far, okWrite, back);

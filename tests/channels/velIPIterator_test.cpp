@@ -61,6 +61,7 @@ TEST(IPIterator, ExpandsAndRefuses) {
       {"10.0.0.1.2", "Invalid address \"10.0.0.1.2\""},
       {"10.0.0.1-host", "Invalid address \"host\""},
       {"10.0.0.1, 10.*.*", "Invalid address mask \" 10.*.*\""},
+      {"192.168.*", "Invalid address mask \"192.168.*\""},
       {"127.0.0.*", "Invalid address mask \"127.0.0.*\""},
   };
   for (const auto& c : cases) EXPECT_EQ(Expand(c.List), c.Result) << c.List;

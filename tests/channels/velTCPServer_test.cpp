@@ -62,13 +62,6 @@ class TClient {
   const SOCKET Socket_;
 };
 
-std::string Noise(size_t Size) {
-  std::mt19937 random(static_cast<unsigned>(Size));
-  std::string bytes(Size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes;
-}
-
 /// Answers each message of MessageSize bytes with itself. Some first bytes are commands.
 class TEchoServer : public TTCPServer {
  public:
@@ -99,6 +92,7 @@ class TEchoServer : public TTCPServer {
     if (size < MessageSize) return Connection.Receive();
     LargestData = static_cast<int32_t>(Connection.GetData().size());
     if (*message == 'C') return Connection.Close();
+    if (*message == 'S') ::shutdown(Connection.GetSocket(), SD_SEND);  // the answer is refused
     if (*message == 'E') throw Exception("a handler's own failure");
     Connection.Send(message, size);
   }
@@ -122,8 +116,8 @@ TEST(TCPServer, EchoesWholeMessagesOnItsOneThread) {
     const TClient client(PortOf(server)), other(PortOf(server));
     ASSERT_TRUE(client.Connected && other.Connected);
     for (int round = 1; round <= 3; ++round) {
-      const std::string message =
-          Noise(5000 - static_cast<size_t>(round)) + std::string(static_cast<size_t>(round), 'x');
+      const std::string message = test::Noise(5000 - static_cast<size_t>(round)) +
+                                  std::string(static_cast<size_t>(round), 'x');
       ASSERT_TRUE(client.Send(message));
       EXPECT_TRUE(client.Receive(5000) == message);
       // Four pieces or more come in, four go out, and one event tells of that.
@@ -145,13 +139,16 @@ TEST(TCPServer, AConnectionEndsInItsOwnEventsAndTheServerGoesOn) {
   TEchoServer server;
   server.SetActive(true);
   const uint16_t port = PortOf(server);
-  const TClient closed(port), failed(port), fine(port);
+  const TClient closed(port), failed(port), refused(port), fine(port);
   ASSERT_TRUE(closed.Send("C"));
   EXPECT_TRUE(closed.IsClosed());
+  ASSERT_TRUE(test::WaitUntil([&] { return server.Closed == 1; }));
+  ASSERT_TRUE(refused.Send("S"));
+  EXPECT_TRUE(test::WaitUntil([&] { return server.Closed == 2; }));
   ASSERT_TRUE(failed.Send("E"));  // goes to the log
   ASSERT_TRUE(fine.Send("a"));
   EXPECT_EQ(fine.Receive(1), "a");
-  EXPECT_EQ(server.Closed, 1);
+  EXPECT_EQ(server.Closed, 2);
 }
 
 TEST(TCPServer, StopsWithConnectionsOpenAndStartsAgainOnThePort) {
@@ -169,6 +166,43 @@ TEST(TCPServer, StopsWithConnectionsOpenAndStartsAgainOnThePort) {
     }
     EXPECT_FALSE(TClient(server.GetPort()).Connected);
     server.Start();
+  }
+}
+
+TEST(TCPServer, AKeptConnectionCanBeUsedByAnotherThread) {
+  TEchoServer server;
+  server.Start();
+  const TClient client(PortOf(server));
+  ASSERT_TRUE(test::WaitUntil([&] { return server.Accepted == 1; }));
+  server.Stop();
+  auto& kept = static_cast<TTCPServerConnection&>(*server.GetConnections().GetItems(0));
+  kept.Receive();
+  ASSERT_TRUE(client.Send("a"));
+  ASSERT_TRUE(test::WaitUntil([&] {
+    ::SleepEx(1, TRUE);
+    return server.Sent == 1;
+  }));
+  EXPECT_EQ(client.Receive(1), "a");
+}
+
+TEST(TCPServer, StopsWhileClientsPourIn) {
+  for (int round = 0; round < 3; ++round) {
+    TEchoServer server;
+    server.Start();
+    const uint16_t port = PortOf(server);
+    std::vector<std::jthread> clients;
+    for (int i = 0; i < 4; ++i)
+      clients.emplace_back([port](const std::stop_token& Stop) {
+        while (!Stop.stop_requested()) TClient(port, 1);
+      });
+    const TClient served(port);
+    ASSERT_TRUE(served.Connected);
+    for (int i = 0; i < 20; ++i) {
+      ASSERT_TRUE(served.Send("a"));
+      EXPECT_EQ(served.Receive(1), "a");
+    }
+    server.Stop();
+    EXPECT_FALSE(server.GetActive());
   }
 }
 
@@ -214,8 +248,8 @@ struct TTaker {
     EXPECT_FALSE(Taken);
     EXPECT_EQ(Address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     if (++Count == 1) return;
-    Taken = true;
     Channel.Accept(Socket, Address);
+    Taken = true;
     Channel.SetActive(true);
   }
   int Count = 0;

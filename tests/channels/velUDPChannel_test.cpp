@@ -101,30 +101,13 @@ struct TTransfer : TIPOperation {
   std::vector<int32_t> Marks;
 };
 
-std::string Noise(size_t Size) {
-  std::mt19937 random(static_cast<uint32_t>(Size));
-  std::string data(Size, '\0');
-  for (char& c : data) c = static_cast<char>(random());
-  return data;
-}
-
-template <class TAction>
-std::string MessageOf(TAction Action) {
-  try {
-    Action();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "nothing raised";
-}
-
 TEST(UDPChannel, LongDatagramIsReadInPiecesAndTellsItsSender) {
   TUDPChannel channel;
   channel.SetActive(true);
-  EXPECT_EQ(MessageOf([&] { channel.SetPort(1); }), "Cannot change active channel");
+  EXPECT_EQ(test::MessageOf([&] { channel.SetPort(1); }), "Cannot change active channel");
   TSocket peer(SOCK_DGRAM);
   const uint16_t port = peer.Bind();
-  const std::string sent = Noise(300);
+  const std::string sent = test::Noise(300);
   peer.SendTo(TSocket::PortOf(channel.GetSocket()), sent);
   std::string got;
   for (int i = 0; i < 3; ++i) {
@@ -137,11 +120,40 @@ TEST(UDPChannel, LongDatagramIsReadInPiecesAndTellsItsSender) {
   EXPECT_EQ(got, sent);
 }
 
+TEST(UDPChannel, CutsLongDatagramsAndEndsWhatCannotBeSent) {
+  TUDPChannel channel;
+  channel.SetActive(true);
+  const TSocket peer(SOCK_DGRAM);
+  TTransfer read(channel, okRead, std::string(1500, '\0'));
+  read.SetActive(true);
+  peer.SendTo(TSocket::PortOf(channel.GetSocket()), test::Noise(2000));
+  ASSERT_TRUE(read.Wait());
+  EXPECT_EQ(read.GetErrorCode(), 0);
+  EXPECT_TRUE(read.Data == test::Noise(2000).substr(0, 1500));
+
+  TSocket target(SOCK_DGRAM);
+  const uint16_t port = target.Bind();
+  for (const std::string address : {"localhost", "127.0.0.1", "", "127.0.0.1"}) {
+    TTransfer write(channel, okWrite, "data");
+    write.SetAddress(address);
+    write.SetPort(port);
+    const bool isAddress = address == "127.0.0.1";
+    EXPECT_EQ(write.Run(), isAddress);
+    EXPECT_EQ(write.GetErrorCode(), isAddress ? 0 : WSAEADDRNOTAVAIL);
+  }
+
+  TTransferOperation plain;
+  plain.SetChannel(&channel);
+  plain.SetSelfAllocated(true);
+  plain.SetSize(1);
+  EXPECT_EQ(test::MessageOf([&] { plain.SetActive(true); }), "Incorrect parameters");
+}
+
 TEST(UDPChannel, WritesDatagramsOfAtMostTheBlock) {
   TUDPChannel channel;
   channel.SetActive(true);
   TSocket peer(SOCK_DGRAM);
-  TTransfer write(channel, okWrite, Noise(4000));
+  TTransfer write(channel, okWrite, test::Noise(4000));
   write.SetAddress("127.0.0.1");
   write.SetPort(peer.Bind());
   ASSERT_TRUE(write.Run());
@@ -214,14 +226,14 @@ class TConnection {
 
 TEST(TCPChannel, BothWaysAndInPieces) {
   TConnection c;
-  TTransfer write(c.Channel, okWrite, Noise(4000));
+  TTransfer write(c.Channel, okWrite, test::Noise(4000));
   ASSERT_TRUE(write.Run());
   EXPECT_EQ(write.Marks, (std::vector<int32_t>{1500, 3000, 4000}));
   EXPECT_EQ(c.Peer->Receive(4000), write.Data);
 
   TTransfer read(c.Channel, okRead, std::string(100'000, ' '));
   read.SetActive(true);
-  const std::string sent = Noise(100'000);
+  const std::string sent = test::Noise(100'000);
   c.Peer->Send(sent);
   ASSERT_TRUE(read.Wait());
   EXPECT_EQ(read.Data, sent);
@@ -274,9 +286,39 @@ TEST(TCPChannel, ConnectingFailsInItsOwnWords) {
   channel.SetPort(busy.Port());
   channel.SetConnectionTimeout(500);
   const uint64_t start = ::GetTickCount64();
-  EXPECT_EQ(MessageOf([&] { channel.SetActive(true); }),
+  EXPECT_EQ(test::MessageOf([&] { channel.SetActive(true); }),
             "Connection timeout (127.0.0.1:" + std::to_string(busy.Port()) + ")");
   EXPECT_GE(::GetTickCount64() - start, 484u);
+}
+
+TEST(TCPChannel, IsClosedInTheEventThatTellsOfAnEnd) {
+  const int32_t before = TIPOperationBuffer::GetInstanceCount();
+  for (int round = 0; round < 200; ++round) {
+    const TListener listener;
+    TTCPChannel channel;
+    channel.SetStringAddress("127.0.0.1");
+    channel.SetPort(listener.Port());
+    channel.SetActive(true);
+    TSocket peer = listener.Accept();
+    struct TClosing : TTransfer {
+      TClosing(TChannel& Channel, TOperationKind Kind) : TTransfer(Channel, Kind, "x") {
+        SetOnComplete(TOperationNotificationEvent::Bind<&TClosing::Completed>(this));
+      }
+      ~TClosing() override { Close(); }
+      void Completed(TObject*) {
+        GetChannel()->SetActive(false);
+        Done = true;
+      }
+      std::atomic<bool> Done = false;
+    };
+    TClosing operation(channel, round % 2 == 0 ? okRead : okWrite);
+    operation.SetActive(true);
+    if (round % 4 == 0) peer.Send("y");
+    if (round % 4 == 2) peer.Close();
+    ASSERT_TRUE(test::WaitUntil([&] { return operation.Done.load(); }));
+    EXPECT_FALSE(channel.GetActive());
+  }
+  EXPECT_TRUE(test::WaitUntil([&] { return TIPOperationBuffer::GetInstanceCount() == before; }));
 }
 
 TEST(TCPChannel, AcceptedSocketKeepsTheChannelsOwnAddress) {
@@ -290,7 +332,7 @@ TEST(TCPChannel, AcceptedSocketKeepsTheChannelsOwnAddress) {
   const SOCKET socket = ::accept(listener.Handle, reinterpret_cast<SOCKADDR*>(&from), &length);
   server.Accept(socket, from);
   server.SetActive(true);
-  EXPECT_EQ(MessageOf([&] { server.Accept(socket, from); }), "Cannot change active channel");
+  EXPECT_EQ(test::MessageOf([&] { server.Accept(socket, from); }), "Cannot change active channel");
   TTransfer read(server, okRead, "     ");
   read.SetActive(true);
   ASSERT_TRUE(TTransfer(client, okWrite, "12345").Run());

@@ -127,7 +127,7 @@ struct TBound : TObject {
 TEST(StringUtils, MethodsAndProceduresAsText) {
   EXPECT_EQ(MethodToString(TMethod<void()>()), "nil");
   EXPECT_EQ(ProcedureToString(nullptr), "nil");
-  EXPECT_EQ(ProcedureToString(reinterpret_cast<void*>(0xAB12)), "0000ab12");
+  EXPECT_EQ(ProcedureToString(reinterpret_cast<void*>(0xAB12)), "0000AB12");
   TBound bound;
   const std::string text = MethodToString(TMethod<void()>::Bind<&TBound::Run>(&bound));
   EXPECT_TRUE(text.starts_with(bound.ClassName() + ".")) << text;

@@ -54,8 +54,8 @@ def velcopy(folder):
             sender.await_line("sent 1048576 bytes", 300)
             check("velcopy sends 1 MiB over a serial line", sender.wait() == 0 and receiver.wait() == 0)
     check("which arrives as it was", received.read_bytes() == sent.read_bytes())
-    for address, message in (("com:77", "cannot open com:77: "), ("com:0", "must be a number from 1 to 255"),
-                             ("com:12,1234", "no rate"), ("com:x", "must be a number from 1 to 255")):
+    for address, message in (("com:77", "cannot open com:77: "), ("com:0", "must be a number from 1 to 65535"),
+                             ("com:12,1234", "no rate"), ("com:x", "must be a number from 1 to 65535")):
         with Program("velcopy", "send", address, windows_path(sent)) as program:
             line = program.await_line("velcopy: ")
             check(f"velcopy send {address}: {message}", message in line and program.wait() == 1, line)

@@ -81,8 +81,10 @@ def takes_fragments(port, folder, names):
     last = request.replace(b"Host", b"Connection: close\r\nHost")
     want = (folder / names[2]).read_bytes()
     with connect(port) as client:
+        client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for byte in request + request + last:
             client.sendall(bytes([byte]))
+            time.sleep(0.001)  # lets the server read it before the next
         answers = receive_all(client)
     check("requests byte by byte", answers.count(want) == 3 and answers.endswith(want), len(answers))
     with connect(port) as client:

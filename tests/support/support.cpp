@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <random>
 
 #include "velox/runtime/velFormat.hpp"
 
@@ -75,6 +76,27 @@ bool TChild::Running() const { return ::WaitForSingleObject(Process_.Get(), 0) =
 void TChild::Kill() {
   ::TerminateProcess(Process_.Get(), 99);
   ::WaitForSingleObject(Process_.Get(), INFINITE);
+}
+
+std::string MessageOf(const std::function<void()>& Action) {
+  try {
+    Action();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "nothing raised";
+}
+
+std::string Noise(size_t Size) {
+  std::mt19937 random(static_cast<uint32_t>(Size));
+  std::string bytes(Size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+int64_t TStopwatch::Milliseconds() const {
+  const auto passed = std::chrono::steady_clock::now() - Start_;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(passed).count();
 }
 
 uint32_t HandleCount() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -48,6 +49,21 @@ class TChild {
 
 /// The command line that runs a role in a child.
 std::string RoleCommand(const std::string& Name, const std::vector<std::string>& Arguments = {});
+
+/// What an action raises, in its words.
+std::string MessageOf(const std::function<void()>& Action);
+
+/// Bytes that look like noise; the same for the same size.
+std::string Noise(size_t Size);
+
+/// Tells the time that has passed since it was made.
+class TStopwatch {
+ public:
+  int64_t Milliseconds() const;
+
+ private:
+  const std::chrono::steady_clock::time_point Start_ = std::chrono::steady_clock::now();
+};
 
 /// Handles that this process holds now.
 uint32_t HandleCount();

@@ -53,7 +53,8 @@ class VELOX_API TAsynchronousCall : public TObject {
   TAsynchronousCall() = default;
   TAsynchronousCall(HANDLE AThreadHandle, DWORD AThreadId,
                     const TAsynchronousCallHandler& AHandler);
-  /// Waits until no run is outstanding, or the target thread has ended.
+  /// Waits until no run is outstanding, or the target thread has ended. Not from inside the call's
+  /// own handler: that sets ADestroy.
   ~TAsynchronousCall() override;
 
   /// Delivers one run of the handler. With AWait it returns only after the run, or when the target

@@ -23,7 +23,10 @@ uint64_t Round(uint64_t Word) noexcept { return Word / OneRound; }
 
 }  // namespace
 
-TPendingGate::~TPendingGate() { THandle(Semaphore_.load()).Reset(); }
+TPendingGate::~TPendingGate() {
+  while (Inside_.load() != 0) ::Sleep(0);
+  THandle(Semaphore_.load()).Reset();
+}
 
 void TPendingGate::Begin() noexcept { Word_.fetch_add(1); }
 
@@ -74,6 +77,11 @@ void TPendingGate::Leave(uint64_t Entry) noexcept {
 
 template <class TWait>
 DWORD TPendingGate::WaitWith(HANDLE Thread, TWait&& WaitFor) {
+  struct TInside {
+    explicit TInside(std::atomic<int32_t>& ACount) noexcept : Count(ACount) { ++Count; }
+    ~TInside() { --Count; }
+    std::atomic<int32_t>& Count;
+  } const inside(Inside_);
   uint64_t entry;
   if (!Enter(entry)) return WAIT_OBJECT_0;
   struct TRegistration {

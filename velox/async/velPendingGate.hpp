@@ -11,7 +11,8 @@ namespace velox {
 /// Counts what is outstanding, and lets threads wait until nothing is.
 ///
 /// While nobody waits it costs neither a kernel object nor a call of the system. Finish() is the
-/// last that touches the gate: a thread whose wait it ends may destroy the gate at once.
+/// last that touches the gate: a thread whose wait it ends may destroy the gate at once, as may the
+/// thread that called Finish(), since destroying lets those leave first whose waits have ended.
 ///
 /// Threads: any, except that the gate is destroyed by one thread when no other uses it.
 class VELOX_API TPendingGate {
@@ -51,6 +52,7 @@ class VELOX_API TPendingGate {
   // it on.
   std::atomic<uint64_t> Word_{0};
   std::atomic<HANDLE> Semaphore_{nullptr};  // made by the first wait
+  std::atomic<int32_t> Inside_{0};          // threads in a wait
 };
 
 }  // namespace velox

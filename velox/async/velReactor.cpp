@@ -22,6 +22,7 @@ using enum TReactionState;
 namespace {
 
 constexpr int32_t MostReactions = MAXIMUM_WAIT_OBJECTS;  // that one wait of the system takes
+constexpr int32_t RunsInARow = 64;
 
 TSingletonSlot ReactorSlot;
 
@@ -77,6 +78,9 @@ class TReactorThread : public TObject {
   // A request may have been queued since the last look. A wait that a handle satisfies at once
   // would not let it run, and one that stays signalled would keep it from running for ever.
   std::atomic<bool> Requested_{false};
+  // Reactions run since callbacks of the system had their turn, which a handle that stays signalled
+  // would keep away in the same manner.
+  int32_t Runs_ = 0;
 
   TReaction* Running_ = nullptr;  // the reaction whose Run() is under way
   int32_t Deferred_ = 0;          // removals of it that its gate has not been told of
@@ -183,11 +187,17 @@ void TReactorThread::WaitAndRun() {
   if (Requested_.exchange(false)) return RunQueuedRequests();
   const auto count = static_cast<DWORD>(Count_);
   const DWORD result = WaitAlertableOnce({Handles_.data(), count});
-  if (result == WAIT_FAILED) {
+  if (result == WAIT_IO_COMPLETION) {
+    Runs_ = 0;
+  } else if (result == WAIT_FAILED) {
     TraceOSError("[TReactorThread.Run] Wait error");
     Terminated_.store(true);
   } else if (result < WAIT_OBJECT_0 + MostReactions) {
     const DWORD index = result - WAIT_OBJECT_0;
+    if (++Runs_ == RunsInARow) {
+      Runs_ = 0;
+      Requested_.store(true);
+    }
     if (index < static_cast<DWORD>(Count_)) RunReaction(*Reactions_[index]);
   } else if (result >= WAIT_ABANDONED_0 && result < WAIT_ABANDONED_0 + MostReactions) {
     const DWORD index = result - WAIT_ABANDONED_0;

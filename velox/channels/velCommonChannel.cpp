@@ -12,20 +12,48 @@ namespace velox {
 
 // Operations.
 
+// One run of OnStart or OnTransferred. The handler may destroy the operation, which then must not
+// be touched.
+struct TTransferOperation::TWatch {
+  explicit TWatch(TTransferOperation& AOperation)
+      : Operation(AOperation), Outer(std::exchange(AOperation.Watch_, this)) {
+    Operation.Events_.Begin();
+    Operation.WatchThread_ = ::GetCurrentThreadId();
+  }
+  ~TWatch() {
+    if (Destroyed) return;
+    Operation.Watch_ = Outer;
+    if (Outer == nullptr) Operation.WatchThread_ = 0;
+    Operation.Events_.Finish();  // another thread may destroy it from here on
+  }
+  TTransferOperation& Operation;
+  TWatch* const Outer;
+  bool Destroyed = false;
+};
+
 TTransferOperation::~TTransferOperation() {
   Close();
-  if (Destroyed_ != nullptr) *Destroyed_ = true;
   if (SelfAllocated_) std::free(Buffer_);
 }
 
 void TTransferOperation::Close() noexcept {
   FreeOnComplete_ = false;  // it is being destroyed already
-  try {
-    SetActive(false);
-  } catch (...) {
-    TraceException("[TTransferOperation.Destroy] completion error");
+  Closing_ = true;
+  if (WatchThread_ == ::GetCurrentThreadId()) {
+    for (TWatch* watch = std::exchange(Watch_, nullptr); watch != nullptr; watch = watch->Outer) {
+      watch->Destroyed = true;
+      Events_.Finish();
+    }
+    WatchThread_ = 0;
   }
-  TOperationQueue::Detach(*this);
+  do {
+    try {
+      SetActive(false);
+    } catch (...) {
+      TraceException("[TTransferOperation.Destroy] completion error");
+    }
+    TOperationQueue::Detach(*this);
+  } while (Active_ && !Departed_);  // activated by an event that was running when this began
 }
 
 void TTransferOperation::CheckActive() const {
@@ -120,27 +148,14 @@ void TTransferOperation::SetOnComplete(const TOperationNotificationEvent& Value)
 }
 
 void TTransferOperation::DoStart() {
-  if (OnStart_) OnStart_(this);
+  if (!OnStart_) return;
+  const TWatch watch(*this);
+  OnStart_(this);
 }
 
 void TTransferOperation::DoTransferred() {
   if (!OnTransferred_) return;
-  // The handler may destroy the operation, which then must not be touched.
-  struct TWatch {
-    explicit TWatch(TTransferOperation& AOperation)
-        : Operation(AOperation), Outer(std::exchange(AOperation.Destroyed_, &Destroyed)) {}
-    ~TWatch() {
-      if (!Destroyed) {
-        Operation.Destroyed_ = Outer;
-      } else if (Outer != nullptr) {
-        *Outer = true;
-      }
-    }
-    TTransferOperation& Operation;
-    bool Destroyed = false;
-    bool* Outer;
-  };
-  TWatch watch(*this);
+  const TWatch watch(*this);
   bool reset = false;
   OnTransferred_(this, reset);
   if (!watch.Destroyed && reset) Transferred_ = 0;
@@ -246,6 +261,7 @@ TQueueReference TChannel::ReferTo(TOperationKind Kind) const {
 }
 
 void TChannel::AddOperation(TTransferOperation& Operation) {
+  if (!GetOperationClass().Includes(Operation)) throw Exception(messages::seIncorrectParameters);
   const TQueueReference queue = ReferTo(Operation.GetKind());
   if (queue.Queue == nullptr) throw Exception(messages::seChannelIsNotActive);
   TOperationQueue::AddOperation(queue, Operation);

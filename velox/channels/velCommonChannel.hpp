@@ -87,8 +87,8 @@ class VELOX_API TTransferOperation : public TObject {
   TTransferOperation() = default;
 
   /// Cancels the operation when it is active, so that OnComplete is raised; frees a buffer of its
-  /// own. When another thread runs its OnComplete just then, waits for that to return. Exceptions
-  /// of handlers go to the trace log.
+  /// own. When another thread runs an event of it just then, waits for that to return. From here on
+  /// activating it, in such an event, does nothing. Exceptions of handlers go to the trace log.
   ~TTransferOperation() override;
 
   /// True from the moment a queue accepts the operation until just before its OnComplete.
@@ -97,7 +97,8 @@ class VELOX_API TTransferOperation : public TObject {
   /// True hands the operation to its channel, with nothing carried yet. Raises Exception, the first
   /// that applies, and stays inactive: "Specify size and buffer for operation. Cannot perform
   /// operation." (the size is below 1, or there is no buffer); "Specify channel for operation.
-  /// Cannot perform operation."; "Channel is not active. Cannot perform operation." False cancels:
+  /// Cannot perform operation."; "Channel is not active. Cannot perform operation."; "Incorrect
+  /// parameters" (the operation is not of the channel's GetOperationClass()). False cancels:
   /// on return OnComplete has run, on the calling thread. An operation whose end another thread is
   /// just reporting is left to that thread. Does nothing when the value is the present one.
   void SetActive(bool Value);
@@ -169,6 +170,7 @@ class VELOX_API TTransferOperation : public TObject {
 
  private:
   friend class TOperationQueue;
+  struct TWatch;
   void DoStart();
   void DoTransferred();
   void DoComplete();
@@ -195,10 +197,14 @@ class VELOX_API TTransferOperation : public TObject {
   /// TOperationQueue::ExecuteOperationProcess). It is active still, but the queue has no more to do
   /// with it, and the channel may be gone.
   std::atomic<bool> Departed_ = false;
-  /// Counts its OnComplete that are running, which the destructor waits for.
-  TPendingGate Completions_;
-  /// Set true by the destructor: tells DoTransferred that its handler destroyed the operation.
-  bool* Destroyed_ = nullptr;
+  /// Its destructor has begun: it enters no queue any more.
+  std::atomic<bool> Closing_ = false;
+  /// Counts its events that are running, which the destructor waits for.
+  TPendingGate Events_;
+  /// Its OnStart and OnTransferred that are running, the innermost one, and their thread. (Only one
+  /// thread at a time holds the queue's lock.) So the destructor can tell that thread's own.
+  TWatch* Watch_ = nullptr;
+  std::atomic<DWORD> WatchThread_ = 0;
 };
 
 /// A queue that may be destroyed meanwhile, and the part of it that is not. For channels and queues
@@ -383,7 +389,7 @@ class VELOX_API TOperationQueue : public TObject {
 
   /// The same for the end of a chunk, on a queue that may be gone; then goes on carrying for as
   /// long as handlers add operations, so that these need no signal through the system.
-  static void RunOnReactor(const TQueueReference& Target,
+  static void RunOnReactor(TQueueReference Target,
                            std::initializer_list<TProcessOperationsProcedure> Procedures,
                            TObject* Parameter);
 
@@ -453,7 +459,7 @@ class VELOX_API TOperationQueue : public TObject {
   int32_t TransferSize_ = 0;
   bool TransferPending_ = false;
   bool TimeoutArmed_ = false;  // there is a limit for the pending chunk
-  uint64_t TimeoutDue_ = 0;    // its end, in the system's milliseconds
+  uint64_t TimeoutDue_ = 0;    // its end, in milliseconds of the performance counter
   uint64_t TimerDue_ = 0;      // when the timer fires next; 0: not set
   TStep* Step_ = nullptr;      // the innermost step at work
 };

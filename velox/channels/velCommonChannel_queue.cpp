@@ -22,9 +22,17 @@ HANDLE NewEvent() {
   return event;
 }
 
-// How long before its time, by the coarse clock, a timeout may be taken for due. More than that
-// clock's step.
-constexpr uint64_t TimeoutTolerance = 16;  // milliseconds
+// Milliseconds of a clock that is finer than timers and limits.
+uint64_t PreciseMilliseconds() noexcept {
+  static const uint64_t frequency = [] {
+    LARGE_INTEGER value;
+    ::QueryPerformanceFrequency(&value);
+    return static_cast<uint64_t>(value.QuadPart);
+  }();
+  LARGE_INTEGER count;
+  ::QueryPerformanceCounter(&count);
+  return static_cast<uint64_t>(count.QuadPart) * 1000 / frequency;
+}
 
 // How often one reaction looks for work again before it lets the others of its thread have their
 // turn.
@@ -173,7 +181,7 @@ class TOperationQueue::TBatch {
       // Destroyed by its own OnComplete. (One that another thread runs is waited for.)
       if (batch->Current_ == &Operation && batch->ThreadId_ == thread) {
         batch->Current_ = nullptr;
-        Operation.Completions_.Finish();
+        Operation.Events_.Finish();
       }
       for (TTransferOperation*& entry : batch->Waiting_) {
         if (entry != &Operation) continue;
@@ -190,7 +198,7 @@ class TOperationQueue::TBatch {
     while (Position_ < Waiting_.size()) {
       Current_ = std::exchange(Waiting_[Position_++], nullptr);
       if (Current_ == nullptr) continue;
-      Current_->Completions_.Begin();
+      Current_->Events_.Begin();
       Activation_ = Current_->Activations_;
       return true;
     }
@@ -207,7 +215,7 @@ class TOperationQueue::TBatch {
       if (operation == nullptr) return;
       owned = operation->FreeOnComplete_ && operation->Activations_ == Activation_;
     }
-    operation->Completions_.Finish();
+    operation->Events_.Finish();
     if (owned) delete operation;
   }
 
@@ -294,6 +302,7 @@ void TOperationQueue::AddOperation(const TReference& Target, TTransferOperation&
     // The channel becomes inactive before its queues are emptied, so nothing slips in behind that.
     if (Target.Shared->Closed || !Target.Queue->Channel_.GetActive())
       throw Exception(messages::seChannelIsNotActive);
+    if (Operation.Closing_) return;
     std::vector<TTransferOperation*>& operations = Target.Queue->Operations_;
     const size_t count = operations.size();
     if (count == operations.capacity()) operations.reserve(count * 11 / 10 + 10);
@@ -354,7 +363,7 @@ void TOperationQueue::DoOperationTimeout(TObject*) {
       nullptr);
 }
 
-void TOperationQueue::RunOnReactor(const TReference& Target,
+void TOperationQueue::RunOnReactor(TReference Target,
                                    std::initializer_list<TProcessOperationsProcedure> Procedures,
                                    TObject* Parameter) {
   const auto idle =
@@ -418,7 +427,7 @@ void TOperationQueue::Detach(TTransferOperation& Operation) noexcept {
       TraceException("[TTransferOperation.Destroy] completion error");
     }
   }
-  Operation.Completions_.WaitQuietly(nullptr);
+  Operation.Events_.WaitQuietly(nullptr);
 }
 
 // The transfer loop. The operations finished are always the first ones.
@@ -467,6 +476,7 @@ void TOperationQueue::TransferCompleted(int32_t& Index) {
 // The operation to carry now; null when there is none left, or OnStart has destroyed the queue.
 TTransferOperation* TOperationQueue::StartNextOperation() {
   TStep& step = *Step_;
+  if (!Channel_.GetActive()) return nullptr;  // those left are about to be ended
   while (step.Count < static_cast<int32_t>(Operations_.size())) {
     TTransferOperation* const operation = Operations_[static_cast<size_t>(step.Count)];
     if (operation->State_ != TOperationState::osPending) return operation;
@@ -512,7 +522,7 @@ int32_t TOperationQueue::GetChunkTimeout(const TTransferOperation& Operation, in
 void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
   TimeoutArmed_ = Timeout != 0;
   if (!TimeoutArmed_) return;
-  TimeoutDue_ = ::GetTickCount64() + static_cast<uint64_t>(std::max(Timeout, 0));
+  TimeoutDue_ = PreciseMilliseconds() + static_cast<uint64_t>(std::max(Timeout, 0));
   StartTimer();
 }
 
@@ -520,12 +530,13 @@ void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
 // whose chunks are done in time sets it once in a while, not for each of them.
 void TOperationQueue::StartTimer() {
   if (TimerDue_ != 0 && TimerDue_ <= TimeoutDue_) return;
+  TimerDue_ = 0;
   TimeoutTask_->SetActive(0);
   ::ResetEvent(TimeoutEvent_.Get());
-  TimeoutTask_->SetDuration(
-      std::max<int64_t>(0, static_cast<int64_t>(TimeoutDue_ - ::GetTickCount64())));
-  TimerDue_ = TimeoutDue_;
+  const auto left = static_cast<int64_t>(TimeoutDue_ - PreciseMilliseconds());
+  TimeoutTask_->SetDuration(std::max<int64_t>(0, left));
   TimeoutTask_->SetActive(1);
+  TimerDue_ = TimeoutDue_;
 }
 
 void TOperationQueue::FinishTimeoutTask() { TimeoutArmed_ = false; }
@@ -535,7 +546,7 @@ void TOperationQueue::TerminateTimedOutOperation(int32_t& ACompletedIndex, int32
                                                  TObject*) {
   TimerDue_ = 0;
   if (!TimeoutArmed_) return;
-  if (::GetTickCount64() + TimeoutTolerance < TimeoutDue_) return StartTimer();
+  if (PreciseMilliseconds() < TimeoutDue_) return StartTimer();
   TerminateOperationByIndex(ACompletedIndex, ACompletedCount, nullptr);
 }
 

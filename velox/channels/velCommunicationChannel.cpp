@@ -207,11 +207,12 @@ class TCommunicationOperationQueue::TRequest : public TPendingRequest {
 
 /// The end of a request on its way to the queue.
 struct TCommunicationOperationQueue::TCompletion : TObject {
+  TCompletion() noexcept = default;
   TCompletion(TRequest& ARequest, DWORD AError, DWORD ATransferred) noexcept
-      : Request(ARequest), Error(AError), Transferred(ATransferred) {}
-  TRequest& Request;
-  const DWORD Error;
-  const DWORD Transferred;
+      : Request(&ARequest), Error(AError), Transferred(ATransferred) {}
+  TRequest* Request = nullptr;
+  DWORD Error = 0;
+  DWORD Transferred = 0;
   bool Taken = false;
 };
 
@@ -223,9 +224,12 @@ void CALLBACK TCommunicationOperationQueue::TRequest::Completed(DWORD Error, DWO
                                                                 OVERLAPPED* Overlapped) noexcept {
   auto* const request = static_cast<TRequest*>(Of(Overlapped));
   if (request->Leave(false)) return;
+  // Of a request that failed the routine is told 0 bytes, whatever it has carried.
+  if (Error != 0)
+    Transferred = std::min(static_cast<DWORD>(Overlapped->InternalHigh), request->Size());
   try {
     TCompletion completion(*request, Error, Transferred);
-    Deliver(completion);
+    DoIOComplete_WinNT(completion);
   } catch (...) {
     TraceException("IOComplete error");
   }
@@ -237,7 +241,7 @@ void CALLBACK TCommunicationOperationQueue::TRequest::CompleteRefused(ULONG_PTR 
   if (request->Leave(false)) return;
   try {
     TCompletion completion(*request, ERROR_NOACCESS, 0);
-    Deliver(completion);
+    DoIOComplete_WinNT(completion);
   } catch (const Exception&) {
     TraceException("TIOCompleteCall_Run error");
   } catch (...) {
@@ -271,7 +275,9 @@ DWORD TCommunicationOperationQueue::GetInputCount() const {
   return status.cbInQue;
 }
 
-bool TCommunicationOperationQueue::IsHeldUp(const TTransferOperation& Operation) const noexcept {
+bool TCommunicationOperationQueue::IsHeldUp(const TTransferOperation& Operation) noexcept {
+  // The end of a request that a thread made which has ended itself is never told.
+  if (IsNT_ && Request_ != nullptr && Request_->IsForsaken()) Request_.reset();
   return (Request_ != nullptr && Request_->Pending) || Failed_ == &Operation;
 }
 
@@ -315,38 +321,48 @@ void TCommunicationOperationQueue::CancelTransfer() {
   ::CancelIoEx(GetPortChannel().Handle_, &Request_->Overlapped);
 }
 
+/// The reaction to the event. The request is looked at under the lock, for another thread may close
+/// the port and free it meanwhile.
 void TCommunicationOperationQueue::DoIOComplete_Win9X(TObject*) {
-  TRequest* request;
-  DWORD transferred = 0, error = 0;
-  {
-    Lock();
-    const std::unique_ptr<TCommunicationOperationQueue, void (*)(TCommunicationOperationQueue*)>
-        unlock(this, [](TCommunicationOperationQueue* Queue) { Queue->Unlock(); });
-    request = Request_.get();
-    const bool pending = request != nullptr && request->Pending;
-    if (pending && !::GetOverlappedResult(GetPortChannel().Handle_, &request->Overlapped,
-                                          &transferred, FALSE)) {
-      error = ::GetLastError();
-      if (error == ERROR_IO_INCOMPLETE) return;
-    }
-    ::ResetEvent(CompletionEvent_.Get());
-    if (!pending) return;
-  }
-  TCompletion completion(*request, error, transferred);
-  Deliver(completion);
+  using TSelf = TCommunicationOperationQueue;
+  TCompletion completion;
+  RunOnReactor(GetReference(),
+               {TProcessOperationsProcedure::Bind<&TSelf::TakeOverlappedResult>(this),
+                TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(this),
+                TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(this),
+                TProcessOperationsProcedure::Bind<&TSelf::TransferOperationDataWhenIdle>(this)},
+               &completion);
 }
 
-void TCommunicationOperationQueue::Deliver(TCompletion& Completion) {
+void TCommunicationOperationQueue::TakeOverlappedResult(int32_t& ACompletedIndex,
+                                                        int32_t& ACompletedCount,
+                                                        TObject* AParameter) {
+  auto& completion = *static_cast<TCompletion*>(AParameter);
+  if (Request_ != nullptr && Request_->Pending) {
+    completion.Request = Request_.get();
+    const TForReading guard(GetPortChannel().HandleLock_);
+    if (!::GetOverlappedResult(GetPortChannel().Handle_, &Request_->Overlapped,
+                               &completion.Transferred, FALSE)) {
+      completion.Error = ::GetLastError();
+      if (completion.Error == ERROR_IO_INCOMPLETE) return;
+    }
+  }
+  ::ResetEvent(CompletionEvent_.Get());
+  if (completion.Request != nullptr) TakeCompletion(ACompletedIndex, ACompletedCount, AParameter);
+}
+
+void TCommunicationOperationQueue::DoIOComplete_WinNT(TCompletion& Completion) {
   using TSelf = TCommunicationOperationQueue;
-  TSelf* const queue = Completion.Request.Queue;
+  TRequest& request = *Completion.Request;
+  TSelf* const queue = request.Queue;
   struct TLeave {
     ~TLeave() {
-      if (!Completion.Taken) Completion.Request.Leave(true);
+      if (!Completion.Taken) Completion.Request->Leave(true);
     }
     TCompletion& Completion;
   };
   const TLeave leave{Completion};  // an event of the operation may raise
-  RunOnReactor(Completion.Request.Target,
+  RunOnReactor(request.Target,
                {TProcessOperationsProcedure::Bind<&TSelf::TakeCompletion>(queue),
                 TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(queue),
                 TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(queue),
@@ -357,7 +373,7 @@ void TCommunicationOperationQueue::Deliver(TCompletion& Completion) {
 /// First thing when a request has ended.
 void TCommunicationOperationQueue::TakeCompletion(int32_t&, int32_t&, TObject* AParameter) {
   auto& completion = *static_cast<TCompletion*>(AParameter);
-  if (&completion.Request != Request_.get() || !Request_->Pending) return;
+  if (completion.Request != Request_.get() || !Request_->Pending) return;
   completion.Taken = true;
   Request_->Pending = false;
   Request_->Received = completion.Transferred;

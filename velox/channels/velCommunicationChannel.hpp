@@ -330,7 +330,7 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
   virtual bool Ended(TRequest& Request, DWORD Error) = 0;
 
   /// Whether the operation has to wait for the end of a request.
-  bool IsHeldUp(const TTransferOperation& Operation) const noexcept;
+  bool IsHeldUp(const TTransferOperation& Operation) noexcept;
   /// Bytes in the driver's input queue. Raises EOSError.
   DWORD GetInputCount() const;
   TCommunicationChannel& GetPortChannel() const noexcept;
@@ -343,7 +343,9 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
   };
 
   void DoIOComplete_Win9X(TObject* Sender);
-  static void Deliver(TCompletion& Completion);
+  static void DoIOComplete_WinNT(TCompletion& Completion);
+  void TakeOverlappedResult(int32_t& ACompletedIndex, int32_t& ACompletedCount,
+                            TObject* AParameter);
   void TakeCompletion(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
   void CarryOn(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
   void EndFailed(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
@@ -394,9 +396,10 @@ class VELOX_API TCommunicationOperationQueueForWriting : public TCommunicationOp
 /// A channel over a serial port, opened for overlapped transfers and not shared.
 ///
 /// Reads end in time as on every channel; with AutoTimeout by the bandwidth, which is that of the
-/// line settings after opening. Writes are limited by the port's own timeouts, so their time limits
-/// have no effect: a write that the driver ends for its time ends the operation. Those timeouts
-/// follow the bandwidth and the latence, but reach the port only by an update:
+/// line settings after opening. (In the older way, with an event, a read has no time limit.) Writes
+/// are limited by the port's own timeouts, so their time limits have no effect: a write that the
+/// driver ends for its time ends the operation. Those timeouts follow the bandwidth and the
+/// latence, but reach the port only by an update:
 ///
 ///     channel.GetTimeouts().BeginUpdate();
 ///     channel.SetLatence(500);
@@ -426,7 +429,8 @@ class VELOX_API TCommunicationChannel : public TChannel {
   int32_t GetWriteBufferSize() const noexcept { return WriteBufferSize_; }
   void SetWriteBufferSize(int32_t Value);
 
-  /// Kept while the port is closed, and applied each time it is opened.
+  /// Kept while the port is closed. Each opening applies the line settings; the timeouts reach the
+  /// port by updates only, and until then it has those that it was found with.
   TCommunicationDCB& GetDCB() noexcept { return DCB_; }
   TCommunicationTimeouts& GetTimeouts() noexcept { return Timeouts_; }
 
@@ -434,7 +438,7 @@ class VELOX_API TCommunicationChannel : public TChannel {
   HANDLE GetHandle() const noexcept { return Handle_; }
 
   /// Also WriteTotalTimeoutMultiplier: the milliseconds of a byte, rounded up. Raises EDivByZero
-  /// for 0.
+  /// for 0. This and the next on one thread at a time, as all that sets timeouts.
   void SetBandwidth(int32_t Value) override;
   /// Also WriteTotalTimeoutConstant.
   void SetLatence(int32_t Value) override;

@@ -156,6 +156,9 @@ void TIPAddressRange::ReadMasked(const std::string& Text) {
 void TIPAddressRange::ReadWildcard(const std::string& Text) {
   std::string first = Trim(Text);
   first.back() = '0';
+  // Shorter forms of an address would have the wildcard stand for more than the last octet.
+  if (std::count(first.begin(), first.end(), '.') != 3)
+    throw Exception(Format(messages::seInvalidAddressMask, Text.c_str()));
   const uint32_t address = RequireAddress(first, Text, messages::seInvalidAddressMask);
   Low_ = address + 1;
   High_ = (address | 0xFF) - 1;

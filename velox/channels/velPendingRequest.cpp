@@ -20,8 +20,8 @@ void TPendingRequest::PrepareRequest() {
   Overlapped = {};
   Overlapped.hEvent = this;
   if (ThreadId_ == ::GetCurrentThreadId()) return;
-  ThreadId_ = ::GetCurrentThreadId();
   Thread_ = THandle(GetRealCurrentThreadHandle());
+  ThreadId_ = ::GetCurrentThreadId();
 }
 
 bool TPendingRequest::IsForsaken() const noexcept {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
+#include "velox/channels/velSocket.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
@@ -10,6 +12,7 @@
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velSharedLock.hpp"
 
 namespace velox {
 namespace {
@@ -59,6 +62,7 @@ void TCustomTCPServer::Start() {
     if (!Bound_) BindSocket();
     Bound_ = true;
     Listen();
+    const TForWriting guard(ThreadLock_);  // the thread begins when it is known here
     Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
         GetServerName(), TThreadExecutionRoutine::Bind<&TCustomTCPServer::ThreadRoutine>(this),
         nullptr, ThreadId_));
@@ -71,8 +75,7 @@ void TCustomTCPServer::Start() {
 
 void TCustomTCPServer::InitializeSocket() {
   if (Socket_ != 0) return;
-  const SOCKET socket =
-      ::WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+  const SOCKET socket = OverlappedSocket(SOCK_STREAM, IPPROTO_TCP);
   if (socket == INVALID_SOCKET) RaiseLastOSError();
   Socket_ = socket;
 }
@@ -112,12 +115,13 @@ void TCustomTCPServer::Release() noexcept {
 }
 
 void TCustomTCPServer::ThreadRoutine(void*) {
+  { const TForReading started(ThreadLock_); }
   LastCheck_ = Now();
   for (;;) {
     try {
       if (!ServeOnce()) return;
       CheckWhenDue();
-    } catch (const std::exception&) {
+    } catch (...) {
       TraceException(GetServerName());
     }
   }
@@ -126,13 +130,16 @@ void TCustomTCPServer::ThreadRoutine(void*) {
 /// Waits for something to do, and does it. False when the thread has to end. Completion routines of
 /// what was started on this thread run inside the wait.
 bool TCustomTCPServer::ServeOnce() {
-  const HANDLE events[] = {AcceptEvent_.Get(), StopEvent_.Get()};
+  const HANDLE events[] = {StopEvent_.Get(), AcceptEvent_.Get()};
   switch (WaitAlertableOnce(events, LongestWait)) {
     case WAIT_OBJECT_0:
-      AcceptOne();
-      return true;
-    case WAIT_OBJECT_0 + 1:
       return false;
+    case WAIT_OBJECT_0 + 1:
+      AcceptOne();
+      // A wait that an event ends at once runs no completion routine: those who are served have
+      // their turn here, however many want to connect.
+      WaitAlertableOnce(std::span(events, 1), 0);
+      return true;
     case WAIT_IO_COMPLETION:
     case WAIT_TIMEOUT:
       return true;
@@ -153,6 +160,7 @@ void TCustomTCPServer::AcceptOne() {
     return;
   }
   TUntaken socket{accepted};
+  KeepFromChildren(accepted);
   DetachFromEvents(accepted);
   DoAccept(this, accepted, address, socket.Taken);
 }
@@ -195,11 +203,17 @@ class TTCPServerConnection::TTransfer : public TPendingRequest {
     GuardCallback([&] { (transfer->Connection.*transfer->End)(Error, Transferred); });
   }
 
+  static void CALLBACK Failed(ULONG_PTR Transfer) {
+    auto* const transfer = reinterpret_cast<TTransfer*>(Transfer);
+    Completed(transfer->Failure, 0, &transfer->Overlapped, 0);
+  }
+
   TTCPServerConnection& Connection;
   TEnd End = nullptr;
   WSABUF Buffer{};
   DWORD Flags = 0;
   DWORD Bytes = 0;
+  DWORD Failure = 0;  // why it could not be started
   char Block[BlockSize] = {};
 };
 
@@ -208,8 +222,10 @@ TTCPServerConnection::TTCPServerConnection(SOCKET Socket, const SOCKADDR_IN& Add
 
 TTCPServerConnection::~TTCPServerConnection() { ::closesocket(Socket_); }
 
-void TTCPServerConnection::CheckIdle() const {
-  if (Transfer_->Pending) throw Exception(messages::seTransferNotFinished);
+void TTCPServerConnection::CheckIdle() {
+  if (!Transfer_->Pending) return;
+  if (!Transfer_->IsForsaken()) throw Exception(messages::seTransferNotFinished);
+  Transfer_.reset(new TTransfer(*this));  // the thread that began it has ended, and it with that
 }
 
 void TTCPServerConnection::EnlargeData(int32_t Size) {
@@ -217,12 +233,16 @@ void TTCPServerConnection::EnlargeData(int32_t Size) {
   Data_.resize((static_cast<size_t>(Size) + DataStep - 1) / DataStep * DataStep);
 }
 
+/// A transfer that could not be started ends the connection like one that failed later: when the
+/// thread waits next, so that the caller finds the connection as it was.
 void TTCPServerConnection::NoteStart(int Result, const char* Failure) {
   LastError_ = Result == 0 ? 0 : ::WSAGetLastError();
   if (LastError_ == WSA_IO_PENDING) LastError_ = 0;
   if (LastError_ == 0) return;
-  Transfer_->Pending = false;
   TraceOSError(Failure);
+  Transfer_->Failure = static_cast<DWORD>(LastError_);
+  Transfer_->Pending = TraceAndQueueUserAPC(&TTransfer::Failed, ::GetCurrentThread(),
+                                            reinterpret_cast<ULONG_PTR>(Transfer_.get())) != 0;
 }
 
 /// Notes how a transfer ended. False when that ends the connection.

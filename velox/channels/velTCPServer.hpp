@@ -19,8 +19,8 @@
 /// A server that wants a channel for a connection hands its socket to TTCPChannel::Accept:
 ///
 ///     void TReceiver::OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
-///       Taken = true;
 ///       Channel.Accept(Socket, Address);
+///       Taken = true;
 ///       Channel.SetActive(true);
 ///     }
 ///
@@ -63,7 +63,7 @@ class VELOX_API TCustomTCPServer : public TObject {
   explicit TCustomTCPServer(uint16_t Port);
 
   /// Stops. A derived class calls Stop() first in its own destructor, since its overrides may be
-  /// running until then.
+  /// running until then. Not from inside an event of the server.
   ~TCustomTCPServer() override;
 
   /// Starts listening; does nothing when active. Raises EOSError, and leaves nothing open, when the
@@ -119,6 +119,7 @@ class VELOX_API TCustomTCPServer : public TObject {
   void AcceptOne();
   void CheckWhenDue();
 
+  SRWLOCK ThreadLock_ = SRWLOCK_INIT;  // held while the thread is being started
   THandle Thread_;
   DWORD ThreadId_ = 0;
   SOCKET Socket_ = 0;
@@ -154,8 +155,8 @@ class VELOX_API TTCPServerConnection : public TObject {
   SOCKET GetSocket() const noexcept { return Socket_; }
 
   /// Begins to receive up to 1500 bytes; OnReceive is raised when some have come. Raises Exception
-  /// "Transfer of the connection is not finished". A request that the system refuses leaves its
-  /// reason in GetLastError() and the trace log, and no event comes.
+  /// "Transfer of the connection is not finished". A request that the system refuses ends the
+  /// connection like an error that comes later: not before the thread waits alertably.
   void Receive();
 
   /// Copies Size bytes to the front of the buffer, in place of what is there, and begins to send
@@ -200,11 +201,11 @@ class VELOX_API TTCPServerConnection : public TObject {
   bool NoteResult(DWORD Error, DWORD Transferred);
   void NoteStart(int Result, const char* Failure);
   void EnlargeData(int32_t Size);
-  void CheckIdle() const;
+  void CheckIdle();
 
   const SOCKADDR_IN Address_;
   const SOCKET Socket_;
-  const std::unique_ptr<TTransfer, TOrphanRequest> Transfer_;
+  std::unique_ptr<TTransfer, TOrphanRequest> Transfer_;
   int32_t DataSize_ = 0;
   int32_t DataPosition_ = 0;
   std::vector<char> Data_;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "velox/channels/velSocket.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
@@ -27,10 +28,6 @@ SOCKADDR_IN MakeAddress(uint32_t NetworkOrder, uint16_t Port) noexcept {
   address.sin_port = htons(Port);
   address.sin_addr.s_addr = NetworkOrder;
   return address;
-}
-
-SOCKET OverlappedSocket(int Type, int Protocol) noexcept {
-  return ::WSASocketA(AF_INET, Type, Protocol, nullptr, 0, WSA_FLAG_OVERLAPPED);
 }
 
 std::atomic<int32_t> BufferCount{0};
@@ -73,6 +70,7 @@ struct TIPOperationBuffer::TDelivery : TObject {
   TIPOperationBuffer* Buffer;
   TCompletion Completion;
   bool Taken = false;
+  bool EndedOperation = false;
 };
 
 TIPOperationBuffer::TIPOperationBuffer(TIPOperationQueue& AQueue)
@@ -95,10 +93,14 @@ void TIPOperationBuffer::PrepareRequest() {
 void CALLBACK TIPOperationBuffer::Completed(DWORD Error, DWORD Transferred, WSAOVERLAPPED* Request,
                                             DWORD Flags) {
   auto* const buffer = static_cast<TIPOperationBuffer*>(Of(Request));
-  buffer->Completion_ = {Error, Transferred, Flags};
-  const auto data = reinterpret_cast<ULONG_PTR>(buffer);
-  if (TraceAndQueueUserAPC(&Handle, ::GetCurrentThread(), data) == 0)
-    GuardCallback([data] { Handle(data); });
+  if (buffer->Tell({Error, Transferred, Flags})) return;
+  GuardCallback([buffer] { Handle(reinterpret_cast<ULONG_PTR>(buffer)); });
+}
+
+bool TIPOperationBuffer::Tell(const TCompletion& Completion) noexcept {
+  Completion_ = Completion;
+  const auto data = reinterpret_cast<ULONG_PTR>(this);
+  return TraceAndQueueUserAPC(&Handle, ::GetCurrentThread(), data) != 0;
 }
 
 void CALLBACK TIPOperationBuffer::Handle(ULONG_PTR Buffer) {
@@ -160,7 +162,8 @@ void TIPOperationQueue::StartTimeoutTask(TTransferOperation& Operation) {
   ArmTimeoutTask(GetChunkTimeout(Operation, std::max(1, GetTransferSize())));
 }
 
-/// First thing when a request has ended: an error, or nothing at all, ends the operation.
+/// First thing when a request has ended: an error, or nothing at all, ends the operation. (A
+/// datagram that was cut off to the block's size is no error.)
 void TIPOperationQueue::TakeDelivery(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                      TObject* AParameter) {
   auto& delivery = *static_cast<TIPOperationBuffer::TDelivery*>(AParameter);
@@ -168,25 +171,33 @@ void TIPOperationQueue::TakeDelivery(int32_t& ACompletedIndex, int32_t& AComplet
   delivery.Taken = true;
   Buffer_->Pending = false;
   Buffer_->Flags = delivery.Completion.Flags;
+  if (delivery.Completion.Error == WSAEMSGSIZE && delivery.Completion.Transferred != 0)
+    delivery.Completion.Error = 0;
   if (delivery.Completion.Error == 0 && delivery.Completion.Transferred != 0) return;
   TIPOperation* const operation = CurrentOperation_;
   if (operation == nullptr || GetOperationIndex(*operation) < 0) return;
   operation->ErrorCode_ = static_cast<int32_t>(delivery.Completion.Error);
+  delivery.EndedOperation = true;
   TerminateOperation(ACompletedIndex, ACompletedCount, operation);
 }
 
-/// Then: the bytes are booked, and the next request is made.
+/// Then: the bytes are booked, and the next request is made; after an operation that was ended,
+/// only when it has been told so.
 void TIPOperationQueue::CarryOn(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                 TObject* AParameter) {
   const auto& delivery = *static_cast<TIPOperationBuffer::TDelivery*>(AParameter);
   const TIPOperationBuffer::TCompletion& ended = delivery.Completion;
+  if (delivery.EndedOperation) return ScheduleOperationQueueChanged();
   if (delivery.Taken && WSACompleted(ended.Transferred, ended.Flags, ended.Error))
     TransferOperationData(ACompletedIndex, ACompletedCount, nullptr);
 }
 
+/// A failure reaches the operation in the same way as the end of a request. Should the system have
+/// no room to tell it, the operation ends when its time is up.
 template <class TCall>
 bool TIPOperationQueue::Request(const char* Failure, TCall Call) {
   Buffer_->PrepareRequest();
+  Buffer_->Pending = true;
   int error = 0;
   {
     const TForReading guard(IPChannel_.SocketLock_);
@@ -195,23 +206,32 @@ bool TIPOperationQueue::Request(const char* Failure, TCall Call) {
   if (error == 0 || error == WSA_IO_PENDING) return false;
   ::SetLastError(static_cast<DWORD>(error));
   TraceOSError(Failure);
-  TIPOperationBuffer::Completed(static_cast<DWORD>(error), 0, &Buffer_->Overlapped, 0);
+  Buffer_->Pending = Buffer_->Tell({static_cast<DWORD>(error), 0, 0});
   return false;
 }
 
 int32_t TIPOperationQueueForReading::GetAvailableSize(const TTransferOperation&) {
-  // The end of a request that a thread made which has ended itself is never told.
-  if (Buffer_ == nullptr || Buffer_->IsForsaken()) ReplaceBuffer();
+  if (Buffer_ != nullptr && Buffer_->IsForsaken()) Rescue();
+  if (Buffer_ == nullptr) ReplaceBuffer();
   if (Buffer_->Pending) return 0;
   return static_cast<int32_t>(std::max<DWORD>(1, Buffer_->Remaining));
+}
+
+/// The end of a request that a thread made which has ended itself is never told; but the request
+/// may have brought something.
+void TIPOperationQueueForReading::Rescue() {
+  const auto brought = static_cast<DWORD>(Buffer_->Overlapped.InternalHigh);
+  if (Buffer_->Overlapped.Internal != 0 || brought == 0 || brought > TIPOperationBuffer::Size)
+    return ReplaceBuffer();
+  Buffer_->Pending = false;
+  Buffer_->Received = Buffer_->Remaining = brought;
 }
 
 bool TIPOperationQueueForReading::InternalTransferData() {
   while (!Buffer_->Pending && DoneSize_ < RequestSize_) {
     if (Buffer_->Remaining == 0) {
-      Buffer_->Pending = true;
-      Buffer_->Pending = !WSATransferData();
-      continue;
+      WSATransferData();
+      return false;
     }
     const DWORD size = std::min(Buffer_->Remaining, static_cast<DWORD>(RequestSize_ - DoneSize_));
     std::memcpy(RequestData_ + DoneSize_, Buffer_->GetCurrentPosition(), size);
@@ -258,9 +278,8 @@ bool TIPOperationQueueForWriting::InternalTransferData() {
     Buffer_->Remaining -= size;
   }
   if (Buffer_->Remaining == TIPOperationBuffer::Size) return true;
-  Buffer_->Pending = true;
-  Buffer_->Pending = !WSATransferData();
-  return !Buffer_->Pending;
+  WSATransferData();
+  return false;
 }
 
 bool TIPOperationQueueForWriting::WSACompleted(DWORD Transferred, DWORD, DWORD Error) {
@@ -289,10 +308,16 @@ bool TUDPOperationQueueForReading::WSATransferData() {
 TUDPOperationQueueForWriting::~TUDPOperationQueueForWriting() { Close(); }
 
 bool TUDPOperationQueueForWriting::WSATransferData() {
-  Buffer_->Address = MakeAddress(::inet_addr(CurrentOperation_->GetAddress().c_str()),
-                                 CurrentOperation_->GetPort());
+  const std::string& text = CurrentOperation_->GetAddress();
+  const uint32_t address = ::inet_addr(text.c_str());
+  const bool isAddress = address != INADDR_NONE || text == "255.255.255.255";
+  Buffer_->Address = MakeAddress(address, CurrentOperation_->GetPort());
   return Request("[TUDPOperationQueueForWriting].[WSATransferData] WSASendTo error",
-                 [&b = *Buffer_](SOCKET Socket) {
+                 [&b = *Buffer_, isAddress](SOCKET Socket) {
+                   if (!isAddress) {
+                     ::WSASetLastError(WSAEADDRNOTAVAIL);
+                     return SOCKET_ERROR;
+                   }
                    b.DataBuffer.len = TIPOperationBuffer::Size - b.Remaining;
                    DWORD sent;  // told once more at the end
                    return ::WSASendTo(Socket, &b.DataBuffer, 1, &sent, 0,

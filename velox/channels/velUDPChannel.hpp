@@ -13,13 +13,14 @@
 /// Channels over IPv4: datagrams (TUDPChannel, TMulticastChannel) and connections (TTCPChannel).
 ///
 /// Each direction has a block of 1500 bytes between the caller's operation and the socket, and at
-/// most one request to the socket at a time. A datagram longer than that is cut off by the system.
+/// most one request to the socket at a time. Of a longer datagram only so much is delivered.
 /// What a receive brought in beyond the operation's size stays in the block for the next chunk or
 /// the next operation, as does what arrives while no operation waits.
 ///
 /// A transfer ends early (GetSucceeded() is false) when its time is up, when the socket reports an
 /// error (TIPOperation::GetErrorCode()), or when nothing more can come: the peer of a connection
-/// has closed it, which leaves the error code 0.
+/// has closed it, which leaves the error code 0. (A datagram sent to a port where nobody listens
+/// may end a read of the same channel with error 10054: the system reports it there.)
 ///
 /// Threads. The system tells the end of a request to the thread that made it, while that thread
 /// waits alertably. Requests are made by the reactor's threads, which always do; but a thread that
@@ -116,6 +117,10 @@ class VELOX_API TIPOperationBuffer : public TPendingRequest {
   };
   struct TDelivery;
 
+  /// Has the calling thread handle the end of the request in its next alertable wait. False when
+  /// the system has no room for that.
+  bool Tell(const TCompletion& Completion) noexcept;
+
  private:
   static void CALLBACK Handle(ULONG_PTR Buffer);
 
@@ -173,6 +178,9 @@ class VELOX_API TIPOperationQueueForReading : public TIPOperationQueue {
   int32_t GetAvailableSize(const TTransferOperation& Operation) override;
   bool InternalTransferData() override;
   bool WSACompleted(DWORD Transferred, DWORD Flags, DWORD Error) override;
+
+ private:
+  void Rescue();
 };
 
 class VELOX_API TIPOperationQueueForWriting : public TIPOperationQueue {

@@ -41,7 +41,7 @@ std::string MembersToStr(const void* ASet, int32_t MaxOrd, bool Brackets, TNameO
 }
 
 std::string AddressToString(const void* Address) {
-  return Format("%8.8" PRIxPTR, reinterpret_cast<uintptr_t>(Address));
+  return Format("%8.8" PRIXPTR, reinterpret_cast<uintptr_t>(Address));
 }
 
 }  // namespace
@@ -128,7 +128,8 @@ std::string StrRemoveLeadingDelimiters(const std::string& S, const std::string& 
 }
 
 std::string StrRemoveTrailingDelimiters(const std::string& S, const std::string& Delimiter) {
-  return tokens::WithoutTrailing(S, Delimiter, std::equal_to<>());
+  return tokens::WithoutTrailing(S, Delimiter, std::equal_to<>(),
+                                 [](const std::string&, size_t) { return true; });
 }
 
 std::string StrReplace(const std::string& S, const std::string& OldPattern,

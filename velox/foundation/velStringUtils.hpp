@@ -13,7 +13,7 @@
 /// delimiters, replacing, and sets as text.
 ///
 /// Most come in pairs. The plain form compares bytes. The form with "Ansi" in its name follows the
-/// user's locale and the system's code page: searches don't match the second half of a double-byte
+/// system's locale and its code page: searches don't match the second half of a double-byte
 /// character, and comparisons take characters as equal which the locale does. Where nothing can
 /// differ, the Ansi form is the plain one by another name, for the sake of callers that write all
 /// their text handling in one style.

@@ -1,4 +1,4 @@
-// The forms that ask the system: its code page and the user's locale.
+// The forms that ask the system: its code page and its locale.
 
 #include "velox/foundation/velStringUtils.hpp"
 #include "velox/foundation/velStringUtils_tokens.hpp"
@@ -8,14 +8,23 @@ namespace velox {
 namespace {
 
 bool LocaleEqual(const std::string& A, const std::string& B, DWORD Flags) {
-  return CompareStringA(LOCALE_USER_DEFAULT, Flags, A.data(), static_cast<int>(A.size()), B.data(),
+  return CompareStringA(LOCALE_SYSTEM_DEFAULT, LOCALE_USE_CP_ACP | Flags, A.data(),
+                        static_cast<int>(A.size()), B.data(),
                         static_cast<int>(B.size())) == CSTR_EQUAL;
 }
 
 bool LocaleSame(const std::string& A, const std::string& B) { return LocaleEqual(A, B, 0); }
 
 bool LocaleBeginWith(const std::string& S, const std::string& Prefix, DWORD Flags) {
-  return Prefix.empty() || LocaleEqual(S.substr(0, Prefix.size()), Prefix, Flags);
+  return Prefix.empty() ||
+         (S.size() >= Prefix.size() && LocaleEqual(S.substr(0, Prefix.size()), Prefix, Flags));
+}
+
+/// False within a double-byte character.
+bool BeginsCharacter(const std::string& S, size_t At) {
+  size_t start = 0;
+  while (start < At) start += IsDBCSLeadByte(static_cast<BYTE>(S[start])) != FALSE ? 2 : 1;
+  return start == At;
 }
 
 /// Finds Delimiter where a character begins, so never in the second half of a double-byte one.
@@ -51,7 +60,7 @@ std::string AnsiStrRemoveLeadingDelimiters(const std::string& S, const std::stri
 }
 
 std::string AnsiStrRemoveTrailingDelimiters(const std::string& S, const std::string& Delimiter) {
-  return tokens::WithoutTrailing(S, Delimiter, &LocaleSame);
+  return tokens::WithoutTrailing(S, Delimiter, &LocaleSame, &BeginsCharacter);
 }
 
 }  // namespace velox

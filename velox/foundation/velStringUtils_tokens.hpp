@@ -56,11 +56,14 @@ std::string WithoutLeading(const std::string& S, const std::string& Delimiter, T
   return S.substr(start);
 }
 
-template <class TEqual>
-std::string WithoutTrailing(const std::string& S, const std::string& Delimiter, TEqual Equal) {
+template <class TEqual, class TBegins>
+std::string WithoutTrailing(const std::string& S, const std::string& Delimiter, TEqual Equal,
+                            TBegins BeginsCharacter) {
   size_t end = S.size();
   const size_t step = Delimiter.size();
-  while (step > 0 && end >= step && Equal(S.substr(end - step, step), Delimiter)) end -= step;
+  while (step > 0 && end >= step && BeginsCharacter(S, end - step) &&
+         Equal(S.substr(end - step, step), Delimiter))
+    end -= step;
   return S.substr(0, end);
 }
 

@@ -13,6 +13,10 @@ std::string TClass::GetName() const {
   return Info_ == nullptr ? std::string() : TypeName(*Info_->Type);
 }
 
+bool TClass::Includes(const TObject& Object) const {
+  return Info_ != nullptr && Info_->Includes(Object);
+}
+
 std::unique_ptr<TObject> TClass::Create() const {
   if (Info_ == nullptr || Info_->Construct == nullptr)
     throw Exception(messages::seClassCannotBeCreated);

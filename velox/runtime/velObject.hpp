@@ -38,6 +38,9 @@ class VELOX_API TClass {
   /// is abstract or has no default constructor.
   std::unique_ptr<TObject> Create() const;
 
+  /// Whether the object is of this class or of one derived from it; false for no class.
+  bool Includes(const TObject& Object) const;
+
   /// Two references are equal when they name the same class, whichever module they were made in.
   friend bool operator==(const TClass& A, const TClass& B) noexcept {
     if (A.Info_ == nullptr || B.Info_ == nullptr) return A.Info_ == B.Info_;
@@ -48,18 +51,13 @@ class VELOX_API TClass {
   struct TInfo {
     const std::type_info* Type;
     TObject* (*Construct)();  // null when the class can't be made without arguments
+    bool (*Includes)(const TObject&);
   };
 
   explicit TClass(const TInfo* Info) noexcept : Info_(Info) {}
 
   template <class T>
-  static TInfo MakeInfo() noexcept {
-    if constexpr (std::is_default_constructible_v<T> && !std::is_abstract_v<T>) {
-      return {&typeid(T), []() -> TObject* { return new T; }};
-    } else {
-      return {&typeid(T), nullptr};
-    }
-  }
+  static TInfo MakeInfo() noexcept;
 
   const TInfo* Info_ = nullptr;
 };
@@ -75,5 +73,17 @@ class VELOX_API TObject {
   /// The name of the object's own class, without the library's namespace.
   std::string ClassName() const;
 };
+
+template <class T>
+TClass::TInfo TClass::MakeInfo() noexcept {
+  const auto includes = [](const TObject& Object) {
+    return dynamic_cast<const T*>(&Object) != nullptr;
+  };
+  if constexpr (std::is_default_constructible_v<T> && !std::is_abstract_v<T>) {
+    return {&typeid(T), []() -> TObject* { return new T; }, includes};
+  } else {
+    return {&typeid(T), nullptr, includes};
+  }
+}
 
 }  // namespace velox

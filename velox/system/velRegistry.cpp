@@ -29,7 +29,7 @@ void TRegistryEx::ReadStringList(const std::string& Name, TStrings& Strings) con
 void TRegistryEx::WriteStringList(const std::string& Name, const TStrings& Strings) {
   std::string data;
   for (const std::string& string : Strings) {
-    const std::string text(string.c_str());
+    const std::string text = string.substr(0, string.find('\0'));
     if (!text.empty()) data.append(text.c_str(), text.size() + 1);
   }
   data.push_back('\0');

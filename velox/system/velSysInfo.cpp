@@ -185,15 +185,13 @@ TOSVersionEx DecideWorkstation(const TOSFacts& Facts, TOSVersion Version) noexce
   }
 }
 
-/// The hexadecimal digits of a number, read as decimal ones: 0x300 gives 300. No result when a
-/// digit is above 9.
-std::optional<int32_t> HexadecimalAsDecimal(uint32_t Value) {
+/// The hexadecimal digits of a number, read as decimal ones: 0x300 gives 300, and one with a digit
+/// above 9 gives 0.
+int32_t HexadecimalAsDecimal(uint32_t Value) {
   const std::string digits = Format("%02X", Value);
   const char* const end = digits.data() + digits.size();
   int32_t result = 0;
-  const auto [stop, error] = std::from_chars(digits.data(), end, result);
-  if (stop != end || error != std::errc()) return std::nullopt;
-  return result;
+  return std::from_chars(digits.data(), end, result).ptr == end ? result : 0;
 }
 
 /// For systems that fill the short record only. Each step is taken when the one before succeeded.
@@ -208,15 +206,13 @@ void DescribeFromRegistry(const TOSFacts& Facts, TOSDescription& Result) {
 
   if (!Facts.RegistryCSDVersion) return;
   const auto servicePack = static_cast<uint32_t>(*Facts.RegistryCSDVersion);
-  const std::optional<int32_t> major = HexadecimalAsDecimal(servicePack >> 16);
-  if (!major) return;
-  Result.ServicePackMajor = *major;
+  Result.ServicePackMajor = HexadecimalAsDecimal(servicePack >> 16);
   // The whole number on purpose: a service pack stored as 0x300 is 0.300.
-  Result.ServicePackMinor = HexadecimalAsDecimal(servicePack).value_or(0);
+  Result.ServicePackMinor = HexadecimalAsDecimal(servicePack);
 }
 
 void DescribeNT(const TOSFacts& Facts, TOSDescription& Result) {
-  Result.Name = Format("Windows NT %u.%u", Facts.MajorVersion, Facts.MinorVersion);
+  Result.Name = Format("Windows NT %d.%d", Facts.MajorVersion, Facts.MinorVersion);
   Result.Version = DecideVersionNT(Facts);
   if (!Facts.Extended) {
     DescribeFromRegistry(Facts, Result);
@@ -230,7 +226,7 @@ void DescribeNT(const TOSFacts& Facts, TOSDescription& Result) {
 
 void Describe9x(const TOSFacts& Facts, TOSDescription& Result) {
   if (Facts.MajorVersion != 4) return;
-  Result.Name = Format("Windows %u.%u", Facts.MajorVersion, Facts.MinorVersion);
+  Result.Name = Format("Windows %d.%d", Facts.MajorVersion, Facts.MinorVersion);
   switch (Facts.MinorVersion) {
     case 0: {
       const bool second = Facts.CSDVersion == "B" || Facts.CSDVersion == "C";
