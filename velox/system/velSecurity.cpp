@@ -74,7 +74,6 @@ std::vector<const ACE_HEADER*> AcesOf(const ACL& Acl) {
   for (size_t i = 0; i < Acl.AceCount; ++i) {
     const auto* const ace =
         reinterpret_cast<const ACE_HEADER*>(reinterpret_cast<const uint8_t*>(&Acl) + position);
-    // Entries are aligned to 4 bytes, so each has room for its header once it begins inside.
     if (position + sizeof(ACE_HEADER) > Acl.AclSize || ace->AceSize < sizeof(ACE_HEADER) ||
         ace->AceSize % sizeof(DWORD) != 0 || position + ace->AceSize > Acl.AclSize) {
       throw Exception(messages::seInvalidAcl);
@@ -315,6 +314,7 @@ TAccessControlEntry::TAccessControlEntry(const std::string& SystemName, const AC
 TAccessControlEntry::~TAccessControlEntry() = default;
 
 void TAccessControlEntry::Extract(const std::string& SystemName, const ACE_HEADER* Ace) {
+  if (Ace == nullptr) throw Exception(messages::seIncorrectParameters);
   AceType = WinntAceTypeToAceType(Ace->AceType);
   AceFlags = Ace->AceFlags;
   const TBytes bytes(reinterpret_cast<const uint8_t*>(Ace), Ace->AceSize);

@@ -144,8 +144,8 @@ class VELOX_API TAccessControlEntry : public TObject {
 
   /// Takes everything from an entry in the system's form. Raises Exception "Incorrect access
   /// control entry type" for others than the three (those of objects, of callbacks and the like),
-  /// "Invalid SID specified", also for a SID that does not end within the entry's size, and
-  /// EOSError when the SID maps to no account.
+  /// "Invalid SID specified", also for a SID that does not end within the entry's size, "Incorrect
+  /// parameters" for null, and EOSError when the SID maps to no account.
   void Extract(const std::string& SystemName, const ACE_HEADER* Ace);
   /// Writes GetSize() bytes from Target on. Raises Exception "Cannot build ace - security
   /// identifier is absent", also for an identifier without a SID.
