@@ -363,6 +363,8 @@ void TOperationQueue::DoOperationTimeout(TObject*) {
       nullptr);
 }
 
+// The reference is a copy: the caller's may stand in what the run destroys.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void TOperationQueue::RunOnReactor(TReference Target,
                                    std::initializer_list<TProcessOperationsProcedure> Procedures,
                                    TObject* Parameter) {
