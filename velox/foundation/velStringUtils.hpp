@@ -53,6 +53,10 @@ VELOX_API bool AnsiStrBeginWith(const std::string& S, const std::string& Prefix)
 VELOX_API bool StrBeginWithText(const std::string& S, const std::string& Prefix) noexcept;
 /// By the locale's rule, with capitals and small letters equal.
 VELOX_API bool AnsiStrBeginWithText(const std::string& S, const std::string& Prefix);
+/// Whether A and B are the same but for the case of the letters A to Z.
+inline bool StrEqualText(const std::string& A, const std::string& B) noexcept {
+  return A.size() == B.size() && StrBeginWithText(A, B);
+}
 
 // --------------------------------------------------------------------------- deleting characters
 

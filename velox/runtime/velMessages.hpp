@@ -57,6 +57,16 @@ inline constexpr const char* seViewIsNotOpened = "MSI View is not opened";
 inline constexpr const char* seViewIsOpenedAlready =
     "Cannot open MSI View, because it is opened already.";
 
+// Security.
+inline constexpr const char* seAccountNameIsEmpty = "Account name must not be empty";
+inline constexpr const char* seInvalidSid = "Invalid SID specified";
+inline constexpr const char* seSecurityIdentifierIsEmpty = "Security identifier is empty";
+inline constexpr const char* seCannotBuildAce = "Cannot build ace - security identifier is absent";
+inline constexpr const char* seIncorrectAceType = "Incorrect access control entry type";
+inline constexpr const char* seInvalidAcl = "Invalid ACL specified";
+inline constexpr const char* seAclTooLarge = "Access control list cannot exceed 65535 bytes";
+inline constexpr const char* seInvalidSecurityDescriptor = "Security descriptor is invalid";
+
 // Asynchronous execution.
 inline constexpr const char* seCallIsBusy = "Call is busy";
 inline constexpr const char* seOperationOnActiveTask = "Cannot perform operation on active task";

@@ -16,6 +16,8 @@
 #include <windows.h>
 // COM's base and CryptoAPI, which windows.h leaves out here.
 #include <objbase.h>
+// Texts of security identifiers.
+#include <sddl.h>
 // Snapshots of processes and threads; version resources.
 #include <tlhelp32.h>
 #include <wincrypt.h>
