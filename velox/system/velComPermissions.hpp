@@ -34,6 +34,7 @@
 /// Threads: an object belongs to one thread at a time.
 namespace velox {
 
+/// Whether a right is granted to an account.
 enum TPermissionType : uint8_t { ptNone, ptAllow, ptDeny };
 
 /// Names for display, by the values above.
@@ -59,7 +60,9 @@ class VELOX_API TComServerPermissionsEntry : public TObject {
   /// Whether nothing is allowed or denied.
   bool GetUnassigned() const { return GetAllowingAccessMask() == 0 && GetDenialAccessMask() == 0; }
 
+  /// The account.
   const TSecurityIdentifier& GetSecurityIdentifier() const noexcept { return *SecurityIdentifier_; }
+  /// Of the account, as TSecurityIdentifier has it.
   std::string GetAccountName() const { return SecurityIdentifier_->GetAccountName(); }
   std::string GetDomain() const { return SecurityIdentifier_->GetDomainName(); }
   std::string GetSystemName() const { return SecurityIdentifier_->GetSystemName(); }
@@ -68,8 +71,8 @@ class VELOX_API TComServerPermissionsEntry : public TObject {
  protected:
   /// A permission, which is a member of the derived class, and its bits in a mask.
   struct TRight {
-    TPermissionType* Permission;
-    uint32_t Mask;
+    TPermissionType* Permission;  ///< belongs to the entry
+    uint32_t Mask;                ///< COM_RIGHTS_…
   };
 
   /// Clones the identifier.
@@ -83,36 +86,48 @@ class VELOX_API TComServerPermissionsEntry : public TObject {
   const std::vector<TRight> Rights_;
 };
 
+/// An account that may, or may not, call the server, where the rights are not split.
 class VELOX_API TComServerAccessPermissionsEntry : public TComServerPermissionsEntry {
  public:
+  /// Without a permission yet. The identifier is cloned.
   explicit TComServerAccessPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier);
   ~TComServerAccessPermissionsEntry() override;
 
+  /// The one permission.
   TPermissionType Permission = ptNone;
 };
 
+/// The same where they are split.
 class VELOX_API TComServerAccessPermissionsEntryEx : public TComServerPermissionsEntry {
  public:
+  /// Without permissions yet. The identifier is cloned.
   explicit TComServerAccessPermissionsEntryEx(const TSecurityIdentifier& SecurityIdentifier);
   ~TComServerAccessPermissionsEntryEx() override;
 
+  /// Calls from this machine, and from others.
   TPermissionType LocalAccess = ptNone;
   TPermissionType RemoteAccess = ptNone;
 };
 
+/// An account that may, or may not, start the server, where the rights are not split.
 class VELOX_API TComServerLaunchPermissionsEntry : public TComServerPermissionsEntry {
  public:
+  /// Without a permission yet. The identifier is cloned.
   explicit TComServerLaunchPermissionsEntry(const TSecurityIdentifier& SecurityIdentifier);
   ~TComServerLaunchPermissionsEntry() override;
 
+  /// The one permission.
   TPermissionType Permission = ptNone;
 };
 
+/// The same where they are split.
 class VELOX_API TComServerLaunchPermissionsEntryEx : public TComServerPermissionsEntry {
  public:
+  /// Without permissions yet. The identifier is cloned.
   explicit TComServerLaunchPermissionsEntryEx(const TSecurityIdentifier& SecurityIdentifier);
   ~TComServerLaunchPermissionsEntryEx() override;
 
+  /// Making objects in a running server, and starting it: from this machine, and from others.
   TPermissionType LocalActivation = ptNone;
   TPermissionType LocalLaunch = ptNone;
   TPermissionType RemoteActivation = ptNone;
@@ -163,6 +178,7 @@ class VELOX_API TComServerPermissions : public TObject {
   /// Whether a system of this version and service pack has them.
   static bool SupportAdvancedSecurity(TOSVersion Version, int32_t ServicePackMajor) noexcept;
 
+  /// A new entry of the kind that this system has, without permissions.
   virtual std::unique_ptr<TComServerPermissionsEntry> CreateComServerPermissionEntry(
       const TSecurityIdentifier& Identifier) const = 0;
   /// The name of the registry's value.
@@ -171,6 +187,7 @@ class VELOX_API TComServerPermissions : public TObject {
   virtual void SetDefaultPermissions() = 0;
 
  protected:
+  /// Without entries: derived classes read them.
   explicit TComServerPermissions(const GUID& AppID);
 
  private:
@@ -184,6 +201,7 @@ class VELOX_API TComServerPermissions : public TObject {
 /// Who may call the server.
 class VELOX_API TComServerAccessPermissions : public TComServerPermissions {
  public:
+  /// Reads; raises what RetrieveEntries() raises.
   explicit TComServerAccessPermissions(const GUID& AppID);
   ~TComServerAccessPermissions() override;
 
@@ -202,6 +220,7 @@ class VELOX_API TComServerAccessPermissions : public TComServerPermissions {
 /// Who may start the server and activate its objects.
 class VELOX_API TComServerLaunchPermissions : public TComServerPermissions {
  public:
+  /// Reads; raises what RetrieveEntries() raises.
   explicit TComServerLaunchPermissions(const GUID& AppID);
   ~TComServerLaunchPermissions() override;
 

@@ -70,8 +70,11 @@ enum class TMSIComponentProcessingState : uint8_t {
 /// Owns one of the Installer's handles and closes it.
 class VELOX_API TMSIHandle {
  public:
+  /// None.
   TMSIHandle() noexcept = default;
+  /// Takes a handle over; 0 for none.
   explicit TMSIHandle(MSIHANDLE Handle) noexcept : Handle_(Handle) {}
+  /// Takes over what the other one owns; that one gets what this one owned.
   TMSIHandle(TMSIHandle&& Other) noexcept : Handle_(std::exchange(Other.Handle_, 0)) {}
   TMSIHandle& operator=(TMSIHandle&& Other) noexcept {
     std::swap(Handle_, Other.Handle_);
@@ -96,9 +99,11 @@ class VELOX_API TMSIHandle {
 /// reads as null; setting it raises EOSError.
 class VELOX_API TMSIField : public TObject {
  public:
+  /// For TMSIRecord, which makes the fields.
   TMSIField(TMSIRecord& Record, int32_t Index) noexcept : Record_(Record), Index_(Index) {}
   ~TMSIField() override;
 
+  /// The record, and the field's number in it.
   TMSIRecord& GetRecord() const noexcept { return Record_; }
   int32_t GetIndex() const noexcept { return Index_; }
 
@@ -115,6 +120,7 @@ class VELOX_API TMSIField : public TObject {
   /// EOSError for a field that is no stream.
   int32_t ReadStream(void* Buffer, int32_t Size);
 
+  /// Stores a number, or text. Raise EOSError.
   void SetAsInteger(int32_t Value);
   void SetAsString(const std::string& Value);
   /// Makes the content of a file the field's stream. The file is read now.
@@ -125,6 +131,7 @@ class VELOX_API TMSIField : public TObject {
   const int32_t Index_;
 };
 
+/// A record of the Installer: numbered fields that hold a number, text, a stream or nothing.
 class VELOX_API TMSIRecord : public TObject {
  public:
   /// A new record, all of whose fields are null. Raises EOSError for a count that the Installer
@@ -134,6 +141,7 @@ class VELOX_API TMSIRecord : public TObject {
   explicit TMSIRecord(MSIHANDLE Handle) noexcept;
   ~TMSIRecord() override;
 
+  /// The handle, which belongs to this object.
   MSIHANDLE GetHandle() const noexcept { return Handle_.Get(); }
 
   /// Makes all fields null.
@@ -157,12 +165,14 @@ class VELOX_API TMSIRecord : public TObject {
 
 // ------------------------------------------------------------------------------------------ tables
 
+/// A database of the Installer.
 class VELOX_API TMSIDatabase : public TObject {
  public:
   /// Takes over a database's handle.
   explicit TMSIDatabase(MSIHANDLE Handle) noexcept;
   ~TMSIDatabase() override;
 
+  /// The handle, which belongs to this object.
   MSIHANDLE GetHandle() const noexcept { return Handle_.Get(); }
 
   /// Writes what was changed to the file. What is not committed is dropped with the database.
@@ -181,6 +191,7 @@ class VELOX_API TMSIView : public TObject {
   TMSIView(TMSIDatabase& Database, const std::string& Query);
   ~TMSIView() override;
 
+  /// The handle, which belongs to this object.
   MSIHANDLE GetHandle() const noexcept { return Handle_.Get(); }
   /// The current row, which belongs to the view and lives until the next call of Next. Null when
   /// there is none.
@@ -219,6 +230,7 @@ class VELOX_API TMSIInstaller : public TObject {
   explicit TMSIInstaller(MSIHANDLE Handle) noexcept;
   ~TMSIInstaller() override;
 
+  /// As given to the constructor.
   MSIHANDLE GetHandle() const noexcept { return Handle_; }
   /// The database of the package, as the installation sees it. It is opened at the first call and
   /// belongs to this object. Raises EOSError where there is none.
@@ -242,7 +254,9 @@ class VELOX_API TMSIInstaller : public TObject {
   bool GetActionScheduled() const;     ///< called from the script (deferred)
   bool GetActionRollback() const;      ///< called from the script of the rollback
   bool GetActionCommit() const;        ///< called from the script of the commit
+  /// Asks for a restart at the end, or takes that back.
   void SetRebootAtEnd(bool Value);
+  /// Asks for a restart before the installation goes on, or takes that back.
   void SetRebootNow(bool Value);
 
   // Properties, conditions and actions.
@@ -276,6 +290,7 @@ class VELOX_API TMSIInstaller : public TObject {
   INSTALLSTATE GetComponentState(const std::string& Name) const;
   void SetComponentState(const std::string& Name, INSTALLSTATE State);
 
+  /// Whether it is being brought in, brought in again over itself, or removed.
   bool IsComponentInstalling(const std::string& Name) const;
   bool IsComponentReinstalling(const std::string& Name) const;
   bool IsComponentUninstalling(const std::string& Name) const;
@@ -285,6 +300,7 @@ class VELOX_API TMSIInstaller : public TObject {
 
   // The same, decided from the two states.
 
+  /// As the functions of these names above.
   static bool IsComponentInstalling(INSTALLSTATE Installed, INSTALLSTATE Requested) noexcept;
   static bool IsComponentReinstalling(INSTALLSTATE Installed, INSTALLSTATE Requested) noexcept;
   static bool IsComponentUninstalling(INSTALLSTATE Installed, INSTALLSTATE Requested) noexcept;

@@ -87,6 +87,7 @@ class VELOX_API TSecurityIdentifier : public TObject {
   /// "DOMAIN\account", or the account alone when it has no domain.
   std::string GetFullAccountName() const;
 
+  /// The account's full name, and its SID as text. Raise EOSError.
   static std::string GetWellKnownAccountName(const std::string& SystemName,
                                              WELL_KNOWN_SID_TYPE Type);
   static std::string GetWellKnownAccountSidString(const std::string& SystemName,
@@ -181,6 +182,7 @@ class VELOX_API TAccessControlEntry : public TObject {
 /// list is not looked at again.)
 class VELOX_API TAccessControlList : public TObject {
  public:
+  /// Without entries.
   explicit TAccessControlList(TAccessControlListType AclType);
   /// Extracts.
   TAccessControlList(const std::string& SystemName, TAccessControlListType AclType, const ACL* Acl);
@@ -213,6 +215,7 @@ class VELOX_API TAccessControlList : public TObject {
   /// raises; the entries before that one are then in the list.
   void Extract(const std::string& SystemName, const ACL* Acl);
 
+  /// As given to the constructor.
   TAccessControlListType GetAclType() const noexcept { return AclType_; }
 
   /// What refuses entries: the array's OnModifying.
@@ -280,6 +283,7 @@ class VELOX_API TSecurityDescriptor : public TObject {
   void WriteToRegistry(HKEY RootKey, const std::string& KeyName,
                        const std::string& ValueName) const;
 
+  /// What there is of each list: nothing, a null list, or its entries.
   TSecurityDescriptorAclType DaclType = sdatAbsent;
   TSecurityDescriptorAclType SaclType = sdatAbsent;
   /// The system's control bits (SE_…), as last extracted. Build sets and clears those three that
