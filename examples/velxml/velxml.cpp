@@ -4,7 +4,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "examples/support/whole_file.hpp"
@@ -19,12 +22,29 @@ using namespace velox;
 constexpr const char* Usage =
     "usage: velxml IN OUT\n"
     "Writes the XML document in the file IN to the file OUT, formatted: one element a line,\n"
-    "indented with tabs. Blanks between elements are taken for indentation and are replaced, "
-    "unless\n"
-    "xml:space=\"preserve\" stands above them. OUT may be IN.\n";
+    "indented with tabs. In an element that holds elements and no text, blanks are taken for\n"
+    "indentation and are replaced; beside text they stay, but for its ends. An element with\n"
+    "xml:space=\"preserve\" stays as it is. OUT may be IN.\n";
 
 template <class T>
 using TReference = std::unique_ptr<T, TInterfaceRelease>;
+
+/// What a member function of the DOM returns through its pointer; null when that is nothing.
+template <class T, class Interface>
+TReference<T> Ask(Interface& Object, HRESULT (WINAPI Interface::*Member)(T**)) {
+  T* found = nullptr;
+  OleCheck((Object.*Member)(&found));
+  return TReference<T>(found);
+}
+
+/// A text for the DOM, or one of its.
+using TBstr = std::unique_ptr<OLECHAR, decltype(&::SysFreeString)>;
+
+TBstr NewBstr(const wchar_t* Text) {
+  TBstr made(::SysAllocString(Text), &::SysFreeString);
+  if (made == nullptr) throw EOutOfMemory();
+  return made;
+}
 
 std::string NarrowOf(BSTR Text) {
   const int length = static_cast<int>(::SysStringLen(Text));
@@ -43,9 +63,7 @@ TXMLDocumentReference NewDocument() {
 
 /// Tells where the document has its fault, and which.
 [[noreturn]] void RefuseDocument(IXMLDOMDocument& Document, const std::string& FileName) {
-  IXMLDOMParseError* found = nullptr;
-  OleCheck(Document.get_parseError(&found));
-  const TReference<IXMLDOMParseError> error(found);
+  const auto error = Ask(Document, &IXMLDOMDocument::get_parseError);
   LONG line = 0, column = 0;
   BSTR reason = nullptr;
   error->get_line(&line);
@@ -64,8 +82,9 @@ TXMLDocumentReference NewDocument() {
 
 void Load(IXMLDOMDocument& Document, const std::string& FileName) {
   const std::vector<uint8_t> bytes = example::ReadWholeFile(FileName);
-  // What the document refers to is not fetched.
   OleCheck(Document.put_async(VARIANT_FALSE));
+  OleCheck(Document.put_preserveWhiteSpace(VARIANT_TRUE));  // some of it belongs to texts
+  // What the document refers to is not fetched.
   OleCheck(Document.put_resolveExternals(VARIANT_FALSE));
   OleCheck(Document.put_validateOnParse(VARIANT_FALSE));
   VARIANT source{};
@@ -80,17 +99,89 @@ void Load(IXMLDOMDocument& Document, const std::string& FileName) {
   if (loaded == VARIANT_FALSE) RefuseDocument(Document, FileName);
 }
 
-void FormatWhole(IXMLDOMDocument& Document) {
+/// All elements of the document, the outer ones first.
+std::vector<TReference<IXMLDOMNode>> ElementsOf(IXMLDOMDocument& Document) {
+  IXMLDOMNodeList* found = nullptr;
+  OleCheck(Document.getElementsByTagName(NewBstr(L"*").get(), &found));
+  const TReference<IXMLDOMNodeList> list(found);
+  std::vector<TReference<IXMLDOMNode>> elements;
+  while (auto element = Ask(*list, &IXMLDOMNodeList::nextNode))
+    elements.push_back(std::move(element));
+  return elements;
+}
+
+bool IsBlank(IXMLDOMNode& Text) {
+  BSTR found = nullptr;
+  OleCheck(Text.get_text(&found));
+  const TBstr text(found, &::SysFreeString);
+  return std::wstring_view(found, ::SysStringLen(found)).find_first_not_of(L" \t\r\n") ==
+         std::wstring_view::npos;
+}
+
+/// Removes the blanks of an element that holds other nodes and no text.
+void DropIndentation(IXMLDOMNode& Element) {
+  std::vector<TReference<IXMLDOMNode>> blanks;
+  bool hasOther = false;
+  for (auto child = Ask(Element, &IXMLDOMNode::get_firstChild); child != nullptr;) {
+    auto next = Ask(*child, &IXMLDOMNode::get_nextSibling);
+    DOMNodeType type = NODE_INVALID;
+    OleCheck(child->get_nodeType(&type));
+    if (type == NODE_CDATA_SECTION || type == NODE_ENTITY_REFERENCE) return;  // text, too
+    if (type != NODE_TEXT) {
+      hasOther = true;
+    } else if (IsBlank(*child)) {
+      blanks.push_back(std::move(child));
+    } else {
+      return;
+    }
+    child = std::move(next);
+  }
+  if (!hasOther) return;
+  for (const auto& blank : blanks) OleCheck(Element.removeChild(blank.get(), nullptr));
+}
+
+bool IsPreserved(IXMLDOMNode& Node) {
+  const auto attributes = Ask(Node, &IXMLDOMNode::get_attributes);
+  IXMLDOMNode* found = nullptr;
+  OleCheck(attributes->getNamedItem(NewBstr(L"xml:space").get(), &found));
+  if (found == nullptr) return false;
+  const TReference<IXMLDOMNode> space(found);
+  BSTR value = nullptr;
+  OleCheck(space->get_text(&value));
+  const TBstr text(value, &::SysFreeString);
+  return value != nullptr && std::wstring_view(value) == L"preserve";
+}
+
+void Replace(IXMLDOMNode& Old, IXMLDOMNode& New) {
+  OleCheck(Ask(Old, &IXMLDOMNode::get_parentNode)->replaceChild(&New, &Old, nullptr));
+}
+
+/// Formats the document's element, in which no two texts stand side by side.
+void FormatElement(IXMLDOMDocument& Document) {
   try {
     XMLFormatDocument(Document);
   } catch (const EOleSysError& e) {
-    // The DOM of Wine cannot normalise. Here nothing is lost: in a document that was just read, no
-    // two texts stand side by side.
     if (e.ErrorCode != E_NOTIMPL) throw;
-    IXMLDOMElement* element = nullptr;
-    OleCheck(Document.get_documentElement(&element));
-    XMLFormatNode(*TReference<IXMLDOMElement>(element), "");
+    // The DOM of Wine cannot normalise, which is to join such texts.
+    XMLFormatNode(*Ask(Document, &IXMLDOMDocument::get_documentElement), "");
   }
+}
+
+void FormatWhole(IXMLDOMDocument& Document) {
+  if (IsPreserved(*Ask(Document, &IXMLDOMDocument::get_documentElement))) return;
+  // While the rest is formatted, an empty element stands for each that stays as it is.
+  std::vector<std::pair<TReference<IXMLDOMNode>, TReference<IXMLDOMNode>>> preserved;
+  for (auto& element : ElementsOf(Document)) {
+    if (!IsPreserved(*element)) continue;
+    IXMLDOMElement* made = nullptr;
+    OleCheck(Document.createElement(NewBstr(L"preserved").get(), &made));
+    TReference<IXMLDOMNode> standIn(made);
+    Replace(*element, *standIn);
+    preserved.emplace_back(std::move(element), std::move(standIn));
+  }
+  for (const auto& element : ElementsOf(Document)) DropIndentation(*element);
+  FormatElement(Document);
+  for (const auto& [element, standIn] : preserved) Replace(*standIn, *element);
 }
 
 void Save(IXMLDOMDocument& Document, const std::string& FileName) {

@@ -29,6 +29,49 @@ TEST(VelXml, FormatsAFileInPlace) {
   }
 }
 
+// Blanks are indentation among elements alone; saved, loaded and formatted again, all stays.
+TEST(VelXml, KeepsBlanksOfTexts) {
+  const struct {
+    const char* Xml;
+    const char* Expected;
+  } cases[] = {
+      {"<p>see <b>A</b> <i>B</i> now<q> </q></p>",
+       "<p>\n\tsee <b>A</b> <i>B</i> now<q> </q>\n</p>"},
+      {"<a>\n  <b> <c/> </b>\n  <!-- d -->\n</a>",
+       "<a>\n\t<b>\n\t\t<c/>\n\t</b>\n\t<!-- d -->\n</a>"},
+      {"<a><b/> <![CDATA[x]]> </a>", "<a>\n\t<b/> <![CDATA[x]]>\n</a>"},
+      {"<a> <b xml:space='preserve'> <c xml:space='preserve'> </c>  <d/></b> </a>",
+       "<a>\n\t<b xml:space=\"preserve\"> <c xml:space=\"preserve\"> </c>  <d/></b>\n</a>"},
+      {"<a xml:space='preserve'> <b/></a>", "<a xml:space=\"preserve\"> <b/></a>"},
+  };
+  const test::TTemporaryFolder folder;
+  const std::string file = folder.File("in.xml");
+  for (const auto& each : cases) {
+    test::WriteFileBytes(file, each.Xml);
+    for (int pass = 0; pass < 2; ++pass) {
+      ASSERT_EQ(test::RunExample("velxml", {file, file}).ExitCode, 0) << each.Xml;
+      std::string text = test::ReadFileBytes(file);
+      std::erase(text, '\r');
+      EXPECT_NE(text.find(each.Expected), std::string::npos) << pass << ": " << text;
+    }
+  }
+}
+
+TEST(VelXml, BearsDeepNesting) {
+  const test::TTemporaryFolder folder;
+  const std::string file = folder.File("in.xml");
+  std::string deep;
+  for (int i = 0; i < 200; ++i) deep += "<e>";
+  deep += "t";
+  for (int i = 0; i < 200; ++i) deep += "</e>";
+  test::WriteFileBytes(file, deep);
+  ASSERT_EQ(test::RunExample("velxml", {file, file}).ExitCode, 0);
+  const std::string text = test::ReadFileBytes(file);
+  EXPECT_NE(
+      text.find("\n" + std::string(199, '\t') + "<e>t</e>\n" + std::string(198, '\t') + "</e>"),
+      std::string::npos);
+}
+
 TEST(VelXml, RefusesInOneLineAndLeavesTheTargetAlone) {
   const test::TTemporaryFolder folder;
   const std::string good = folder.File("good.xml"), bad = folder.File("bad.xml"),

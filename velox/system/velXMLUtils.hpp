@@ -23,6 +23,9 @@
 /// beginning and at the end are taken for indentation. So formatting what is formatted
 /// changes nothing. Attributes are not touched.
 ///
+/// Blanks between elements count as text, too: a document that was loaded with its white space
+/// (preserveWhiteSpace) keeps those, and one loaded without has lost those of its texts.
+///
 /// Comments, processing instructions and CDATA sections count as children that are no text: a CDATA
 /// section alone in its element gets a line of its own, and with it the element's text gets blanks
 /// at its ends. The children of an entity reference are formatted as an element's are; where the
