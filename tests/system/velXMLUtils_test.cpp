@@ -32,12 +32,6 @@ std::wstring TakeText(BSTR Text) {
   return copy;
 }
 
-/// Line ends as a line feed alone: some DOMs drop the carriage return.
-std::wstring PlainLines(std::wstring Text) {
-  for (size_t i = 0; (i = Text.find(L"\r\n", i)) != std::wstring::npos;) Text.erase(i, 1);
-  return Text;
-}
-
 TXMLDocumentReference NewDocument() {
   void* document = nullptr;
   OleCheck(::CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
@@ -76,7 +70,34 @@ TReference<IXMLDOMNode> NextSibling(IXMLDOMNode& Node) {
 std::wstring ValueOf(IXMLDOMNode& Node) {
   VARIANT value{};
   OleCheck(Node.get_nodeValue(&value));
-  return PlainLines(TakeText(value.bstrVal));
+  return TakeText(value.bstrVal);
+}
+
+/// The attributes of an element, each as in a document.
+std::wstring AttributesOf(IXMLDOMNode& Element) {
+  IXMLDOMNamedNodeMap* found = nullptr;
+  OleCheck(Element.get_attributes(&found));
+  const TReference<IXMLDOMNamedNodeMap> map(found);
+  std::wstring text;
+  IXMLDOMNode* next = nullptr;
+  for (OleCheck(map->nextNode(&next)); next != nullptr; OleCheck(map->nextNode(&next))) {
+    const TReference<IXMLDOMNode> attribute(next);
+    BSTR name = nullptr;
+    OleCheck(attribute->get_nodeName(&name));
+    text += L" " + TakeText(name) + L"='" + ValueOf(*attribute) + L"'";
+  }
+  return text;
+}
+
+/// What the DOM keeps of the line feeds in a text, each of which stands for CR LF: some drop the
+/// carriage return.
+std::wstring Lines(std::wstring Text) {
+  IXMLDOMText* made = nullptr;
+  OleCheck(NewDocument()->createTextNode(TBstr(L"\r\n"), &made));
+  const std::wstring line = ValueOf(*TReference<IXMLDOMText>(made));
+  for (size_t i = 0; (i = Text.find(L'\n', i)) != std::wstring::npos; i += line.size())
+    Text.replace(i, 1, line);
+  return Text;
 }
 
 /// The node and what is below it, as the tree has it: a saved text may hold lines that the writer
@@ -91,7 +112,7 @@ std::wstring TreeText(IXMLDOMNode& Node) {
     case NODE_TEXT:
       return ValueOf(Node);
     case NODE_ELEMENT: {
-      std::wstring text = L"<" + title + L">";
+      std::wstring text = L"<" + title + AttributesOf(Node) + L">";
       for (auto child = FirstChild(Node); child != nullptr; child = NextSibling(*child))
         text += TreeText(*child);
       return text + L"</>";
@@ -115,7 +136,7 @@ TEST_F(XMLFormat, BreaksLines) {
   } cases[] = {
       {L"<a/>", L"<a></>"},
       {L"<a> text </a>", L"<a> text </>"},
-      {L"<a x=' 1 '><b/></a>", L"<a>\n\t<b></>\n</>"},
+      {L"<a x=' 1 '><b/></a>", L"<a x=' 1 '>\n\t<b></>\n</>"},
       {L"<a><b>t</b><c><d/><d/></c></a>",
        L"<a>\n\t<b>t</>\n\t<c>\n\t\t<d></>\n\t\t<d></>\n\t</>\n</>"},
       // Text and other children: the edges alone.
@@ -136,8 +157,37 @@ TEST_F(XMLFormat, BreaksLines) {
     const auto root = Root(*document);
     for (int pass = 0; pass < 2; ++pass) {  // what is formatted stays as it is
       XMLFormatNode(*root, "");
-      EXPECT_EQ(TreeText(*root), each.Expected) << pass;
+      EXPECT_EQ(TreeText(*root), Lines(each.Expected)) << pass;
     }
+    // Nor do saving and loading make a difference.
+    BSTR saved = nullptr;
+    OleCheck(root->get_xml(&saved));
+    const TXMLDocumentReference again = LoadDocument(TakeText(saved));
+    const auto loaded = Root(*again);
+    XMLFormatNode(*loaded, "");
+    std::wstring lines = TreeText(*loaded);
+    std::erase(lines, L'\r');  // which loading drops from the lines within
+    EXPECT_EQ(lines, each.Expected);
+  }
+}
+
+// The children of a declared one may be the declaration itself, which stays as it is.
+TEST_F(XMLFormat, LeavesDeclarationsOfEntitiesAlone) {
+  const TXMLDocumentReference document =
+      LoadDocument(L"<!DOCTYPE a [<!ENTITY e \"t\"><!ENTITY f \"<x/>\">]><a><b/>&e;&f;</a>");
+  const auto declarations = [&] {
+    BSTR xml = nullptr;
+    OleCheck(document->get_xml(&xml));
+    const std::wstring text = TakeText(xml);
+    return text.substr(0, text.find(L"]>"));
+  };
+  const std::wstring declared = declarations();
+  EXPECT_NE(declared.find(L"ENTITY f"), std::wstring::npos);
+  const auto root = Root(*document);
+  for (int pass = 0; pass < 2; ++pass) {
+    XMLFormatNode(*root, "");
+    EXPECT_EQ(TreeText(*root), Lines(L"<a>\n\t<b></>\n\t[&e]\n\t[&f]\n</>")) << pass;
+    EXPECT_EQ(declarations(), declared);
   }
 }
 
@@ -145,7 +195,7 @@ TEST_F(XMLFormat, StartsAtTheGivenIndentation) {
   const TXMLDocumentReference document = LoadDocument(L"<a><b><c/></b><d/></a>");
   const auto root = Root(*document);
   XMLFormatNode(*FirstChild(*root), "\t");
-  EXPECT_EQ(TreeText(*root), L"<a><b>\n\t\t<c></>\n\t</><d></></>");
+  EXPECT_EQ(TreeText(*root), Lines(L"<a><b>\n\t\t<c></>\n\t</><d></></>"));
 }
 
 TEST_F(XMLFormat, CountsEntityReferencesAsChildrenThatAreNoText) {
@@ -156,9 +206,9 @@ TEST_F(XMLFormat, CountsEntityReferencesAsChildrenThatAreNoText) {
   const TReference<IXMLDOMEntityReference> reference(made);
   OleCheck(root->appendChild(made, nullptr));
   XMLFormatNode(*root, "");
-  EXPECT_EQ(TreeText(*root), L"<a>\n\t<b></>\n\t[&e]\n</>");
+  EXPECT_EQ(TreeText(*root), Lines(L"<a>\n\t<b></>\n\t[&e]\n</>"));
   XMLFormatNode(*root, "");
-  EXPECT_EQ(TreeText(*root), L"<a>\n\t<b></>\n\t[&e]\n</>");
+  EXPECT_EQ(TreeText(*root), Lines(L"<a>\n\t<b></>\n\t[&e]\n</>"));
 }
 
 // A function that called itself would need more stack than the thread has.
@@ -176,14 +226,15 @@ TEST_F(XMLFormat, ReachesTenThousandLevels) {
   }
   const auto root = Root(*document);
   XMLFormatNode(*root, "");
+  const size_t lineEnd = Lines(L"\n").size();
   size_t level = 0;
   for (TReference<IXMLDOMNode> node = FirstChild(*root); node != nullptr; ++level) {
     const std::wstring line = ValueOf(*node);
-    ASSERT_EQ(line.size(), level + 2);
-    ASSERT_EQ(line.find_first_not_of(L'\t', 1), std::wstring::npos);
+    ASSERT_EQ(line.size(), lineEnd + level + 1);
+    ASSERT_EQ(line.find_first_not_of(L'\t', lineEnd), std::wstring::npos);
     const auto element = NextSibling(*node);
     const auto end = NextSibling(*element);
-    ASSERT_EQ(ValueOf(*end).size(), level + 1);
+    ASSERT_EQ(ValueOf(*end).size(), lineEnd + level);
     node = FirstChild(*element);
   }
   EXPECT_EQ(level, depth - 1);
@@ -220,7 +271,7 @@ TEST_F(XMLFormat, FormatsDocuments) {
   const auto top = Root(*parts);
   OleCheck(top->appendChild(made, nullptr));
   XMLFormatDocument(*parts);
-  EXPECT_EQ(TreeText(*top), L"<a>\n\t<b></> x\n</>");
+  EXPECT_EQ(TreeText(*top), Lines(L"<a>\n\t<b></> x\n</>"));
 }
 
 TEST(OleCheck, RaisesForFailuresOnly) {

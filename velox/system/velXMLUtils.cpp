@@ -94,42 +94,32 @@ void BreakLines(IXMLDOMDocument& Document, IXMLDOMNode& Node, const std::wstring
   AppendText(Document, Node, Line);
 }
 
-/// Whether two texts are the same to a reader of XML, to whom CR LF is a line feed. So a formatted
-/// document is left alone after it was saved and read again.
-bool IsSameText(std::wstring_view A, std::wstring_view B) {
-  const auto plain = [](std::wstring_view Text) {
-    std::wstring lines(Text);
-    std::erase(lines, L'\r');
-    return lines;
-  };
-  return plain(A) == plain(B);
-}
-
-/// Replaces the blanks at one end of a text by a line break. A DOM may have its own way of keeping
-/// line ends, which only new texts go through: so the changed text is one.
-void SetEdge(IXMLDOMDocument& Document, IXMLDOMNode& Parent, IXMLDOMNode& Text,
-             std::wstring_view Before, std::wstring_view After) {
+/// Replaces the blanks at one end of a text by a line break. The text's own interface is asked for:
+/// as a node's value, some DOMs would write the carriage return as a character reference.
+void SetEdge(IXMLDOMNode& Node, std::wstring_view Before, std::wstring_view After) {
+  void* found = nullptr;
+  OleCheck(Node.QueryInterface(IID_IXMLDOMText, &found));
+  const std::unique_ptr<IXMLDOMText, TInterfaceRelease> text(static_cast<IXMLDOMText*>(found));
   TText old;
-  OleCheck(Text.get_nodeValue(old.Receive()));
+  OleCheck(Node.get_nodeValue(old.Receive()));
   std::wstring_view kept = old.View();
   if (!Before.empty()) kept.remove_prefix(std::min(kept.find_first_not_of(Blanks), kept.size()));
   if (!After.empty()) kept = kept.substr(0, kept.find_last_not_of(Blanks) + 1);  // npos + 1 is 0
   const std::wstring changed = std::wstring(Before).append(kept).append(After);
-  if (IsSameText(changed, old.View())) return;
-  OleCheck(Parent.replaceChild(NewText(Document, changed).get(), &Text, nullptr));
+  if (changed != old.View()) OleCheck(text->put_data(TText(changed).GetString()));
 }
 
 /// Text beside other children: only the first and the last line are ours.
 void BreakEdges(IXMLDOMDocument& Document, IXMLDOMNode& Node, const std::wstring& Line) {
   const TNode first = Ask(Node, &IXMLDOMNode::get_firstChild);
   if (IsText(*first)) {
-    SetEdge(Document, Node, *first, Line + L'\t', {});
+    SetEdge(*first, Line + L'\t', {});
   } else {
     InsertText(Document, Node, *first, Line + L'\t');
   }
   const TNode last = Ask(Node, &IXMLDOMNode::get_lastChild);
   if (IsText(*last)) {
-    SetEdge(Document, Node, *last, {}, Line);
+    SetEdge(*last, {}, Line);
   } else {
     AppendText(Document, Node, Line);
   }
