@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velFormat.hpp"
@@ -31,8 +32,9 @@ MSIHANDLE OpenDatabase(const std::string& FileName, const char* Mode) {
   MSIHANDLE handle = 0;
   UINT code = ::MsiOpenDatabaseA(FileName.c_str(), Mode, &handle);
   if (code == 0) return handle;
-  // The Installer does not always tell that there is no such file.
-  if (::GetFileAttributesA(FileName.c_str()) == INVALID_FILE_ATTRIBUTES) code = ::GetLastError();
+  // The Installer does not always tell that there is no such file to open.
+  if (Mode != MSIDBOPEN_CREATE && ::GetFileAttributesA(FileName.c_str()) == INVALID_FILE_ATTRIBUTES)
+    code = ::GetLastError();
   throw Exception("cannot open " + FileName + ": " + SystemErrorMessage(code));
 }
 
@@ -71,7 +73,7 @@ void Print(const TStrings& Values) {
 TStrings ColumnsOf(const TMSIView& View, MSICOLINFO What) {
   TMSIHandle handle;
   CheckOSResult(::MsiViewGetColumnInfo(View.GetHandle(), What, handle.Receive()));
-  TMSIRecord record(handle.Release());
+  TMSIRecord record(std::move(handle));
   TStrings columns;
   for (int32_t i = 1; i <= record.GetFieldCount(); ++i)
     columns.push_back(record.GetField(i).GetAsString());
@@ -106,10 +108,9 @@ struct TStatement {
 };
 
 void Query(const std::string& FileName, const TStatement& Statement) {
-  if (::_strnicmp(Statement.Sql.c_str(), "SELECT ", 7) != 0)
-    throw Exception("query takes a SELECT; other statements are for run");
   TMSIDatabase database(OpenDatabase(FileName, MSIDBOPEN_READONLY));
   TMSIView view(database, Statement.Sql);
+  if (!view.GetHasRows()) throw Exception("query takes a SELECT; other statements are for run");
   PrintRows(view, &Statement.Parameters);
 }
 

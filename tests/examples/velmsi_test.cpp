@@ -4,6 +4,7 @@
 
 #include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
 
 namespace velox {
 namespace {
@@ -32,6 +33,7 @@ TEST_F(VelMsi, PrintsEachRowInOneLine) {
   EXPECT_EQ(Run({"tables"}).Lines, TStrings{"T"});
   EXPECT_EQ(Run({"export", "T"}).Lines, (TStrings{"K\tV", "1\ta\\tb\\r\\n\\\\it's", "2\t"}));
   EXPECT_EQ(Run({"query", "SELECT `K` FROM `T` WHERE `V` = ?", "none"}).Lines, TStrings{});
+  EXPECT_EQ(Run({"query", " select\t`K` FROM `T`"}).Lines, (TStrings{"1", "2"}));
 }
 
 TEST_F(VelMsi, RefusesInOneLine) {
@@ -57,6 +59,10 @@ TEST_F(VelMsi, RefusesInOneLine) {
     EXPECT_EQ(run.Lines[0].rfind("velmsi: cannot open ", 0), 0u) << run.Lines[0];
   }
   EXPECT_EQ(Run({"export", "T"}).Lines, TStrings{"K\tV"});
+  // That the file is not there is no reason for not creating it.
+  const std::string line =
+      test::RunExample("velmsi", {Folder_.File("no\\such\\t.msi"), "create"}).Lines.at(0);
+  EXPECT_EQ(line.find(SystemErrorMessage(ERROR_FILE_NOT_FOUND)), std::string::npos) << line;
 }
 
 }  // namespace

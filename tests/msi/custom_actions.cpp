@@ -69,7 +69,14 @@ VELOX_ACTION(Deferred) { return Guard(Session, &TellScheduled); }
 
 // Ends as the action does that it starts.
 VELOX_ACTION(Cancel) {
-  return Guard(Session, [](TMSIInstaller& installer) { installer.DoAction("ReturnUserExit"); });
+  return Guard(Session, [](TMSIInstaller& installer) {
+    try {
+      installer.DoAction("ReturnUserExit");
+    } catch (const EMSICaUserExit& e) {
+      Tell(installer.GetPropertyValue("REPORT"), Format("user exit: %s", e.what()));
+      throw;
+    }
+  });
 }
 
 // The action that it starts suspends the installation; an Installer that does not tell so to who

@@ -37,7 +37,12 @@ TEST(MSIRecord, KeepsTextsOfAnyLength) {
     EXPECT_TRUE(field.GetAsString() == text) << length;
     EXPECT_EQ(field.GetDataSize(), static_cast<int32_t>(length));
   }
-  for (const std::string text : {"it's \"quoted\" `too`", "[1] {[2]} [NAME]", "a\r\nb\tc", "'"}) {
+  char umlauts[16] = "";
+  ASSERT_GT(::WideCharToMultiByte(CP_ACP, 0, L"\u00E4\u00DF", -1, umlauts, sizeof umlauts, nullptr,
+                                  nullptr),
+            0);
+  for (const std::string& text :
+       TStrings{umlauts, "it's \"quoted\" `too`", "[1] {[2]} [NAME]", "a\r\nb\tc", "'"}) {
     field.SetAsString(text);
     EXPECT_EQ(field.GetAsString(), text);
   }
@@ -84,6 +89,8 @@ TEST(MSIRecord, ReadsStreamsInPieces) {
     read.append(piece, static_cast<size_t>(size));
   EXPECT_EQ(read, bytes);
   EXPECT_THROW(field.ReadStream(piece, -1), Exception);
+  EXPECT_THROW(field.ReadStream(nullptr, 4), Exception);
+  EXPECT_EQ(field.ReadStream(nullptr, 0), 0);
   record.GetField(2).SetAsString("no stream");
   EXPECT_NE(CodeOf([&] { record.GetField(2).ReadStream(piece, 4); }), 0u);
 }
@@ -121,9 +128,11 @@ TEST_F(MSIDatabase, ViewsGoThroughTheirRows) {
   EXPECT_EQ(row->GetField(1).GetAsString(), "two");
   view.Next();
   EXPECT_EQ(view.GetRecord()->GetField(1).GetAsString(), "three");
-  view.Next();
-  EXPECT_TRUE(view.GetEof());
-  EXPECT_EQ(view.GetRecord(), nullptr);
+  for (int i = 0; i < 2; ++i) {
+    view.Next();
+    EXPECT_TRUE(view.GetEof());
+    EXPECT_EQ(view.GetRecord(), nullptr);
+  }
   view.Close();
   EXPECT_FALSE(view.GetOpened());
   // Once more, and closed in the middle.
@@ -152,6 +161,14 @@ TEST_F(MSIDatabase, RefusesFaultyQueries) {
   EXPECT_NE(CodeOf([&] { TMSIView(Database_, "SELEKT"); }), 0u);
   EXPECT_NE(CodeOf([&] { test::Rows(Database_, "SELECT `V` FROM `None`"); }), 0u);
   EXPECT_NE(CodeOf([] { TMSIDatabase(MSIHANDLE{0}).Commit(); }), 0u);
+  TMSIView twice(Database_, "INSERT INTO `T` (`K`) VALUES (1)");  // the key is there already
+  EXPECT_NE(CodeOf([&] { twice.Open(); }), 0u);
+  EXPECT_FALSE(twice.GetOpened());
+}
+
+TEST_F(MSIDatabase, KnowsWhichQueriesHaveRows) {
+  EXPECT_TRUE(TMSIView(Database_, " \t\nselect\t`K` FROM `T`").GetHasRows());
+  EXPECT_FALSE(TMSIView(Database_, "DELETE FROM `T`").GetHasRows());
 }
 
 TEST_F(MSIDatabase, KnowsWhereTablesExist) {
@@ -244,6 +261,12 @@ TEST(MSISession, ClosedHandlesAreToldWithTheirCode) {
   EXPECT_EQ(installer.HandleException(std::bad_alloc(), 1, 0, TStrings(70'000, "x")), 1603u);
 }
 
+/// For others' programs that look at the package.
+const test::TRole PackageRole("installer-package", [](const std::vector<std::string>& Arguments) {
+  test::MakePackage(Arguments.at(0));
+  return 0;
+});
+
 // A session in this process, of the package that the Installer runs below.
 class MSIPackage : public ::testing::Test {
  protected:
@@ -313,7 +336,11 @@ TEST_F(MSIOpenedPackage, DecidesAboutComponents) {
 TEST_F(MSIOpenedPackage, HasModes) {
   EXPECT_FALSE(Installer_->GetActionScheduled());
   EXPECT_FALSE(Installer_->GetActionRollback());
+  EXPECT_FALSE(Installer_->GetActionCommit());
   EXPECT_FALSE(Installer_->GetWindows9X());
+  EXPECT_FALSE(Installer_->GetMaintenance());
+  Installer_->SetPropertyValue("Installed", "1");
+  EXPECT_TRUE(Installer_->GetMaintenance());
   for (const bool value : {true, false}) {
     Installer_->SetRebootAtEnd(value);
     EXPECT_EQ(Installer_->GetRebootAtEnd(), value);
@@ -322,25 +349,35 @@ TEST_F(MSIOpenedPackage, HasModes) {
   }
 }
 
-/// The user, who answers the messages of a kind.
-struct TUser {
-  UINT Kind = 0;
-  int Reply = 0;
-  std::vector<std::string> Messages;
+/// The user, who answers the messages of a kind while this object lives.
+class TUser {
+ public:
+  TUser(int Kind, int AReply) : Reply(AReply), Kind_(static_cast<UINT>(Kind)) {
+    ::MsiSetExternalUIA(
+        &Answer, INSTALLLOGMODE_ACTIONDATA | INSTALLLOGMODE_ERROR | INSTALLLOGMODE_INFO, this);
+  }
+  ~TUser() { ::MsiSetExternalUIA(nullptr, 0, nullptr); }
+  TUser(const TUser&) = delete;
+  TUser& operator=(const TUser&) = delete;
 
+  int Reply;
+  std::vector<std::string> Messages;
+  UINT LastType = 0;
+
+ private:
   static int WINAPI Answer(void* Context, UINT Type, const char* Message) {
     auto& user = *static_cast<TUser*>(Context);
-    if ((Type & INSTALLMESSAGE_TYPEMASK) != user.Kind) return 0;
+    if ((Type & INSTALLMESSAGE_TYPEMASK) != user.Kind_) return 0;
     user.Messages.emplace_back(Message == nullptr ? "" : Message);
+    user.LastType = Type;
     return user.Reply;
   }
+
+  const UINT Kind_;
 };
 
-TEST_F(MSIOpenedPackage, AsksTheUser) {
-  TUser user{static_cast<UINT>(INSTALLMESSAGE_ACTIONDATA), IDOK, {}};
-  ::MsiSetExternalUIA(&TUser::Answer,
-                      INSTALLLOGMODE_ACTIONDATA | INSTALLLOGMODE_ERROR | INSTALLLOGMODE_INFO,
-                      &user);
+TEST_F(MSIOpenedPackage, LetsTheUserCancel) {
+  TUser user(INSTALLMESSAGE_ACTIONDATA, IDOK);
   Installer_->ActionDataMessage({"1", "2"});
   Installer_->ActionDataMessage({});
   for (const int reply : {IDCANCEL, IDABORT}) {
@@ -355,18 +392,50 @@ TEST_F(MSIOpenedPackage, AsksTheUser) {
     EXPECT_EQ(code, 1602u);
   }
   EXPECT_EQ(user.Messages.size(), 4u);
+}
 
-  user = {static_cast<UINT>(INSTALLMESSAGE_ERROR), IDRETRY, {}};
-  EXPECT_EQ(Installer_->ShowErrorMessage(25001, MB_RETRYCANCEL, {"why"}), IDRETRY);
+TEST_F(MSIOpenedPackage, ShowsErrors) {
+  TUser user(INSTALLMESSAGE_ERROR, IDRETRY);
+  EXPECT_EQ(Installer_->ShowErrorMessage(25001, MB_RETRYCANCEL | MB_ICONWARNING, {"why"}), IDRETRY);
+  EXPECT_EQ(user.LastType & 0xFFFF, static_cast<UINT>(MB_RETRYCANCEL | MB_ICONWARNING));
   EXPECT_EQ(Installer_->HandleException(Exception("e"), 25001, MB_OK, {"what"}), 1603u);
   ASSERT_EQ(user.Messages.size(), 2u);
   EXPECT_NE(user.Messages[0].find("Our error 25001: why"), std::string::npos) << user.Messages[0];
   EXPECT_NE(user.Messages[1].find("Our error 25001: what"), std::string::npos) << user.Messages[1];
+}
 
-  user = {static_cast<UINT>(INSTALLMESSAGE_INFO), IDOK, {}};
+TEST_F(MSIOpenedPackage, WritesToTheLog) {
+  TUser user(INSTALLMESSAGE_INFO, IDOK);
   EXPECT_EQ(Installer_->LogMessage("[2] before [1]", {"a", "b"}), IDOK);
-  EXPECT_EQ(user.Messages, std::vector<std::string>{"b before a"});
-  ::MsiSetExternalUIA(nullptr, 0, nullptr);
+  EXPECT_EQ(Installer_->LogMessage("alone", {}), IDOK);
+  EXPECT_EQ(user.Messages, (std::vector<std::string>{"b before a", "alone"}));
+}
+
+/// Removes what a suspended installation enters to be done after a restart: under the packed code
+/// of the product. False when there was nothing.
+bool RemoveRestart() {
+  const char* const packed = "C3E1A7E6B0E534A4F9E0C6A8D0B5F711";
+  LSTATUS found = ERROR_SUCCESS;
+  for (const char* key :
+       {"Software\\Microsoft\\Windows\\CurrentVersion\\RunOnce",
+        "Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\RunOnceEntries"}) {
+    found |= ::RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key, packed);
+  }
+  return found == ERROR_SUCCESS;
+}
+
+TEST_F(MSIOpenedPackage, TellsThatAnActionSuspends) {
+  if (::GetProcAddress(::GetModuleHandleA("ntdll.dll"), "wine_get_version") == nullptr)
+    GTEST_SKIP() << "the action would restart the machine";
+  uint32_t code = 0;
+  try {
+    Installer_->DoAction("ForceReboot");
+  } catch (const EMSICaInstallSuspended& e) {
+    EXPECT_STREQ(e.what(), "MsiDoAction");
+    code = Installer_->HandleException(e, 25001, 0, {});
+  }
+  EXPECT_EQ(code, 1604u);
+  EXPECT_TRUE(RemoveRestart());
 }
 
 // The Installer itself, in processes of its own, runs the actions of custom_actions.cpp.
@@ -376,12 +445,14 @@ class MSIInstallation : public MSIPackage {
     MSIPackage::SetUp();
     // The actions' library, which the Installer takes out of the package, needs velox.dll.
     char path[32768];
-    ::GetEnvironmentVariableA("PATH", path, sizeof path);
+    const DWORD length = ::GetEnvironmentVariableA("PATH", path, sizeof path);
+    ASSERT_TRUE(length > 0 && length < sizeof path);
     ::SetEnvironmentVariableA("PATH", (ExtractFolder(GetProgramFileName()) + ";" + path).c_str());
     Path_ = path;
   }
   void TearDown() override {
-    test::TChild("msiexec /x \"" + File_ + "\" /qn").Wait();
+    const uint32_t code = test::TChild("msiexec /x \"" + File_ + "\" /qn").Wait();
+    EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_UNKNOWN_PRODUCT) << code;
     ::SetEnvironmentVariableA("PATH", Path_.c_str());
   }
 
@@ -421,6 +492,7 @@ TEST_F(MSIInstallation, RunsActionsNowAndFromTheScript) {
 
 TEST_F(MSIInstallation, EndsAsTheActionsDo) {
   EXPECT_EQ(Install("Cancel"), 1602u);
+  EXPECT_EQ(test::ReadFileBytes(Report_), "user exit: MsiDoAction\r\n");
   EXPECT_FALSE(Logged("Our error 25001"));
   EXPECT_EQ(Install("Fail"), 1603u);
   EXPECT_TRUE(Logged("Our error 25001: System Error. Code: 1615"));
@@ -431,17 +503,9 @@ TEST_F(MSIInstallation, CanBeSuspended) {
   const uint32_t code = Install("Suspend");
   EXPECT_EQ(test::ReadFileBytes(Report_), "returns 1604\r\n");
   if (code == 1604) return;
-  // Wine goes on to the end, but enters what is to be done after a restart: under the packed code
-  // of the product, which this removes again.
+  // Wine goes on to the end, but enters what is to be done after a restart.
   EXPECT_EQ(code, 0u);
-  const char* const packed = "C3E1A7E6B0E534A4F9E0C6A8D0B5F711";
-  LSTATUS found = ERROR_SUCCESS;
-  for (const char* key :
-       {"Software\\Microsoft\\Windows\\CurrentVersion\\RunOnce",
-        "Software\\Microsoft\\Windows\\CurrentVersion\\Installer\\RunOnceEntries"}) {
-    found |= ::RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key, packed);
-  }
-  EXPECT_EQ(found, ERROR_SUCCESS);
+  EXPECT_TRUE(RemoveRestart());
   GTEST_SKIP() << "this Installer enters a restart, but does not end with 1604 itself";
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velMessages.hpp"
@@ -16,6 +17,9 @@ template <class F>
 class TFunction {
  public:
   constexpr explicit TFunction(const char* Name) noexcept : Function_("msi.dll", Name) {}
+
+  /// Whether the system has it.
+  explicit operator bool() const noexcept { return static_cast<bool>(Function_); }
 
   template <class... Args>
   auto operator()(Args... Arguments) const {
@@ -92,7 +96,7 @@ MSICONDITION CheckCondition(MSICONDITION Result) {
   return Result;
 }
 
-/// A record of a message: field 0 stays null.
+/// The size of the record for a message with these strings from field 1 on.
 int32_t MessageFieldCount(const TStrings& Strings) {
   return std::max(1, static_cast<int32_t>(Strings.size()));
 }
@@ -103,7 +107,7 @@ EMSICaUserExit::~EMSICaUserExit() = default;
 EMSICaInstallSuspended::~EMSICaInstallSuspended() = default;
 
 TMSIHandle::~TMSIHandle() {
-  if (Handle_ != 0) msi::CloseHandle(Handle_);
+  if (Handle_ != 0 && msi::CloseHandle) msi::CloseHandle(Handle_);
 }
 
 // ------------------------------------------------------------------------------ records and fields
@@ -129,7 +133,10 @@ bool TMSIField::GetIsNull() const {
 }
 
 int32_t TMSIField::ReadStream(void* Buffer, int32_t Size) {
-  if (Size < 0) throw Exception(messages::seIncorrectParameters);
+  // Without a buffer, the Installer would tell how much is left.
+  char none = 0;
+  if (Size < 0 || (Buffer == nullptr && Size > 0)) throw Exception(messages::seIncorrectParameters);
+  if (Buffer == nullptr) Buffer = &none;
   auto size = static_cast<DWORD>(Size);
   CheckOSResult(msi::RecordReadStream(Record_.GetHandle(), static_cast<UINT>(Index_),
                                       static_cast<char*>(Buffer), &size));
@@ -154,7 +161,7 @@ TMSIRecord::TMSIRecord(int32_t FieldCount)
     : Handle_(msi::CreateRecord(static_cast<UINT>(FieldCount))) {
   if (Handle_.Get() == 0) RaiseLastOSErrorEx(ERROR_FUNCTION_FAILED);  // it tells no code
 }
-TMSIRecord::TMSIRecord(MSIHANDLE Handle) noexcept : Handle_(Handle) {}
+TMSIRecord::TMSIRecord(TMSIHandle&& Handle) noexcept : Handle_(std::move(Handle)) {}
 TMSIRecord::~TMSIRecord() = default;
 
 void TMSIRecord::Clear() { CheckOSResult(msi::RecordClearData(GetHandle())); }
@@ -217,12 +224,14 @@ void TMSIView::Open(const TMSIRecord* Parameters) {
   if (Opened_) throw Exception(messages::seViewIsOpenedAlready);
   CheckOSResult(msi::ViewExecute(GetHandle(), Parameters == nullptr ? 0 : Parameters->GetHandle()));
   Opened_ = true;
+  Eof_ = false;
   Next();
 }
 
 void TMSIView::Next() {
   if (!Opened_) throw Exception(messages::seViewIsNotOpened);
   Record_.reset();
+  if (Eof_) return;  // some Installers would begin again
   TMSIHandle row;
   // What the Installer does when asked for a row of another statement differs by its version: it
   // tells the end or a failure, gives some row of the table, or crashes.
@@ -231,8 +240,7 @@ void TMSIView::Next() {
   Eof_ = code == ERROR_NO_MORE_ITEMS;
   if (Eof_) return;
   CheckOSResult(code);
-  Record_ = std::make_unique<TMSIRecord>(row.Get());
-  row.Release();
+  Record_ = std::make_unique<TMSIRecord>(std::move(row));
 }
 
 void TMSIView::Close() {

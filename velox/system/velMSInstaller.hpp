@@ -34,6 +34,10 @@
 ///       }
 ///     }
 ///
+/// The package calls the function by the name that the DLL exports. In 32 bits GCC decorates it, to
+/// CheckPort@4: link the DLL with -Wl,--kill-at, or give it a .def file that lists the plain names
+/// under EXPORTS.
+///
 /// Each object owns its handle and closes it once, but for the session's, which is the Installer's.
 /// The objects may be destroyed in any order. A call of the Installer that fails raises EOSError
 /// with the Installer's code, and so does every call where msi.dll is missing; what else is raised
@@ -42,8 +46,10 @@
 ///
 /// Strings are in the ANSI code page and have any length; they end at their first zero character.
 ///
-/// Threads: one at a time. The session's handle is good in the thread that the custom action was
-/// called in.
+/// Threads: the Installer closes a handle only in the thread that made it. So an object is
+/// destroyed in the thread in which it was made, or in which the handle was that it took over;
+/// until then any thread may use it, one at a time. The session's handle is good in the thread that
+/// the custom action was called in.
 namespace velox {
 
 class TMSIInstaller;
@@ -116,8 +122,8 @@ class VELOX_API TMSIField : public TObject {
   bool GetIsNull() const;
 
   /// Reads the next bytes of a stream into a buffer of Size bytes, and returns how many it read: 0
-  /// at the end of the stream. Raises Exception "Incorrect parameters" for a negative size,
-  /// EOSError for a field that is no stream.
+  /// at the end of the stream. Raises Exception "Incorrect parameters" for a negative size and for
+  /// bytes without a buffer, EOSError for a field that is no stream.
   int32_t ReadStream(void* Buffer, int32_t Size);
 
   /// Stores a number, or text. Raise EOSError.
@@ -138,7 +144,9 @@ class VELOX_API TMSIRecord : public TObject {
   /// does not take (negative, above 65535).
   explicit TMSIRecord(int32_t FieldCount);
   /// Takes over a record's handle.
-  explicit TMSIRecord(MSIHANDLE Handle) noexcept;
+  explicit TMSIRecord(TMSIHandle&& Handle) noexcept;
+  /// A bare handle is a number as a count is: put it into a TMSIHandle.
+  explicit TMSIRecord(MSIHANDLE) = delete;
   ~TMSIRecord() override;
 
   /// The handle, which belongs to this object.
@@ -196,6 +204,8 @@ class VELOX_API TMSIView : public TObject {
   /// The current row, which belongs to the view and lives until the next call of Next. Null when
   /// there is none.
   TMSIRecord* GetRecord() const noexcept { return Record_.get(); }
+  /// Whether the query is a SELECT: other statements make no rows.
+  bool GetHasRows() const noexcept { return HasRows_; }
   bool GetOpened() const noexcept { return Opened_; }
   /// Whether the rows are at their end.
   bool GetEof() const noexcept { return Eof_; }
@@ -204,8 +214,8 @@ class VELOX_API TMSIView : public TObject {
   /// statement other than SELECT makes no rows and is at its end then. Raises Exception "Cannot
   /// open MSI View, because it is opened already.", and the current row stays.
   void Open(const TMSIRecord* Parameters = nullptr);
-  /// Fetches the next row; behind the last one there is none, and GetEof() tells so. Raises
-  /// Exception "MSI View is not opened".
+  /// Fetches the next row; behind the last one there is none, then and later, and GetEof() tells
+  /// so. Raises Exception "MSI View is not opened".
   void Next();
   /// Ends the query, at whichever row; it can be opened again. Nothing when it is not opened. The
   /// current row stays.
@@ -214,7 +224,7 @@ class VELOX_API TMSIView : public TObject {
  private:
   TMSIHandle Handle_;
   std::unique_ptr<TMSIRecord> Record_;
-  const bool HasRows_;  // the query is a SELECT
+  const bool HasRows_;
   bool Opened_ = false;
   bool Eof_ = false;
 };
@@ -222,8 +232,9 @@ class VELOX_API TMSIView : public TObject {
 // ----------------------------------------------------------------------------------------- session
 
 /// The running installation, for a custom action. A deferred action (one that runs after the script
-/// was made) may ask for the property "CustomActionData", the run modes and the language, and send
-/// messages; the rest is not there for it.
+/// was made) may ask for the properties "CustomActionData", "ProductCode" and "UserSID", for the
+/// three last run modes (GetActionScheduled, GetActionRollback, GetActionCommit) and the language,
+/// and send messages; the rest is not there for it.
 class VELOX_API TMSIInstaller : public TObject {
  public:
   /// The handle that the custom action was called with; it is borrowed.
