@@ -1,7 +1,5 @@
 #include "tests/msi/package.hpp"
 
-#include <propidl.h>
-
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velFormat.hpp"
 

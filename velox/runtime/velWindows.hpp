@@ -1,7 +1,8 @@
 #pragma once
 
-/// The one place where Windows' own headers are included, the same way everywhere. What they rename
-/// by macro, and the library names itself, gets its own name back.
+/// Includes Windows' own headers, the same way everywhere. Only this file does, and
+/// velWindowsServices.hpp for services that few modules use. What they rename by macro, and the
+/// library names itself, gets its own name back.
 
 #ifndef NOMINMAX
 #define NOMINMAX

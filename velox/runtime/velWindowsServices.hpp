@@ -1,7 +1,7 @@
 #pragma once
 
-/// Windows' headers of the services that few modules use, included here only, as velWindows.hpp
-/// does with the others: those who don't need them should not have to read them.
+/// Windows' headers of services that few modules use. No other file of the library includes them;
+/// those that most modules use are in velWindows.hpp.
 
 #include "velox/runtime/velWindows.hpp"
 
