@@ -1,10 +1,9 @@
-// Prints the words that a text has most often, and how many words it has of each length:
+// Prints the words that a text has most often:
 //
 //     velwords FILE [COUNT]
 //
-// Words are runs of letters; their case does not count. An object array holds them, sorted by text
-// so that each is found by halving; a secondary index is the same array in the order of frequency.
-// The lengths are counted in a balanced tree.
+// Words are runs of letters; their case does not count. An object array owns them, a balanced tree
+// finds each by its text, and a secondary index of the array has them in the order of frequency.
 
 #include <algorithm>
 #include <cctype>
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "examples/support/whole_file.hpp"
@@ -23,41 +23,40 @@ namespace {
 using namespace velox;
 
 struct TWord : TObject {
-  std::string Text;
+  explicit TWord(std::string AText) : Text(std::move(AText)) {}
+  const std::string Text;
   int32_t Times = 1;
 };
 
-int32_t CompareTexts(TObject* A, TObject* B) {
-  return static_cast<TWord*>(A)->Text.compare(static_cast<TWord*>(B)->Text);
+/// Keys are pointers to texts.
+int32_t CompareKeys(const void* A, const void* B) {
+  return (*static_cast<const std::string* const*>(A))
+      ->compare(**static_cast<const std::string* const*>(B));
 }
 
 int32_t CompareTimes(TObject* A, TObject* B) {
-  const int32_t times = static_cast<TWord*>(B)->Times - static_cast<TWord*>(A)->Times;
-  return times != 0 ? times : CompareTexts(A, B);
+  const auto *const a = static_cast<TWord*>(A), *const b = static_cast<TWord*>(B);
+  return a->Times != b->Times ? b->Times - a->Times : a->Text.compare(b->Text);
 }
 
 class TStatistics {
  public:
   TStatistics() {
     Words_.SetSharedObjects(false);  // the array frees what it drops
-    Words_.CompareRoutine = TObjectCompareRoutine::Bind<&CompareTexts>();
-    Words_.SetSorted(true);
   }
 
   void Add(const std::string& Text) {
-    auto word = std::make_unique<TWord>();
-    word->Text = Text;
-    int32_t index = 0;
-    if (Words_.FindItem(word.get(), index)) {
-      ++static_cast<TWord*>(Words_.GetItems(index))->Times;
-    } else if (Words_.Add(word.get())) {
-      static_cast<void>(word.release());
+    const std::string* key = &Text;
+    TWord* known = nullptr;
+    if (ByText_.Search(&key, &known)) {
+      ++known->Times;
+      return;
     }
-    const auto length = static_cast<int32_t>(Text.size());
-    int32_t count = 0;
-    Lengths_.Search(&length, &count);  // leaves it alone when there is none
-    ++count;
-    Lengths_.Add(&length, &count);
+    auto made = std::make_unique<TWord>(Text);
+    if (!Words_.Add(made.get())) return;
+    TWord* const word = made.release();
+    key = &word->Text;  // lives as long as the word
+    ByText_.Add(&key, &word);
   }
 
   void Print(int32_t Count) {
@@ -68,18 +67,13 @@ class TStatistics {
       const auto* const word = static_cast<TWord*>(byTimes.GetOrderedItems(i));
       std::printf("%6d  %s\n", word->Times, word->Text.c_str());
     }
-    std::printf("%d different words; by length:\n", Words_.GetCount());
-    Lengths_.LeftPass(TAVLIterationRoutine::Bind<&TStatistics::PrintLength>(this), nullptr);
+    std::printf("%d different words\n", Words_.GetCount());
   }
 
  private:
-  void PrintLength(TObject*, const void* Key, const void* Data, void*) {
-    const int32_t length = *static_cast<const int32_t*>(Key);
-    std::printf("%6d  of %d\n", *static_cast<const int32_t*>(Data), length);
-  }
-
   TObjectArray Words_{TClass::Of<TWord>()};
-  TAVLTree Lengths_{sizeof(int32_t)};  // by int32_t: how many words have that length
+  TAVLTree ByText_{sizeof(const std::string*), sizeof(TWord*),
+                   TAVLTreeCompareRoutine::Bind<&CompareKeys>()};
 };
 
 void Count(const std::string& File, int32_t Most) {

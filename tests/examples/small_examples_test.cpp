@@ -19,12 +19,17 @@ TEST(First, TicksThreeTimes) {
 }
 
 TEST(VelAddr, ExpandsAList) {
-  const auto run = RunExample("veladdr", {"10.0.0.254-10.0.1.2,10.0.0.3-10.0.0.4,10.0.0.4"});
-  EXPECT_EQ(run.ExitCode, 1);  // a range ends in the network it begins in
+  const TStrings lines = RunExample("veladdr", {"10.0.0.3-10.0.0.5,10.0.0.4,192.168.1.*"}).Lines;
+  ASSERT_EQ(lines.size(), 3u + 254u);
+  EXPECT_EQ(TStrings(lines.begin(), lines.begin() + 4),
+            (TStrings{"10.0.0.3", "10.0.0.4", "10.0.0.5", "192.168.1.1"}));
+}
+
+TEST(VelAddr, RefusesWhatIsNoAddress) {
+  const auto run = RunExample("veladdr", {"10.0.0.3,10.0.0.x"});
+  EXPECT_EQ(run.ExitCode, 1);
   ASSERT_EQ(run.Lines.size(), 1u);
   EXPECT_EQ(run.Lines[0].rfind("veladdr: ", 0), 0u) << run.Lines[0];
-  EXPECT_EQ(RunExample("veladdr", {"10.0.0.3-10.0.0.5,10.0.0.4,10.1.0.8;255.255.255.252"}).Lines,
-            (TStrings{"10.0.0.3", "10.0.0.4", "10.0.0.5", "10.1.0.9", "10.1.0.10"}));
 }
 
 TEST(VelFind, FindsLinesInFilesOnSeveralThreads) {
@@ -71,6 +76,8 @@ TEST(VelLog, KeepsWhatAProgramPrints) {
 
 TEST(VelWatch, TellsWhatComesAndGoes) {
   const test::TTemporaryFolder folder;
+  // Without the backslash at its end, which would guard the quotation mark.
+  const std::string path = folder.Path().substr(0, folder.Path().size() - 1);
   TStrings lines;
   auto react = [&](const std::string& Line) {
     lines.push_back(Line);
@@ -81,21 +88,20 @@ TEST(VelWatch, TellsWhatComesAndGoes) {
   char program[MAX_PATH] = "";
   ::GetModuleFileNameA(nullptr, program, sizeof program);
   const std::string bin(program, std::string(program).rfind('\\') + 1);
-  const std::string command = "\"" + bin + "velwatch.exe\" \"" + folder.Path() + "\" 60 wanted";
+  const std::string command = "\"" + bin + "velwatch.exe\" \"" + path + "\" 60 wanted";
   EXPECT_EQ(ExecuteProcess(command, "", TProcessOutputEvent::To(react), false, nullptr), 0);
-  EXPECT_EQ(lines, (TStrings{"watching " + folder.Path(), "new  a", "gone a", "new  wanted"}));
-  EXPECT_EQ(RunExample("velwatch", {folder.Path(), "1", "never"}).ExitCode, 2);
+  EXPECT_EQ(lines, (TStrings{"watching " + path, "new  a", "gone a", "new  wanted"}));
+  EXPECT_EQ(RunExample("velwatch", {path, "1", "never"}).ExitCode, 2);
   EXPECT_EQ(RunExample("velwatch", {folder.File("none"), "1"}).ExitCode, 1);
 }
 
-TEST(VelWords, CountsWordsAndLengths) {
+TEST(VelWords, CountsWords) {
   const test::TTemporaryFolder folder;
   const std::string file = folder.File("text");
   test::WriteFileBytes(file, "The cat, the dog; THE END and a cat");
   const auto run = RunExample("velwords", {file, "2"});
   EXPECT_EQ(run.ExitCode, 0);
-  EXPECT_EQ(run.Lines, (TStrings{"     3  the", "     2  cat",
-                                 "6 different words; by length:", "     1  of 1", "     8  of 3"}));
+  EXPECT_EQ(run.Lines, (TStrings{"     3  the", "     2  cat", "6 different words"}));
 }
 
 }  // namespace
