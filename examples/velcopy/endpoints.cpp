@@ -74,6 +74,8 @@ std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::s
 
 // ---- serial lines
 
+// What a second or so carries: the sender shows progress by what is confirmed.
+constexpr int32_t DefaultDatagramCapacity = 256 << 10;
 constexpr int32_t DefaultLineCapacity = 32 << 10;
 
 int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most) {
@@ -136,7 +138,8 @@ std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,
   const int32_t capacity = Capacity.value_or(DefaultCapacity);
   if (kind == "shm") return OpenSharedMemory(Address, rest, Receiving, capacity);
   if (kind == "tcp") return OpenTCP(Address, rest, Receiving, capacity);
-  if (kind == "udp") return OpenUDP(Address, rest, Receiving, capacity);
+  if (kind == "udp")
+    return OpenUDP(Address, rest, Receiving, Capacity.value_or(DefaultDatagramCapacity));
   if (kind == "com")
     return OpenLine(Address, rest, Receiving, Capacity.value_or(DefaultLineCapacity));
   RefuseArguments("\"" + kind + "\" is no kind of channel (there are shm, tcp, udp and com)");

@@ -90,8 +90,8 @@ class TListeningLink : public TTCPLink {
   void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
     auto& channel = static_cast<TTCPChannel&>(GetChannel());
     if (channel.GetAccepted()) return;
-    Taken = true;
     channel.Accept(Socket, Address);
+    Taken = true;
     ::SetEvent(Taken_.Get());
   }
 

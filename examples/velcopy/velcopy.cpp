@@ -43,7 +43,7 @@ constexpr const char* Usage =
     "Start the receiver first.\n"
     "\n"
     "--size      how much may be on the way; for shm, the shared memory for each direction\n"
-    "            (default 4194304, for com 32768)\n"
+    "            (default 4194304, for udp 262144, for com 32768)\n"
     "--block     what is sent at once (default 65536, or a quarter of the size)\n"
     "--progress  bar, lines or none (default: a bar on a console, else lines)\n";
 
