@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "sums.hpp"
+#include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFileStream.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velWindows.hpp"
@@ -123,37 +125,44 @@ void PrintUsage() {
   std::printf("usage: velhash%s FILE...\nthe file \"-\" is standard input\n", names.c_str());
 }
 
-int WrongUsage(const std::string& Fault) {
-  std::fprintf(stderr, "velhash: %s; velhash --help tells the usage\n", Fault.c_str());
-  return 1;
+[[noreturn]] void WrongUsage(const std::string& Fault) {
+  throw Exception(Fault + "; velhash --help tells the usage");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc == 2 && std::string(argv[1]) == "--help") {
-    PrintUsage();
-    return 0;
-  }
+/// False, with messages, when a value could not be computed.
+bool Run(const std::vector<std::string>& Arguments) {
   std::vector<const TAlgorithm*> chosen;
   std::vector<std::string> files;
-  for (const std::string& argument : std::vector<std::string>(argv + 1, argv + argc)) {
+  for (const std::string& argument : Arguments) {
     if (!argument.starts_with("--")) {
       files.push_back(argument);
       continue;
     }
     const TAlgorithm* algorithm = FindAlgorithm(argument.substr(2));
-    if (algorithm == nullptr) return WrongUsage("no option " + argument);
+    if (algorithm == nullptr) WrongUsage("no option " + argument);
     chosen.push_back(algorithm);
   }
-  if (files.empty()) return WrongUsage("no file given");
+  if (files.empty()) WrongUsage("no file given");
   if (chosen.empty()) chosen = {FindAlgorithm("crc32"), FindAlgorithm("md5")};
 
   bool complete = true;
   for (const std::string& file : files) complete = PrintSums(file, chosen) && complete;
-  if (std::fflush(stdout) != 0) {
-    Complain("standard output", "cannot be written");
-    complete = false;
+  return complete;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  bool complete = true;
+  if (arguments == std::vector<std::string>{"--help"}) {
+    PrintUsage();
+  } else {
+    complete = Run(arguments);
   }
+  example::FinishOutput();
   return complete ? 0 : 1;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "velhash: %s\n", e.what());
+  return 1;
 }
