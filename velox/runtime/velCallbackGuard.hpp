@@ -32,6 +32,7 @@ VELOX_API void DropKeptExceptions() noexcept;
 /// that handles its exceptions itself needs one of its own.
 class VELOX_API TCallbackScope {
  public:
+  /// Sets aside what the calling thread's list holds.
   TCallbackScope() noexcept;
   ~TCallbackScope();
   TCallbackScope(const TCallbackScope&) = delete;
