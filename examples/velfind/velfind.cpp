@@ -18,6 +18,7 @@
 #include "velox/async/velAsyncQueue.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
+#include "velox/runtime/velFormat.hpp"
 
 namespace {
 
@@ -75,7 +76,7 @@ class TSearch {
     std::string line;
     for (int number = 1; std::getline(text, line); ++number) {
       if (!line.empty() && line.back() == '\r') line.pop_back();
-      if (line.find(Text_) != line.npos) Tell({Name + ":" + std::to_string(number) + ": " + line});
+      if (line.find(Text_) != line.npos) Tell({Format("%s:%d: ", Name.c_str(), number) + line});
     }
   }
 
