@@ -1,5 +1,6 @@
 // Shows security descriptors that are stored in the registry or in files, and shows and edits who
 // may call and start COM servers.
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -24,12 +25,15 @@ constexpr const char* Usage =
     "                                  KEY begins with HKLM\\, HKCU\\, HKCR\\ or HKU\\\n"
     "       velsec show --file FILE    the self-relative one that a file holds\n"
     "       velsec com APPID [--access | --launch] [CHANGE...]\n"
-    "                                  who may call a COM server (access) or start it (launch);\n"
-    "                                  changes ask for one of the two:\n"
+    "                                  who may call a COM server (access) and start it (launch);\n"
+    "                                  without a choice both, also for changes:\n"
     "         add ACCOUNT allow|deny|none [RIGHT...]\n"
     "                                  sets these rights of the account, without RIGHT all;\n"
-    "                                  accounts for which nothing is left are dropped\n"
-    "         default                  drops the server's own setting, and stands alone\n"
+    "                                  accounts for which nothing is left are dropped. The first\n"
+    "                                  change of a setting that lets everyone in for want of a\n"
+    "                                  list makes one, with this account alone\n"
+    "         default                  drops the server's own setting, also a damaged one, and\n"
+    "                                  stands alone\n"
     "       RIGHT: local-access, remote-access; local-launch, local-activation, remote-launch,\n"
     "       remote-activation; on systems that do not split them: permission\n";
 
@@ -151,8 +155,10 @@ void ShowValue(const std::string& FullKey, const std::string& Value) {
   descriptor.ReadFromRegistry("", registry.GetRootKey(), key, Value);
 
   TBitNames rights = CommonRights;
-  for (const char* suffix : {"AccessPermission", "LaunchPermission"}) {
-    if (Value.ends_with(suffix)) rights.insert(rights.begin(), ComRights.begin(), ComRights.end());
+  for (const char* setting : {"AccessPermission", "LaunchPermission", "DefaultAccessPermission",
+                              "DefaultLaunchPermission"}) {
+    if (StrEqualText(Value, setting))
+      rights.insert(rights.begin(), ComRights.begin(), ComRights.end());
   }
   Print(descriptor, rights);
 }
@@ -166,12 +172,18 @@ void ShowFile(const std::string& File) {
 
 // ------------------------------------------------------------------------------------ COM servers
 
-GUID ParseAppID(const std::string& Text) {
+struct TServer {
+  GUID AppID;
+  std::string Key;  ///< below HKEY_CLASSES_ROOT
+};
+
+TServer ParseServer(const std::string& Text) {
   const std::string braced = Text.starts_with("{") ? Text : "{" + Text + "}";
-  GUID id;
-  if (FAILED(::CLSIDFromString(std::wstring(braced.begin(), braced.end()).c_str(), &id)))
+  TServer server{{}, "AppID\\" + braced};
+  const std::wstring wide(braced.begin(), braced.end());
+  if (FAILED(::CLSIDFromString(wide.c_str(), &server.AppID)))
     throw Exception("Not an application identifier: " + Text);
-  return id;
+  return server;
 }
 
 struct TNamedRight {
@@ -194,20 +206,42 @@ std::vector<TNamedRight> RightsOf(TComServerPermissionsEntry& Entry) {
   return {{"permission", &dynamic_cast<TComServerLaunchPermissionsEntry&>(Entry).Permission}};
 }
 
-std::unique_ptr<TComServerPermissions> Read(const GUID& AppID, bool Launch) {
-  if (Launch) return std::make_unique<TComServerLaunchPermissions>(AppID);
-  return std::make_unique<TComServerAccessPermissions>(AppID);
+/// The registry's value for one of the two kinds.
+std::string ValueOf(bool Launch) { return Launch ? "LaunchPermission" : "AccessPermission"; }
+
+std::unique_ptr<TComServerPermissions> Read(const TServer& Server, bool Launch) try {
+  if (Launch) return std::make_unique<TComServerLaunchPermissions>(Server.AppID);
+  return std::make_unique<TComServerAccessPermissions>(Server.AppID);
+} catch (const Exception& e) {
+  throw Exception("Cannot read the " + ValueOf(Launch) + ": " + e.what());
 }
 
-bool HasOwnSetting(const TComServerPermissions& Permissions) {
-  return TComServerPermissions::RegistryValueExists(
-      HKEY_CLASSES_ROOT, "AppID\\" + Permissions.GetAppID(), Permissions.RegistryPermissionValue());
+bool HasOwnSetting(const TServer& Server, bool Launch) {
+  return TComServerPermissions::RegistryValueExists(HKEY_CLASSES_ROOT, Server.Key, ValueOf(Launch));
 }
 
-/// Where the entries come from, and the entries, a line each.
+/// Why there are no entries. Lists that are absent, null or empty all have none, and don't mean the
+/// same.
+const char* WithoutEntries(const TServer& Server, bool Launch) {
+  TSecurityDescriptor descriptor;
+  if (!TComServerPermissions::ReadFromRegistry(HKEY_CLASSES_ROOT, Server.Key, ValueOf(Launch),
+                                               descriptor)) {
+    TComServerPermissions::ReadFromRegistry(HKEY_LOCAL_MACHINE, "Software\\Microsoft\\Ole",
+                                            "Default" + ValueOf(Launch), descriptor);
+  }
+  switch (descriptor.DaclType) {
+    case sdatAbsent:
+      return "  the list is absent: everyone may\n";
+    case sdatPresentNull:
+      return "  the list is null: everyone may\n";
+    default:
+      return "  the list is empty: nobody may\n";
+  }
+}
+
+/// A line for each entry.
 std::string Describe(const TComServerPermissions& Permissions) {
-  std::string text = Permissions.RegistryPermissionValue() + " of " + Permissions.GetAppID() +
-                     (HasOwnSetting(Permissions) ? "\n" : ", by default\n");
+  std::string text;
   for (int32_t i = 0; i < Permissions.GetEntryCount(); ++i) {
     TComServerPermissionsEntry& entry = Permissions.GetEntries(i);
     std::string rights;
@@ -220,6 +254,15 @@ std::string Describe(const TComServerPermissions& Permissions) {
   return text;
 }
 
+/// Prints what holds now, and where it comes from.
+void Show(const TServer& Server, bool Launch) {
+  const std::unique_ptr<TComServerPermissions> permissions = Read(Server, Launch);
+  std::printf("%s of %s%s\n", ValueOf(Launch).c_str(), permissions->GetAppID().c_str(),
+              HasOwnSetting(Server, Launch) ? "" : ", by default");
+  const std::string entries = Describe(*permissions);
+  std::fputs(entries.empty() ? WithoutEntries(Server, Launch) : entries.c_str(), stdout);
+}
+
 TPermissionType ParsePermission(const std::string& Text) {
   const TPermissionType type = StringToPermissionType(Text);
   if (type == ptNone && !StrEqualText(Text, PermissionTypeString[ptNone]))
@@ -227,63 +270,99 @@ TPermissionType ParsePermission(const std::string& Text) {
   return type;
 }
 
-void SetRight(TComServerPermissionsEntry& Entry, const std::string& Name, TPermissionType Value) {
-  for (const TNamedRight& right : RightsOf(Entry)) {
-    if (!StrEqualText(Name, right.Name)) continue;
-    *right.Value = Value;
-    return;
-  }
-  throw Exception("No right " + Name + " here; velsec --help lists them");
-}
+/// "add ACCOUNT PERMISSION [RIGHT...]"
+struct TChange {
+  std::string Account;
+  TPermissionType Value;
+  TStrings Rights;  ///< none: all
+};
 
-/// Makes the changes "add ACCOUNT PERMISSION [RIGHT...]" that stand one after another.
-void Change(TComServerPermissions& Permissions, const TArguments& Words) {
+/// The changes that stand one after another.
+std::vector<TChange> ParseChanges(const TArguments& Words) {
+  std::vector<TChange> changes;
   for (size_t i = 0; i < Words.size();) {
     if (Words[i] != "add" || i + 2 >= Words.size())
       throw Exception("add ACCOUNT allow|deny|none expected at: " + Words[i]);
-    TSecurityIdentifier account;
-    if (!account.TryInit("", Words[i + 1])) throw Exception("No account " + Words[i + 1]);
-    TComServerPermissionsEntry& entry = Permissions.AddEntry(account);
-    const TPermissionType value = ParsePermission(Words[i + 2]);
-    i += 3;
-    if (i == Words.size() || Words[i] == "add") {
-      for (const TNamedRight& right : RightsOf(entry)) *right.Value = value;
-    }
-    for (; i < Words.size() && Words[i] != "add"; ++i) SetRight(entry, Words[i], value);
+    TChange change{Words[i + 1], ParsePermission(Words[i + 2]), {}};
+    for (i += 3; i < Words.size() && Words[i] != "add"; ++i) change.Rights.push_back(Words[i]);
+    changes.push_back(change);
   }
+  return changes;
 }
 
-/// Keys that may not be written are left alone without a word, so what is there now is read again.
-void Save(TComServerPermissions& Permissions, const GUID& AppID, bool Launch, bool Default) {
-  if (Default) {
-    Permissions.UseDefault();
-  } else {
-    Permissions.Apply();
+/// The permissions of one kind while they are changed.
+struct TSetting {
+  bool Launch;
+  std::unique_ptr<TComServerPermissions> Permissions;
+  bool Changed = false;
+};
+
+/// Sets the rights of a change in each setting that has them.
+void Make(const TChange& Change, std::vector<TSetting>& Settings) {
+  TSecurityIdentifier account;
+  if (!account.TryInit("", Change.Account)) throw Exception("No account " + Change.Account);
+  TStrings unknown = Change.Rights;
+  for (TSetting& setting : Settings) {
+    for (const TNamedRight& right : RightsOf(setting.Permissions->AddEntry(account))) {
+      const auto named = [&](const std::string& Name) { return StrEqualText(Name, right.Name); };
+      if (!Change.Rights.empty() && std::ranges::none_of(Change.Rights, named)) continue;
+      *right.Value = Change.Value;
+      setting.Changed = true;
+      std::erase_if(unknown, named);
+    }
   }
-  const bool kept = Default && HasOwnSetting(Permissions);
-  if (kept || Describe(*Read(AppID, Launch)) != Describe(Permissions))
-    throw Exception("The setting could not be written");
+  if (!unknown.empty())
+    throw Exception("No right " + unknown[0] + " here; velsec --help lists them");
+}
+
+/// Keys that may not be written are left alone without a word, so what is there now is compared.
+/// Comparing entries is not enough: what was to be written may be what holds by default, too.
+void Verify(bool Written) {
+  if (!Written) throw Exception("The setting could not be written");
+}
+
+void Save(TComServerPermissions& Permissions, const TServer& Server, bool Launch) {
+  bool own = false;
+  for (int32_t i = 0; i < Permissions.GetEntryCount(); ++i)
+    own = own || !Permissions.GetEntries(i).GetUnassigned();
+  Permissions.Apply();  // without anything to write it drops the setting
+  Verify(HasOwnSetting(Server, Launch) == own &&
+         Describe(*Read(Server, Launch)) == Describe(Permissions));
+}
+
+/// Does what TComServerPermissions::UseDefault does, without reading the setting: a damaged one
+/// can't be read.
+void Drop(const TServer& Server, bool Launch) {
+  TRegistry registry;
+  registry.SetRootKey(HKEY_CLASSES_ROOT);
+  if (registry.OpenKey(Server.Key, false)) registry.DeleteValue(ValueOf(Launch));
+  Verify(!HasOwnSetting(Server, Launch));
+}
+
+/// Makes all changes before it writes the first, so that a wrong word changes nothing.
+void Change(const TServer& Server, const std::vector<bool>& Kinds, const TArguments& Words) {
+  std::vector<TSetting> settings;
+  for (const bool launch : Kinds) settings.push_back({launch, Read(Server, launch)});
+  for (const TChange& change : ParseChanges(Words)) Make(change, settings);
+  for (const TSetting& setting : settings) {
+    if (setting.Changed) Save(*setting.Permissions, Server, setting.Launch);
+  }
 }
 
 void Com(TArguments Words) {
-  const GUID id = ParseAppID(Words.at(0));
+  const TServer server = ParseServer(Words.at(0));
   Words.erase(Words.begin());
-  bool access = true;
-  bool launch = true;
+  std::vector<bool> kinds = {false, true};  // whether it is launching
   if (!Words.empty() && (Words[0] == "--access" || Words[0] == "--launch")) {
-    access = Words[0] == "--access";
-    launch = !access;
+    kinds = {Words[0] == "--launch"};
     Words.erase(Words.begin());
   }
-  if (!Words.empty() && access && launch) throw Exception("Changes ask for --access or --launch");
-  for (const bool kind : {false, true}) {
-    if (!(kind ? launch : access)) continue;
-    const std::unique_ptr<TComServerPermissions> permissions = Read(id, kind);
-    const bool byDefault = Words == TArguments{"default"};
-    if (!byDefault) Change(*permissions, Words);
-    if (!Words.empty()) Save(*permissions, id, kind, byDefault);
-    std::fputs(Describe(*permissions).c_str(), stdout);
+  if (Words == TArguments{"default"}) {
+    for (const bool launch : kinds) Drop(server, launch);
+  } else if (!Words.empty()) {
+    Change(server, kinds, Words);
   }
+  for (const bool launch : kinds) Show(server, launch);
 }
 
 void Run(const TArguments& Arguments) {
