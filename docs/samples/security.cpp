@@ -21,12 +21,13 @@ void AllowReading(const std::string& KeyName, const std::string& ValueName,
                   const std::string& Account) {
   TSecurityDescriptor descriptor;
   descriptor.ReadFromRegistry("", HKEY_LOCAL_MACHINE, KeyName, ValueName);
+  // Without a list everyone may read: one with this account alone would shut all others out.
+  if (descriptor.DaclType != sdatPresentNotNull) return;
 
   auto entry = std::make_unique<TAccessControlEntry>(
       aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", Account));
   entry->AccessMask = GENERIC_READ;
   if (descriptor.GetDacl().AddAce(entry.get())) static_cast<void>(entry.release());
-  descriptor.DaclType = sdatPresentNotNull;  // now the list counts
 
   descriptor.WriteToRegistry(HKEY_LOCAL_MACHINE, KeyName, ValueName);
 }

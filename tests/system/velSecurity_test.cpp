@@ -201,6 +201,10 @@ TEST(SecurityDescriptor, HasTheSystemsForm) {
     EXPECT_EQ(read.SaclType, sdatPresentNull);
     EXPECT_EQ(Hex(read.BuildDescriptor(true).get(), size), Hex(relative.get(), size));
   }
+  TSecurityDescriptor open;
+  open.DaclType = sdatPresentNull;
+  EXPECT_EQ(Hex(open.BuildDescriptor(true).get(), open.GetSize()),
+            "0100048000000000000000000000000000000000");
   read.Clear();
   EXPECT_EQ(read.GetOwner(), nullptr);
   EXPECT_EQ(read.GetSize(), 20);
