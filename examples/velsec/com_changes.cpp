@@ -83,6 +83,7 @@ void Save(TComServerPermissions& Permissions, const TServer& Server, bool Launch
 
 void ChangeSettings(const TServer& Server, const std::vector<bool>& Kinds, const TStrings& Words) {
   std::vector<TSetting> settings;
+  settings.reserve(Kinds.size());
   for (const bool launch : Kinds) settings.push_back({launch, Read(Server, launch)});
   for (const TChange& change : ParseChanges(Words)) Make(change, settings);
   for (const TSetting& setting : settings) {

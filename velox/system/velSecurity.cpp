@@ -477,7 +477,7 @@ void TAccessControlList::Build(ACL& Target) const {
 }
 
 void TAccessControlList::Extract(const std::string& SystemName, const ACL* Acl) {
-  const std::string system = SystemName;  // which may belong to an entry of this list
+  const std::string system = SystemName;  // NOLINT: it may belong to an entry of this list
   Clear();
   const auto aces = Acl == nullptr ? std::nullopt : AcesOf(*Acl);
   if (!aces) throw Exception(messages::seInvalidAcl);
