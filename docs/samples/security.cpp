@@ -21,12 +21,13 @@ void AllowReading(HKEY Root, const std::string& KeyName, const std::string& Valu
                   const std::string& Account) {
   TSecurityDescriptor descriptor;
   descriptor.ReadFromRegistry("", Root, KeyName, ValueName);
+  // Without a list everyone may read: one with this account alone would shut all others out.
+  if (descriptor.DaclType != sdatPresentNotNull) return;
 
   auto entry = std::make_unique<TAccessControlEntry>(
       aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", Account));
   entry->AccessMask = GENERIC_READ;
   if (descriptor.GetDacl().AddAce(entry.get())) static_cast<void>(entry.release());
-  descriptor.DaclType = sdatPresentNotNull;  // now the list counts
 
   descriptor.WriteToRegistry(Root, KeyName, ValueName);
 }
@@ -58,12 +59,14 @@ void SetLaunchPermissions(const GUID& AppID) {
 // SetLaunchPermissions is compiled only: it changes who may do what on the machine.
 void RunSecurity() {
   const std::string key = Format("Software\\VeloxSamples%lu", ::GetCurrentProcessId());
+  TSecurityDescriptor nobody, written;
+  nobody.DaclType = sdatPresentNotNull;  // a list, which is empty
+  nobody.WriteToRegistry(HKEY_CURRENT_USER, key, "Security");
   AllowReading(HKEY_CURRENT_USER, key, "Security",
                TSecurityIdentifier::GetWellKnownAccountName("", WinWorldSid));
-  TSecurityDescriptor written;
   written.ReadFromRegistry("", HKEY_CURRENT_USER, key, "Security");
   TRegistry().DeleteKey(key);
-  Expect(written.DaclType == sdatPresentNotNull && written.GetDacl().GetAceCount() == 1 &&
+  Expect(written.GetDacl().GetAceCount() == 1 &&
              written.GetDacl().GetAce(0).AccessMask == GENERIC_READ,
          "everyone may read");
 

@@ -133,8 +133,10 @@ void ShowValue(const std::string& FullKey, const std::string& Value) {
   descriptor.ReadFromRegistry("", registry.GetRootKey(), key, Value);
 
   TBitNames rights = CommonRights;
-  for (const char* suffix : {"AccessPermission", "LaunchPermission"}) {
-    if (Value.ends_with(suffix)) rights.insert(rights.begin(), ComRights.begin(), ComRights.end());
+  for (const char* setting : {"AccessPermission", "LaunchPermission", "DefaultAccessPermission",
+                              "DefaultLaunchPermission"}) {
+    if (StrEqualText(Value, setting))
+      rights.insert(rights.begin(), ComRights.begin(), ComRights.end());
   }
   Print(descriptor, rights);
 }
