@@ -195,6 +195,8 @@ void ChannelRows(int32_t Size) {
   const std::string boost = id + "-boost";
   const std::string names[] = {boost + "-there", boost + "-back"};
   {
+    // One of an ended run's that had the same process id may be left.
+    for (const std::string& name : names) ipc::message_queue::remove(name.c_str());
     ipc::message_queue there(ipc::create_only, names[0].c_str(), 4, data.size());
     ipc::message_queue back(ipc::create_only, names[1].c_str(), 4, data.size());
     const TPeer boostPeer("boost", boost, Size);

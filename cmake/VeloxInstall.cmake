@@ -29,7 +29,10 @@ install(FILES ${PROJECT_BINARY_DIR}/velox.pc DESTINATION lib/pkgconfig)
 
 install(FILES LICENSE DESTINATION share/licenses/velox)
 install(DIRECTORY licenses/ DESTINATION share/licenses/velox)
-install(FILES README.md CHANGELOG.md DESTINATION share/doc/velox)
+# In the same places as in the source tree, so that the links of README.md hold.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md LICENSE SECURITY.md DESTINATION share/doc/velox)
+install(FILES docs/parts.svg DESTINATION share/doc/velox/docs)
+install(FILES bench/README.md DESTINATION share/doc/velox/bench)
 install(DIRECTORY examples DESTINATION share/doc/velox FILES_MATCHING PATTERN *.cpp PATTERN *.hpp PATTERN *.md)
-# The manual, where `./dev docs` has made it.
+# The manual, where `./dev docs` has made it; `./dev package` does.
 install(DIRECTORY build/docs/html DESTINATION share/doc/velox OPTIONAL)

@@ -1,8 +1,8 @@
-// Compiled, but not run: these are called by Windows Installer.
-#if __has_include("velox/system/velMSInstaller.hpp")  // until that module is there
+// The custom actions are compiled only: Windows Installer calls them.
 #include <exception>
 #include <string>
 
+#include "docs/samples/samples.hpp"
 #include "velox/foundation/velStringUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/system/velMSInstaller.hpp"
@@ -10,8 +10,6 @@
 namespace samples {
 
 using namespace velox;
-
-std::string ReadProperty(const std::string& FileName, const std::string& Name);
 
 //! [action]
 /// Sets PORTVALID to 1 when the property PORT holds digits only, as a dialog may ask for.
@@ -55,6 +53,8 @@ extern "C" __declspec(dllexport) UINT __stdcall WriteSettings(MSIHANDLE Session)
 }
 //! [schedule]
 
+namespace {
+
 //! [database]
 /// A property of a package that lies on the disk; empty when it has none of that name.
 std::string ReadProperty(const std::string& FileName, const std::string& Name) {
@@ -69,6 +69,29 @@ std::string ReadProperty(const std::string& FileName, const std::string& Name) {
 }
 //! [database]
 
-}  // namespace samples
+void MakePackage(const std::string& FileName) {
+  TMSIHandle handle;
+  CheckOSResult(::MsiOpenDatabaseA(FileName.c_str(), MSIDBOPEN_CREATE, handle.Receive()));
+  TMSIDatabase database(handle.Release());
+  for (const char* query :
+       {"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` CHAR(0) PRIMARY KEY "
+        "`Property`)",
+        "INSERT INTO `Property` (`Property`, `Value`) VALUES ('PORT', '8080')"}) {
+    TMSIView(database, query).Open();
+  }
+  database.Commit();
+}
 
-#endif
+}  // namespace
+
+void RunInstaller() {
+  char folder[MAX_PATH] = "", file[MAX_PATH] = "";
+  ::GetTempPathA(sizeof folder, folder);
+  if (::GetTempFileNameA(folder, "vel", 0, file) == 0) RaiseLastOSError();
+  MakePackage(file);
+  const std::string port = ReadProperty(file, "PORT"), none = ReadProperty(file, "NONE");
+  ::DeleteFileA(file);
+  Expect(port == "8080" && none.empty(), "the property is read");
+}
+
+}  // namespace samples

@@ -13,6 +13,8 @@ int main() {
     samples::RunContainers();
     samples::RunCodecs();
     samples::RunErrors();
+    samples::RunSecurity();
+    samples::RunInstaller();
     std::puts("all samples went well");
     return 0;
   } catch (const std::exception& e) {

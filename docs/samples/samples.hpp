@@ -16,6 +16,8 @@ void RunServer();
 void RunContainers();
 void RunCodecs();
 void RunErrors();
+void RunSecurity();
+void RunInstaller();
 
 /// Ends the program when a sample went wrong.
 inline void Expect(bool Condition, const char* What) {

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <random>
 
-#include "velox/codecs/velHash.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velFormat.hpp"
@@ -17,21 +15,9 @@ using namespace velox;
 
 namespace {
 
-constexpr uint32_t PacketMagic = 0x47445056;  // "VPDG"
-constexpr size_t HeaderSize = 24;
-constexpr size_t Payload = 1400;  // with the headers of IP and UDP it fits an Ethernet frame
-constexpr size_t Window = 32;     // packets
-constexpr size_t MostWaiting = 4 * Window;
 // Milliseconds. The first delay is doubled each time nothing is heard of a packet.
 constexpr ULONGLONG FirstDelay = 100, LongestDelay = 1600;
 constexpr ULONGLONG LongestFarewell = 2000, Quiet = 250;
-
-uint32_t CheckOf(const std::vector<char>& Packet) {
-  TCRC32 crc;
-  crc.Initialize();
-  crc.Update(Packet.data(), static_cast<int32_t>(Packet.size()));
-  return crc.GetCurrentCRC();
-}
 
 }  // namespace
 
@@ -41,7 +27,6 @@ TDatagramLink::TDatagramLink(std::string Peer, uint16_t LocalPort, int32_t Capac
       Arrived_(::CreateEventA(nullptr, FALSE, FALSE, nullptr)),
       Delay_(FirstDelay),
       Progress_(::GetTickCount64()) {
-  static_assert(sizeof(TPacketHeader) == HeaderSize);
   Channel_.SetPort(LocalPort);
   Channel_.SetActive(true);
   // One operation receives everything: OnTransferred takes each chunk and resets it.
@@ -71,65 +56,6 @@ TDatagramLink::~TDatagramLink() {
   } catch (const Exception&) {
     TraceException("velcopy");
   }
-}
-
-// ---- what arrives, on the reactor's thread
-
-// A datagram comes in two chunks: its first byte, which the operation waited for, and the rest.
-void TDatagramLink::OnTransferred(TObject* Sender, bool& Reset) {
-  const auto& operation = static_cast<const TIPOperation&>(*Sender);
-  Reset = true;
-  const TPlace from{operation.GetAddress(), operation.GetPort()};
-  if (from != DatagramFrom_) Datagram_.clear();
-  DatagramFrom_ = from;
-  Datagram_.insert(Datagram_.end(), ReadBuffer_, ReadBuffer_ + operation.GetTransferred());
-  CutPackets(from);
-}
-
-// Takes the whole packets out of what has come, and skips what is none.
-void TDatagramLink::CutPackets(const TPlace& From) {
-  size_t at = 0;
-  while (Datagram_.size() - at >= HeaderSize) {
-    TPacketHeader header;
-    std::memcpy(&header, Datagram_.data() + at, HeaderSize);
-    if (header.Magic != PacketMagic || header.Size > Payload) {
-      ++at;
-      continue;
-    }
-    if (Datagram_.size() - at < HeaderSize + header.Size) break;
-    const auto start = Datagram_.begin() + static_cast<ptrdiff_t>(at);
-    const auto body = start + static_cast<ptrdiff_t>(HeaderSize);
-    const auto end = body + static_cast<ptrdiff_t>(header.Size);
-    std::vector<char> packet(start, end);
-    std::memset(packet.data() + offsetof(TPacketHeader, Check), 0, sizeof header.Check);
-    if (CheckOf(packet) != header.Check) {
-      ++at;
-      continue;
-    }
-    at += packet.size();
-    const std::scoped_lock lock(Mutex_);
-    // More can't have been asked for; what is dropped comes again.
-    if (Packets_.size() < MostWaiting)
-      Packets_.push_back({From, header, std::vector<char>(body, end)});
-    ::SetEvent(Arrived_.Get());
-  }
-  Datagram_.erase(Datagram_.begin(), Datagram_.begin() + static_cast<ptrdiff_t>(at));
-}
-
-// Only an error ends the operation, or an empty datagram. Some systems tell here that a datagram
-// sent before found nobody. It is worth a message, if nothing better comes, but no reason to stop,
-// as others are, which would come again at once.
-void TDatagramLink::OnReadComplete(TObject* Sender) {
-  auto& operation = static_cast<TIPOperation&>(*Sender);
-  const int32_t error = operation.GetErrorCode();
-  if (error != 0) Error_ = error;
-  if (!Closing_ && (error == 0 || error == WSAECONNRESET || error == WSAENETRESET))
-    operation.SetActive(true);
-}
-
-void TDatagramLink::OnSendComplete(TObject* Sender) {
-  const int32_t error = static_cast<TIPOperation&>(*Sender).GetErrorCode();
-  if (error != 0) Error_ = error;
 }
 
 // ---- the two directions
@@ -257,32 +183,6 @@ void TDatagramLink::Repeat() {
 void TDatagramLink::SendAgain(TSent& Sent) {
   Sent.Time = ::GetTickCount64();
   SendDatagram(Sent.Packet);
-}
-
-std::vector<char> TDatagramLink::MakePacket(uint32_t Number, const char* Bytes, size_t Size) const {
-  TPacketHeader header{PacketMagic, Session_, Number, Expected_, static_cast<uint32_t>(Size), 0};
-  std::vector<char> packet(HeaderSize + Size);
-  std::memcpy(packet.data(), &header, HeaderSize);
-  if (Size > 0) std::memcpy(packet.data() + HeaderSize, Bytes, Size);
-  header.Check = CheckOf(packet);
-  std::memcpy(packet.data(), &header, HeaderSize);
-  return packet;
-}
-
-// The queue carries it and frees it. Whether it goes out nobody waits for: it may get lost anyway.
-void TDatagramLink::SendDatagram(const std::vector<char>& Datagram) {
-  std::unique_ptr<TTransferOperation> made = Channel_.CreateOperation();
-  auto& operation = static_cast<TIPOperation&>(*made);
-  operation.SetKind(TOperationKind::okWrite);
-  operation.SetAddress(Place_.Address);
-  operation.SetPort(Place_.Port);
-  operation.SetSelfAllocated(true);
-  operation.SetSize(static_cast<int32_t>(Datagram.size()));
-  std::memcpy(operation.GetBuffer(), Datagram.data(), Datagram.size());
-  operation.SetOnComplete(TOperationNotificationEvent::Bind<&TDatagramLink::OnSendComplete>(this));
-  operation.SetFreeOnComplete(true);
-  operation.SetActive(true);
-  made.release();
 }
 
 }  // namespace velcopy

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -47,6 +48,11 @@ class TDatagramLink : public TLink {
   int32_t GetCapacity() const override { return Capacity_; }
 
  private:
+  static constexpr size_t Payload =
+      1400;                             // with the headers of IP and UDP it fits an Ethernet frame
+  static constexpr size_t Window = 32;  // packets
+  static constexpr size_t MostWaiting = 4 * Window;
+
   struct TPacketHeader {
     uint32_t Magic;
     uint32_t Session;   // chosen by the sender, not 0; tells former and other senders apart

@@ -6,12 +6,9 @@
 #include <utility>
 
 #include "channel_link.hpp"
-#include "datagram_link.hpp"
+#include "socket_endpoints.hpp"
 #include "velox/channels/velCommunicationChannel.hpp"
 #include "velox/channels/velSharedMemChannel.hpp"
-#include "velox/channels/velTCPServer.hpp"
-#include "velox/channels/velUDPChannel.hpp"
-#include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velSystemMessage.hpp"
@@ -21,15 +18,6 @@ namespace velcopy {
 using namespace velox;
 
 namespace {
-
-constexpr int32_t DefaultCapacity = 4 << 20;
-constexpr int32_t ConnectionLimit = 8000;  // milliseconds
-
-const char* PeerOf(bool Receiving) { return Receiving ? "sender" : "receiver"; }
-
-[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
-  throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
-}
 
 THandle GuardEnd(const std::string& Address, const std::string& Name, const std::string& Role) {
   const std::string event = Name + Role;
@@ -84,116 +72,10 @@ std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::s
   return std::make_unique<TSharedMemoryLink>(std::move(guard), std::move(channel), Receiving, Size);
 }
 
-// ---- sockets
-
-// HOST:PORT for a sender, PORT for a receiver.
-TPlace ParsePlace(const std::string& Address, const std::string& Rest, bool Receiving) {
-  TPlace place;
-  const size_t colon = Rest.rfind(':');
-  if (Receiving == (colon != std::string::npos) || colon == 0) {
-    RefuseArguments("\"" + Address + "\" is no address like " + Address.substr(0, 3) +
-                    (Receiving ? ":PORT" : ":HOST:PORT"));
-  }
-  const std::string_view port = std::string_view(Rest).substr(Receiving ? 0 : colon + 1);
-  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), place.Port);
-  if (error != std::errc() || end != port.data() + port.size() || place.Port == 0) {
-    RefuseArguments("the port in \"" + Address + "\" must be a number from 1 to 65535");
-  }
-  if (!Receiving) place.Address = Rest.substr(0, colon);
-  return place;
-}
-
-// Asks for the host's address, if it is given by name.
-void SetHost(TTCPChannel& Channel, const std::string& Host) {
-  try {
-    Channel.SetStringAddress(Host);
-  } catch (const EOSError& e) {
-    throw Exception("cannot find the host " + Host + ": " + SystemErrorMessage(e.ErrorCode));
-  }
-}
-
-class TTCPLink : public TChannelLink {
- public:
-  using TChannelLink::TChannelLink;
-
-  // Closing a socket with bytes unread would take back what was sent last. So this side says that
-  // it sends no more, and takes what comes until the other says so too.
-  void Finish() noexcept override {
-    auto& channel = static_cast<TTCPChannel&>(GetChannel());
-    if (!channel.GetActive()) return;
-    ::shutdown(channel.GetSocket(), SD_SEND);
-    StartWatchdog();
-    char rest[4096];
-    const ULONGLONG start = ::GetTickCount64();
-    while (::GetTickCount64() - start < 2000 && Carry(Reader(), rest, sizeof rest, 2)) continue;
-  }
-};
-
-// A receiver's: listens, and takes the first connection over into its channel.
-class TListeningLink : public TTCPLink {
- public:
-  TListeningLink(const std::string& Address, uint16_t Port, int32_t Capacity)
-      : TTCPLink(std::make_unique<TTCPChannel>(), PeerOf(true), Capacity),
-        Taken_(::CreateEventA(nullptr, TRUE, FALSE, nullptr)),
-        Server_(Port) {
-    Server_.OnAccept = TAcceptEvent::Bind<&TListeningLink::OnAccept>(this);
-    try {
-      Server_.Start();
-    } catch (const EOSError& e) {
-      FailToOpen(Address, e.ErrorCode);
-    }
-  }
-
-  void AwaitPeer() override {
-    WaitForSingleObjectAlertable(Taken_.Get(), "velcopy");
-    Server_.Stop();
-    GetChannel().SetActive(true);
-  }
-
- private:
-  // On the server's thread. What comes after the first is closed.
-  void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
-    auto& channel = static_cast<TTCPChannel&>(GetChannel());
-    if (channel.GetAccepted()) return;
-    Taken = true;
-    channel.Accept(Socket, Address);
-    ::SetEvent(Taken_.Get());
-  }
-
-  const THandle Taken_;
-  TCustomTCPServer Server_;
-};
-
-std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place) {
-  auto channel = std::make_unique<TTCPChannel>();
-  SetHost(*channel, Place.Address);
-  channel->SetPort(Place.Port);
-  channel->SetConnectionTimeout(ConnectionLimit);
-  try {
-    channel->SetActive(true);
-  } catch (const EOSError& e) {
-    if (e.ErrorCode == WSAECONNREFUSED) throw Exception("there is no receiver on " + Address);
-    FailToOpen(Address, e.ErrorCode);
-  }
-  return std::make_unique<TTCPLink>(std::move(channel), PeerOf(false), DefaultCapacity);
-}
-
-std::unique_ptr<TLink> OpenDatagrams(const std::string& Address, TPlace Place, bool Receiving,
-                                     int32_t Capacity) {
-  try {
-    if (Receiving) return std::make_unique<TDatagramLink>(Place.Port, Capacity);
-    TTCPChannel resolver;
-    SetHost(resolver, Place.Address);
-    const IN_ADDR& address = resolver.GetRemoteAddress().sin_addr;
-    Place.Address = ::inet_ntoa(address);
-    return std::make_unique<TDatagramLink>(Place, Capacity);
-  } catch (const EOSError& e) {
-    FailToOpen(Address, e.ErrorCode);
-  }
-}
-
 // ---- serial lines
 
+// What a second or so carries: the sender shows progress by what is confirmed.
+constexpr int32_t DefaultDatagramCapacity = 256 << 10;
 constexpr int32_t DefaultLineCapacity = 32 << 10;
 
 int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most) {
@@ -239,6 +121,10 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
 
 }  // namespace
 
+[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
+  throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
+}
+
 [[noreturn]] void RefuseArguments(const std::string& What) {
   throw Exception(What + "; see velcopy --help");
 }
@@ -251,13 +137,9 @@ std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,
   if (rest.empty()) RefuseArguments("\"" + Address + "\" is no address like shm:NAME");
   const int32_t capacity = Capacity.value_or(DefaultCapacity);
   if (kind == "shm") return OpenSharedMemory(Address, rest, Receiving, capacity);
-  if (kind == "tcp") {
-    const TPlace place = ParsePlace(Address, rest, Receiving);
-    if (Receiving) return std::make_unique<TListeningLink>(Address, place.Port, capacity);
-    return Connect(Address, place);
-  }
+  if (kind == "tcp") return OpenTCP(Address, rest, Receiving, capacity);
   if (kind == "udp")
-    return OpenDatagrams(Address, ParsePlace(Address, rest, Receiving), Receiving, capacity);
+    return OpenUDP(Address, rest, Receiving, Capacity.value_or(DefaultDatagramCapacity));
   if (kind == "com")
     return OpenLine(Address, rest, Receiving, Capacity.value_or(DefaultLineCapacity));
   RefuseArguments("\"" + kind + "\" is no kind of channel (there are shm, tcp, udp and com)");

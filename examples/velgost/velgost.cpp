@@ -1,4 +1,5 @@
 // Encrypts and decrypts files with GOST 28147-89, or computes their authentication code.
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -6,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
 #include "examples/velgost/parameter_sets.hpp"
 #include "velox/codecs/velGostCryptor.hpp"
@@ -13,6 +15,7 @@
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velStrings.hpp"
+#include "velox/runtime/velWipe.hpp"
 
 namespace {
 
@@ -35,9 +38,22 @@ constexpr const char* Usage =
     "programs that\n"
     "chain the rounds without exchanging the halves come to other values.\n";
 
+/// Wipes borrowed memory, such as a key's, when it goes.
+class TWiper {
+ public:
+  TWiper(void* Data, size_t Size) : Data_(Data), Size_(Size) {}
+  ~TWiper() { Wipe(Data_, Size_); }
+  TWiper(const TWiper&) = delete;
+  TWiper& operator=(const TWiper&) = delete;
+
+ private:
+  void* Data_;
+  size_t Size_;
+};
+
 struct TArguments {
   std::string Command;
-  std::map<std::string, std::string> Options;
+  std::map<std::string, const char*> Options;  // the values stay where the system has put them
   TStrings Files;
 };
 
@@ -49,38 +65,41 @@ TArguments Parse(int Count, char** Values) {
   if (Count < 2) WrongUsage("No command");
   TArguments arguments{Values[1], {}, {}};
   for (int i = 2; i < Count; ++i) {
-    const std::string value = Values[i];
-    if (value.rfind("--", 0) != 0) {
-      arguments.Files.push_back(value);
-    } else if (value != "--key" && value != "--sbox" && value != "--iv") {
-      WrongUsage("Unknown option " + value);
+    const std::string word = Values[i];
+    if (word.rfind("--", 0) != 0) {
+      arguments.Files.push_back(word);
+    } else if (word != "--key" && word != "--sbox" && word != "--iv") {
+      WrongUsage("Unknown option " + word);
     } else if (++i == Count) {
-      WrongUsage(value + " needs a value");
-    } else if (!arguments.Options.emplace(value, Values[i]).second) {
-      WrongUsage(value + " is given twice");
+      WrongUsage(word + " needs a value");
+    } else if (!arguments.Options.emplace(word, Values[i]).second) {
+      WrongUsage(word + " is given twice");
     }
   }
   return arguments;
 }
 
-// The text's bytes, in memory order, as the value of Result.
+const char* Option(const TArguments& Arguments, const char* Name) {
+  const auto found = Arguments.Options.find(Name);
+  if (found == Arguments.Options.end()) WrongUsage(std::string(Name) + " is missing");
+  return found->second;
+}
+
+// The text's bytes, in memory order, as the value of Result, with no copy elsewhere.
 template <class T>
-void ReadHex(const TArguments& Arguments, const char* Option, T& Result) {
-  const auto found = Arguments.Options.find(Option);
-  if (found == Arguments.Options.end()) WrongUsage(std::string(Option) + " is missing");
-  const std::string& text = found->second;
-  uint8_t bytes[sizeof Result] = {};
-  bool valid = text.size() == 2 * sizeof Result;
-  for (size_t i = 0; valid && i < text.size(); ++i) {
+void ReadHex(const TArguments& Arguments, const char* Name, T& Result) {
+  const char* const text = Option(Arguments, Name);
+  auto* bytes = reinterpret_cast<uint8_t*>(&Result);
+  bool valid = std::strlen(text) == 2 * sizeof Result;
+  for (size_t i = 0; valid && i < 2 * sizeof Result; ++i) {
     uint8_t digit = 0;
     valid = TryDigitToByte(text[i], digit);
     bytes[i / 2] = static_cast<uint8_t>(bytes[i / 2] << 4 | digit);
   }
   if (!valid) {
-    throw Exception(Format("%s must be %u hexadecimal digits", Option,
-                           static_cast<unsigned>(2 * sizeof Result)));
+    throw Exception(
+        Format("%s must be %u hexadecimal digits", Name, static_cast<unsigned>(2 * sizeof Result)));
   }
-  std::memcpy(&Result, bytes, sizeof bytes);
 }
 
 std::string LowerCase(std::string Text) {
@@ -88,37 +107,43 @@ std::string LowerCase(std::string Text) {
   return Text;
 }
 
-TStrings SplitWords(const std::vector<uint8_t>& Text) {
-  TStrings words;
-  bool inside = false;
-  for (const uint8_t c : Text) {
-    if (std::isspace(c)) {
-      inside = false;
-      continue;
-    }
-    if (!inside) words.emplace_back();
-    words.back() += static_cast<char>(c);
-    inside = true;
+// The lines of a text, which end in LF or CR LF; the last one may lack its end.
+TStrings SplitLines(const std::vector<uint8_t>& Text) {
+  TStrings lines;
+  for (auto next = Text.begin(); next != Text.end();) {
+    const auto end = std::find(next, Text.end(), '\n');
+    std::string& line = lines.emplace_back(next, end);
+    if (line.ends_with('\r')) line.pop_back();
+    next = end == Text.end() ? end : end + 1;
   }
-  return words;
+  return lines;
 }
 
-TGostSubstitutionTable ReadTable(const TArguments& Arguments) {
-  const auto found = Arguments.Options.find("--sbox");
-  if (found == Arguments.Options.end()) WrongUsage("--sbox is missing");
+bool ReadTableFile(const std::string& FileName, TGostSubstitutionTable& Table) {
+  std::vector<uint8_t> text = example::ReadWholeFile(FileName);
+  const TWiper textWiper(text.data(), text.size());
+  TStrings lines = SplitLines(text);
+  bool valid = lines.size() == Table.size();
+  for (const std::string& line : lines) valid = valid && line.size() == Table[0].size();
+  valid = valid && parameter_sets::ReadTable(lines, Table);
+  for (std::string& line : lines) Wipe(line.data(), line.size());
+  return valid;
+}
+
+void SetTable(const TArguments& Arguments, TGostCryptor& Cryptor) {
+  const std::string name = Option(Arguments, "--sbox");
   TGostSubstitutionTable table;
-  for (const auto& set : parameter_sets::All) {
-    if (LowerCase(found->second) == set.Name && parameter_sets::ReadTable(set.Lines, table))
-      return table;
-  }
-  const TStrings lines = SplitWords(example::ReadWholeFile(found->second));
-  bool valid = lines.size() == table.size();
-  for (const std::string& line : lines) valid = valid && line.size() == table[0].size();
-  if (!valid || !parameter_sets::ReadTable(lines, table)) {
-    throw Exception(found->second +
+  const TWiper wiper(&table, sizeof table);
+  const auto* set = std::find_if(std::begin(parameter_sets::All), std::end(parameter_sets::All),
+                                 [&](const auto& each) { return LowerCase(name) == each.Name; });
+  const bool valid = set != std::end(parameter_sets::All)
+                         ? parameter_sets::ReadTable(set->Lines, table)
+                         : ReadTableFile(name, table);
+  if (!valid) {
+    throw Exception(name +
                     ": a table is 8 lines, each with the 16 hexadecimal digits in some order");
   }
-  return table;
+  Cryptor.SetSubstitutionTable(table);
 }
 
 void Crypt(const TArguments& Arguments, const TGostCryptor& Cryptor, bool Encrypt) {
@@ -155,7 +180,7 @@ void Run(const TArguments& Arguments) {
   }
   TGostCryptor cryptor;
   ReadHex(Arguments, "--key", cryptor.Key);
-  cryptor.SetSubstitutionTable(ReadTable(Arguments));
+  SetTable(Arguments, cryptor);
   if (command == "mac") {
     PrintMAC(Arguments, cryptor);
   } else {
@@ -172,16 +197,15 @@ void PrintUsage() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
     PrintUsage();
-    return 0;
-  }
-  try {
+  } else {
     Run(Parse(argc, argv));
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "velgost: %s\n", e.what());
-    return 1;
   }
+  example::FinishOutput();
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "velgost: %s\n", e.what());
+  return 1;
 }

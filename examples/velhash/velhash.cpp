@@ -1,106 +1,29 @@
 // Prints checksums, CRCs and MD5 digests of files.
 //
 //     velhash [--crc8 --crc16 --crc16-ccitt --crc16-xmodem --crc32 --crc64 --sum8 --sum16 --sum32
-//     --adler32
-//              --fletcher --md5] FILE…
+//              --adler32 --fletcher --md5] FILE…
 //
 // One line for each value, in the order of the options, file by file: the option's name, the value,
 // the file. Without an option: crc32 and md5. The file "-" is standard input. Exit code 1 when a
-// value could not be computed (the others still are) or the command line is wrong.
+// value could not be computed (the others still are) or the command line is wrong. How each value
+// is computed is in sums.cpp.
 
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "velox/codecs/velHash.hpp"
+#include "examples/support/standard_output.hpp"
+#include "sums.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFileStream.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velWindows.hpp"
 
 using namespace velox;
+using namespace velhash;
 
 namespace {
-
-/// A value being computed.
-struct TSum {
-  std::function<void(const void*, int32_t)> Update;
-  std::function<std::string()> Text;  // the value, in lower-case hexadecimal
-};
-
-template <class T>
-std::string Hexadecimal(T Value) {
-  return Format("%0*llx", static_cast<int>(2 * sizeof(T)), static_cast<unsigned long long>(Value));
-}
-
-/// With a CRC of its own, since the named instances are shared; it has the parameters of the named
-/// one.
-template <class T>
-TSum Crc(T* Named) {
-  auto value = std::make_shared<decltype(Named->GetInitialValue())>(Named->GetInitialValue());
-  return {[=](const void* data, int32_t size) { Named->UpdateThreadSafe(data, size, *value); },
-          [=] { return Hexadecimal(Named->GetFinalCRC(*value)); }};
-}
-
-template <class T>
-TSum Checksum() {
-  auto sum = std::make_shared<T>();
-  return {[=](const void* data, int32_t size) { sum->Update(data, size); },
-          [=] { return Hexadecimal(sum->GetCurrentChecksum()); }};
-}
-
-TSum Fletcher() {
-  TSum sum = Checksum<TFletcherChecksum>();
-  const auto update = sum.Update;
-  sum.Update = [=](const void* data, int32_t size) {
-    if (size % 2 != 0) throw Exception("it takes an even number of bytes, and this is an odd one");
-    update(data, size);
-  };
-  return sum;
-}
-
-TSum Digest() {
-  auto md5 = std::make_shared<TMD5>();
-  return {[=](const void* data, int32_t size) { md5->Update(data, size); },
-          [=] {
-            TMD5Digest digest;
-            md5->GetCurrentMD5(digest);
-            std::string text = TMD5::ToString(digest);
-            std::transform(text.begin(), text.end(), text.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            return text;
-          }};
-}
-
-struct TAlgorithm {
-  std::string Name;
-  TSum (*Start)();
-};
-
-const std::vector<TAlgorithm> Algorithms = {
-    {"crc8", [] { return Crc(TCRC8::GetInstanceIButton()); }},
-    {"crc16", [] { return Crc(TCRC16::GetInstanceStandard()); }},
-    {"crc16-ccitt", [] { return Crc(TCRC16::GetInstanceCITT()); }},
-    {"crc16-xmodem", [] { return Crc(TCRC16::GetInstanceXModem()); }},
-    {"crc32", [] { return Crc(TCRC32::GetInstanceStandard()); }},
-    {"crc64", [] { return Crc(TCRC64::GetInstanceStandard()); }},
-    {"sum8", [] { return Checksum<TChecksum8>(); }},
-    {"sum16", [] { return Checksum<TChecksum16>(); }},
-    {"sum32", [] { return Checksum<TChecksum32>(); }},
-    {"adler32", [] { return Checksum<TAdler32Checksum>(); }},
-    {"fletcher", [] { return Fletcher(); }},
-    {"md5", [] { return Digest(); }},
-};
-
-const TAlgorithm* FindAlgorithm(const std::string& Name) {
-  const auto found = std::find_if(Algorithms.begin(), Algorithms.end(),
-                                  [&](const TAlgorithm& a) { return a.Name == Name; });
-  return found == Algorithms.end() ? nullptr : &*found;
-}
 
 /// The bytes of a file or of standard input.
 class TInput {
@@ -202,37 +125,44 @@ void PrintUsage() {
   std::printf("usage: velhash%s FILE...\nthe file \"-\" is standard input\n", names.c_str());
 }
 
-int WrongUsage(const std::string& Fault) {
-  std::fprintf(stderr, "velhash: %s; velhash --help tells the usage\n", Fault.c_str());
-  return 1;
+[[noreturn]] void WrongUsage(const std::string& Fault) {
+  throw Exception(Fault + "; velhash --help tells the usage");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc == 2 && std::string(argv[1]) == "--help") {
-    PrintUsage();
-    return 0;
-  }
+/// False, with messages, when a value could not be computed.
+bool Run(const std::vector<std::string>& Arguments) {
   std::vector<const TAlgorithm*> chosen;
   std::vector<std::string> files;
-  for (const std::string& argument : std::vector<std::string>(argv + 1, argv + argc)) {
+  for (const std::string& argument : Arguments) {
     if (!argument.starts_with("--")) {
       files.push_back(argument);
       continue;
     }
     const TAlgorithm* algorithm = FindAlgorithm(argument.substr(2));
-    if (algorithm == nullptr) return WrongUsage("no option " + argument);
+    if (algorithm == nullptr) WrongUsage("no option " + argument);
     chosen.push_back(algorithm);
   }
-  if (files.empty()) return WrongUsage("no file given");
+  if (files.empty()) WrongUsage("no file given");
   if (chosen.empty()) chosen = {FindAlgorithm("crc32"), FindAlgorithm("md5")};
 
   bool complete = true;
   for (const std::string& file : files) complete = PrintSums(file, chosen) && complete;
-  if (std::fflush(stdout) != 0) {
-    Complain("standard output", "cannot be written");
-    complete = false;
+  return complete;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  bool complete = true;
+  if (arguments == std::vector<std::string>{"--help"}) {
+    PrintUsage();
+  } else {
+    complete = Run(arguments);
   }
+  example::FinishOutput();
   return complete ? 0 : 1;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "velhash: %s\n", e.what());
+  return 1;
 }

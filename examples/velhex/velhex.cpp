@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
 #include "velox/codecs/velIntelHex.hpp"
 #include "velox/runtime/velException.hpp"
@@ -62,16 +63,15 @@ void Run(const std::vector<std::string>& Arguments) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
     std::fputs(Usage, stdout);
-    return 0;
-  }
-  try {
+  } else {
     Run({argv + 1, argv + argc});
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "velhex: %s\n", e.what());
-    return 1;
   }
+  example::FinishOutput();
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "velhex: %s\n", e.what());
+  return 1;
 }

@@ -8,6 +8,7 @@
 
 #include "velox/foundation/velStringUtils.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
+#include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/system/velModuleInfo.hpp"
 #include "velox/system/velSysInfo.hpp"
@@ -16,10 +17,28 @@ namespace {
 
 using namespace velox;
 
-/// A thread to be seen in the list.
-void Work(void* Stop) {
-  WaitForSingleObjectAlertable(*static_cast<HANDLE*>(Stop), "velinfo worker");
-}
+/// A thread to be seen in the list; it ends with this object.
+class TWorker {
+ public:
+  TWorker() : Stop_(::CreateEventA(nullptr, TRUE, FALSE, nullptr)) {
+    if (!Stop_) RaiseLastOSError();
+    DWORD id = 0;
+    Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
+        "Worker", TThreadExecutionRoutine::Bind<&TWorker::Work>(this), nullptr, id));
+    if (!Thread_) RaiseLastOSError();
+  }
+  ~TWorker() {
+    ::SetEvent(Stop_.Get());
+    const HANDLE thread = Thread_.Get();
+    WaitAlertableQuietly({&thread, 1});
+  }
+
+ private:
+  void Work(void*) { WaitForSingleObjectAlertable(Stop_.Get(), "velinfo worker"); }
+
+  const THandle Stop_;
+  THandle Thread_;
+};
 
 const char* ArchitectureName(uint16_t Architecture) {
   switch (Architecture) {
@@ -140,16 +159,11 @@ int Run(int Count, char** Arguments) {
   }
 
   PrintSystem();
-  TThreadFactory* factory = TThreadFactory::GetInstance();
-  factory->MapName(::GetCurrentThreadId(), "Main thread");
-  const THandle stop(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  HANDLE event = stop.Get();
-  DWORD id = 0;
-  const THandle worker(
-      factory->CreateThread("Worker", TThreadExecutionRoutine::Bind<&Work>(), &event, id));
-  PrintProcess();
-  ::SetEvent(event);
-  WaitForSingleObjectAlertable(worker.Get(), "velinfo worker's end");
+  TThreadFactory::GetInstance()->MapName(::GetCurrentThreadId(), "Main thread");
+  {
+    const TWorker worker;
+    PrintProcess();
+  }
 
   if (Count == 2) {
     PrintModule(TModuleInfo(std::string(Arguments[1])));

@@ -1,21 +1,19 @@
 // Shows security descriptors that are stored in the registry or in files, and shows and edits who
-// may call and start COM servers.
+// may call and start COM servers. The first is in descriptors.cpp, the second in com_settings.cpp
+// and com_changes.cpp.
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "examples/support/whole_file.hpp"
-#include "velox/foundation/velStringUtils.hpp"
+#include "com_changes.hpp"
+#include "com_settings.hpp"
+#include "descriptors.hpp"
 #include "velox/runtime/velException.hpp"
-#include "velox/runtime/velFormat.hpp"
-#include "velox/runtime/velRegistryKey.hpp"
-#include "velox/system/velComPermissions.hpp"
-#include "velox/system/velSecurity.hpp"
 
 namespace {
 
 using namespace velox;
+using namespace velsec;
 
 using TArguments = std::vector<std::string>;
 
@@ -24,266 +22,32 @@ constexpr const char* Usage =
     "                                  KEY begins with HKLM\\, HKCU\\, HKCR\\ or HKU\\\n"
     "       velsec show --file FILE    the self-relative one that a file holds\n"
     "       velsec com APPID [--access | --launch] [CHANGE...]\n"
-    "                                  who may call a COM server (access) or start it (launch);\n"
-    "                                  changes ask for one of the two:\n"
+    "                                  who may call a COM server (access) and start it (launch);\n"
+    "                                  without a choice both, also for changes:\n"
     "         add ACCOUNT allow|deny|none [RIGHT...]\n"
     "                                  sets these rights of the account, without RIGHT all;\n"
-    "                                  accounts for which nothing is left are dropped\n"
-    "         default                  drops the server's own setting, and stands alone\n"
+    "                                  accounts for which nothing is left are dropped. The first\n"
+    "                                  change of a setting that lets everyone in for want of a\n"
+    "                                  list makes one, with this account alone\n"
+    "         default                  drops the server's own setting, also a damaged one, and\n"
+    "                                  stands alone\n"
     "       RIGHT: local-access, remote-access; local-launch, local-activation, remote-launch,\n"
     "       remote-activation; on systems that do not split them: permission\n";
 
-// ------------------------------------------------------------------------------------ descriptors
-
-struct TBitName {
-  uint32_t Bit;
-  const char* Name;
-};
-using TBitNames = std::vector<TBitName>;
-
-// From winnt.h, as the rest of the tables.
-const TBitNames CommonRights = {
-    {DELETE, "delete"},
-    {READ_CONTROL, "read control"},
-    {WRITE_DAC, "write DACL"},
-    {WRITE_OWNER, "write owner"},
-    {SYNCHRONIZE, "synchronize"},
-    {ACCESS_SYSTEM_SECURITY, "access system security"},
-    {MAXIMUM_ALLOWED, "maximum allowed"},
-    {GENERIC_ALL, "generic all"},
-    {GENERIC_EXECUTE, "generic execute"},
-    {GENERIC_WRITE, "generic write"},
-    {GENERIC_READ, "generic read"},
-};
-
-const TBitNames ComRights = {
-    {COM_RIGHTS_EXECUTE, "execute"},
-    {COM_RIGHTS_EXECUTE_LOCAL, "execute locally"},
-    {COM_RIGHTS_EXECUTE_REMOTE, "execute remotely"},
-    {COM_RIGHTS_ACTIVATE_LOCAL, "activate locally"},
-    {COM_RIGHTS_ACTIVATE_REMOTE, "activate remotely"},
-};
-
-const TBitNames EntryFlags = {
-    {OBJECT_INHERIT_ACE, "objects inherit"},
-    {CONTAINER_INHERIT_ACE, "containers inherit"},
-    {NO_PROPAGATE_INHERIT_ACE, "not further down"},
-    {INHERIT_ONLY_ACE, "inherit only"},
-    {INHERITED_ACE, "inherited"},
-    {SUCCESSFUL_ACCESS_ACE_FLAG, "successes"},
-    {FAILED_ACCESS_ACE_FLAG, "failures"},
-};
-
-const TBitNames ControlBits = {
-    {SE_OWNER_DEFAULTED, "owner by default"},   {SE_GROUP_DEFAULTED, "group by default"},
-    {SE_DACL_PRESENT, "DACL present"},          {SE_DACL_DEFAULTED, "DACL by default"},
-    {SE_SACL_PRESENT, "SACL present"},          {SE_SACL_DEFAULTED, "SACL by default"},
-    {SE_DACL_AUTO_INHERITED, "DACL inherited"}, {SE_SACL_AUTO_INHERITED, "SACL inherited"},
-    {SE_DACL_PROTECTED, "DACL protected"},      {SE_SACL_PROTECTED, "SACL protected"},
-    {SE_SELF_RELATIVE, "self-relative"},
-};
-
-/// The names of the bits that are set, and those without a name as a number.
-std::string NamesOf(uint32_t Bits, const TBitNames& Names) {
-  std::string text;
-  for (const TBitName& each : Names) {
-    if ((Bits & each.Bit) == 0) continue;
-    text = StrAddTail(text, ", ", each.Name);
-    Bits &= ~each.Bit;
-  }
-  if (Bits != 0) text = StrAddTail(text, ", ", Format("0x%X", Bits));
-  return text.empty() ? "none" : text;
-}
-
-std::string NameOf(const TSecurityIdentifier* Identifier) {
-  if (Identifier == nullptr) return "none";
-  return Identifier->GetFullAccountName() + " (" + Identifier->GetSidString() + ")";
-}
-
-void PrintList(const char* Name, const TAccessControlList& List, TSecurityDescriptorAclType Type,
-               const TBitNames& Rights) {
-  std::printf("%-9s%s", Name, SecurityDescriptorAclTypeString[Type]);
-  if (Type == sdatPresentNotNull) std::printf(", entries: %d", List.GetAceCount());
-  std::printf("\n");
-  for (int32_t i = 0; i < List.GetAceCount(); ++i) {
-    const TAccessControlEntry& entry = List.GetAce(i);
-    std::printf("  %-15s%s: %s", AccessControlEntryTypeString[entry.AceType],
-                NameOf(entry.GetSecurityIdentifier()).c_str(),
-                NamesOf(entry.AccessMask, Rights).c_str());
-    if (entry.AceFlags != 0)
-      std::printf("; flags: %s", NamesOf(entry.AceFlags, EntryFlags).c_str());
-    std::printf("\n");
-  }
-}
-
-void Print(const TSecurityDescriptor& Descriptor, const TBitNames& Rights) {
-  std::printf("Owner    %s\n", NameOf(Descriptor.GetOwner()).c_str());
-  std::printf("Group    %s\n", NameOf(Descriptor.GetPrimaryGroup()).c_str());
-  std::printf("Control  %s\n", NamesOf(Descriptor.Control, ControlBits).c_str());
-  PrintList("DACL", Descriptor.GetDacl(), Descriptor.DaclType, Rights);
-  PrintList("SACL", Descriptor.GetSacl(), Descriptor.SaclType, Rights);
-}
-
-/// Takes the root off a key's name.
-HKEY TakeRoot(std::string& Key) {
-  const struct {
-    const char* Names[2];
-    HKEY Root;
-  } roots[] = {{{"HKLM", "HKEY_LOCAL_MACHINE"}, HKEY_LOCAL_MACHINE},
-               {{"HKCU", "HKEY_CURRENT_USER"}, HKEY_CURRENT_USER},
-               {{"HKCR", "HKEY_CLASSES_ROOT"}, HKEY_CLASSES_ROOT},
-               {{"HKU", "HKEY_USERS"}, HKEY_USERS}};
-  std::string name;
-  StrGetToken(Key, "\\", name);
-  for (const auto& each : roots) {
-    if (StrEqualText(name, each.Names[0]) || StrEqualText(name, each.Names[1])) return each.Root;
-  }
-  throw Exception("A key begins with HKLM\\, HKCU\\, HKCR\\ or HKU\\, not with " + name);
-}
-
-void ShowValue(const std::string& FullKey, const std::string& Value) {
-  std::string key = FullKey;
-  TRegistry registry;
-  registry.SetRootKey(TakeRoot(key));
-  if (!registry.OpenKeyReadOnly(key)) throw Exception("Cannot open the key " + FullKey);
-  if (!registry.ValueExists(Value)) throw Exception(FullKey + " has no value " + Value);
-  TSecurityDescriptor descriptor;
-  descriptor.ReadFromRegistry("", registry.GetRootKey(), key, Value);
-
-  TBitNames rights = CommonRights;
-  for (const char* suffix : {"AccessPermission", "LaunchPermission"}) {
-    if (Value.ends_with(suffix)) rights.insert(rights.begin(), ComRights.begin(), ComRights.end());
-  }
-  Print(descriptor, rights);
-}
-
-void ShowFile(const std::string& File) {
-  const std::vector<uint8_t> bytes = example::ReadWholeFile(File);
-  TSecurityDescriptor descriptor;
-  descriptor.Extract("", bytes.data(), static_cast<int32_t>(bytes.size()));
-  Print(descriptor, CommonRights);
-}
-
-// ------------------------------------------------------------------------------------ COM servers
-
-GUID ParseAppID(const std::string& Text) {
-  const std::string braced = Text.starts_with("{") ? Text : "{" + Text + "}";
-  GUID id;
-  if (FAILED(::CLSIDFromString(std::wstring(braced.begin(), braced.end()).c_str(), &id)))
-    throw Exception("Not an application identifier: " + Text);
-  return id;
-}
-
-struct TNamedRight {
-  const char* Name;
-  TPermissionType* Value;
-};
-
-std::vector<TNamedRight> RightsOf(TComServerPermissionsEntry& Entry) {
-  if (auto* const access = dynamic_cast<TComServerAccessPermissionsEntryEx*>(&Entry)) {
-    return {{"local-access", &access->LocalAccess}, {"remote-access", &access->RemoteAccess}};
-  }
-  if (auto* const launch = dynamic_cast<TComServerLaunchPermissionsEntryEx*>(&Entry)) {
-    return {{"local-launch", &launch->LocalLaunch},
-            {"local-activation", &launch->LocalActivation},
-            {"remote-launch", &launch->RemoteLaunch},
-            {"remote-activation", &launch->RemoteActivation}};
-  }
-  if (auto* const access = dynamic_cast<TComServerAccessPermissionsEntry*>(&Entry))
-    return {{"permission", &access->Permission}};
-  return {{"permission", &dynamic_cast<TComServerLaunchPermissionsEntry&>(Entry).Permission}};
-}
-
-std::unique_ptr<TComServerPermissions> Read(const GUID& AppID, bool Launch) {
-  if (Launch) return std::make_unique<TComServerLaunchPermissions>(AppID);
-  return std::make_unique<TComServerAccessPermissions>(AppID);
-}
-
-bool HasOwnSetting(const TComServerPermissions& Permissions) {
-  return TComServerPermissions::RegistryValueExists(
-      HKEY_CLASSES_ROOT, "AppID\\" + Permissions.GetAppID(), Permissions.RegistryPermissionValue());
-}
-
-/// Where the entries come from, and the entries, a line each.
-std::string Describe(const TComServerPermissions& Permissions) {
-  std::string text = Permissions.RegistryPermissionValue() + " of " + Permissions.GetAppID() +
-                     (HasOwnSetting(Permissions) ? "\n" : ", by default\n");
-  for (int32_t i = 0; i < Permissions.GetEntryCount(); ++i) {
-    TComServerPermissionsEntry& entry = Permissions.GetEntries(i);
-    std::string rights;
-    for (const TNamedRight& right : RightsOf(entry)) {
-      rights = StrAddTail(rights, ", ",
-                          std::string(right.Name) + " " + PermissionTypeString[*right.Value]);
-    }
-    text += "  " + NameOf(&entry.GetSecurityIdentifier()) + ": " + rights + "\n";
-  }
-  return text;
-}
-
-TPermissionType ParsePermission(const std::string& Text) {
-  const TPermissionType type = StringToPermissionType(Text);
-  if (type == ptNone && !StrEqualText(Text, PermissionTypeString[ptNone]))
-    throw Exception("allow, deny or none expected, not " + Text);
-  return type;
-}
-
-void SetRight(TComServerPermissionsEntry& Entry, const std::string& Name, TPermissionType Value) {
-  for (const TNamedRight& right : RightsOf(Entry)) {
-    if (!StrEqualText(Name, right.Name)) continue;
-    *right.Value = Value;
-    return;
-  }
-  throw Exception("No right " + Name + " here; velsec --help lists them");
-}
-
-/// Makes the changes "add ACCOUNT PERMISSION [RIGHT...]" that stand one after another.
-void Change(TComServerPermissions& Permissions, const TArguments& Words) {
-  for (size_t i = 0; i < Words.size();) {
-    if (Words[i] != "add" || i + 2 >= Words.size())
-      throw Exception("add ACCOUNT allow|deny|none expected at: " + Words[i]);
-    TSecurityIdentifier account;
-    if (!account.TryInit("", Words[i + 1])) throw Exception("No account " + Words[i + 1]);
-    TComServerPermissionsEntry& entry = Permissions.AddEntry(account);
-    const TPermissionType value = ParsePermission(Words[i + 2]);
-    i += 3;
-    if (i == Words.size() || Words[i] == "add") {
-      for (const TNamedRight& right : RightsOf(entry)) *right.Value = value;
-    }
-    for (; i < Words.size() && Words[i] != "add"; ++i) SetRight(entry, Words[i], value);
-  }
-}
-
-/// Keys that may not be written are left alone without a word, so what is there now is read again.
-void Save(TComServerPermissions& Permissions, const GUID& AppID, bool Launch, bool Default) {
-  if (Default) {
-    Permissions.UseDefault();
-  } else {
-    Permissions.Apply();
-  }
-  const bool kept = Default && HasOwnSetting(Permissions);
-  if (kept || Describe(*Read(AppID, Launch)) != Describe(Permissions))
-    throw Exception("The setting could not be written");
-}
-
 void Com(TArguments Words) {
-  const GUID id = ParseAppID(Words.at(0));
+  const TServer server = ParseServer(Words.at(0));
   Words.erase(Words.begin());
-  bool access = true;
-  bool launch = true;
+  std::vector<bool> kinds = {false, true};  // whether it is launching
   if (!Words.empty() && (Words[0] == "--access" || Words[0] == "--launch")) {
-    access = Words[0] == "--access";
-    launch = !access;
+    kinds = {Words[0] == "--launch"};
     Words.erase(Words.begin());
   }
-  if (!Words.empty() && access && launch) throw Exception("Changes ask for --access or --launch");
-  for (const bool kind : {false, true}) {
-    if (!(kind ? launch : access)) continue;
-    const std::unique_ptr<TComServerPermissions> permissions = Read(id, kind);
-    const bool byDefault = Words == TArguments{"default"};
-    if (!byDefault) Change(*permissions, Words);
-    if (!Words.empty()) Save(*permissions, id, kind, byDefault);
-    std::fputs(Describe(*permissions).c_str(), stdout);
+  if (Words == TArguments{"default"}) {
+    for (const bool launch : kinds) DropSetting(server, launch);
+  } else if (!Words.empty()) {
+    ChangeSettings(server, kinds, Words);
   }
+  for (const bool launch : kinds) ShowSetting(server, launch);
 }
 
 void Run(const TArguments& Arguments) {

@@ -1,13 +1,14 @@
 // Compresses a file into the zlib format, or decompresses one.
 //
 //     velzip compress [-1|-9] IN OUT
-//     velzip decompress IN OUT
+//     velzip decompress [-1|-9] IN OUT
 
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
 #include "velox/codecs/velZLib.hpp"
 #include "velox/runtime/velFileStream.hpp"
@@ -19,8 +20,8 @@ namespace {
 using namespace velox;
 
 constexpr const char* Usage =
-    "usage: velzip compress [-1|-9] IN OUT   -1: fastest, -9: smallest\n"
-    "       velzip decompress IN OUT\n";
+    "usage: velzip compress|decompress [-1|-9] IN OUT\n"
+    "  -1, -9  compress: fastest, smallest; decompress: no difference\n";
 constexpr const char* WrongUsage = "wrong command line; velzip --help tells the right one";
 
 struct TCommand {
@@ -98,20 +99,19 @@ void Decompress(const TCommand& Command, TStream& In, TStream& Out, TProgressDis
   }
 }
 
-/// Reads and writes all of it; the input is closed afterwards, so that the output may take its
-/// place.
-int64_t Convert(const TCommand& Command, TStream& Out) {
-  TFileStream in(Command.In, TFileMode::fmOpenRead);
-  TProgressDisplay display(in, in.GetSize());
-  (Command.Decompress ? Decompress : Compress)(Command, in, Out, display);
-  return in.GetSize();
+void Convert(const TCommand& Command, TStream& In, TStream& Out) {
+  TProgressDisplay display(In, In.GetSize());
+  (Command.Decompress ? Decompress : Compress)(Command, In, Out, display);
 }
 
 void Run(const TCommand& Command) {
+  auto in = std::make_unique<TFileStream>(Command.In, TFileMode::fmOpenRead);
   example::TOutputFile out(Command.Out);
   auto stream = std::make_unique<TFileStream>(out.GetTemporary(), TFileMode::fmCreate);
-  const int64_t sizeIn = Convert(Command, *stream);
+  Convert(Command, *in, *stream);
+  const int64_t sizeIn = in->GetSize();
   const int64_t sizeOut = stream->GetSize();
+  in.reset();  // so that the output may take its place
   stream.reset();
   out.Keep();
   std::printf("%s: %lld bytes, %s: %lld bytes\n", Command.In.c_str(),
@@ -124,7 +124,7 @@ TCommand Parse(std::vector<std::string> Arguments) {
     throw Exception(WrongUsage);
   command.Decompress = Arguments[0] == "decompress";
   Arguments.erase(Arguments.begin());
-  if (!command.Decompress && !Arguments.empty() && (Arguments[0] == "-1" || Arguments[0] == "-9")) {
+  if (!Arguments.empty() && (Arguments[0] == "-1" || Arguments[0] == "-9")) {
     command.Level = Arguments[0] == "-1" ? TCompressionLevel::clFastest : TCompressionLevel::clMax;
     Arguments.erase(Arguments.begin());
   }
@@ -136,16 +136,15 @@ TCommand Parse(std::vector<std::string> Arguments) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc == 2 && std::string(argv[1]) == "--help") {
     std::fputs(Usage, stdout);
-    return 0;
-  }
-  try {
+  } else {
     Run(Parse({argv + 1, argv + argc}));
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "velzip: %s\n", e.what());
-    return 1;
   }
+  example::FinishOutput();
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "velzip: %s\n", e.what());
+  return 1;
 }

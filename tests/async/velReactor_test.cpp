@@ -53,8 +53,6 @@ struct TWatched {
   std::unique_ptr<TEventReaction> Reaction;
 };
 
-std::string LogText() { return test::ReadFileBytes(TTracer::GetInstance()->GetFileName()); }
-
 TEST(Reactor, RunsTheReactionOfASignalledHandle) {
   TReactor reactor;
   TWatched watched(reactor);
@@ -261,6 +259,7 @@ TEST(Reactor, AnAbandonedMutexLeavesTheSetWithoutARun) {
 }
 
 TEST(Reactor, AHandleClosedUnderItEndsTheThreadWhichLetsGoOfAll) {
+  const test::TLogSince log;
   TReactor reactor;
   TWatched healthy(reactor);
   auto broken = std::make_unique<TWatched>(reactor);
@@ -269,8 +268,7 @@ TEST(Reactor, AHandleClosedUnderItEndsTheThreadWhichLetsGoOfAll) {
   broken->Event.Reset();
   ::SetEvent(healthy.Event.Get());  // makes the thread wait anew
   // The signal may be served before the wait fails; afterwards nobody watches.
-  EXPECT_TRUE(test::WaitUntil(
-      [] { return LogText().find("[TReactorThread.Run] Wait error - ") != std::string::npos; }));
+  EXPECT_TRUE(test::WaitUntil([&] { return log.Holds("[TReactorThread.Run] Wait error - "); }));
   broken.reset();
   healthy.Reaction->SetActive(false);
   EXPECT_TRUE(test::WaitUntil([&] { return healthy.Reaction->GetStatus() == rsNone; }));
@@ -279,14 +277,14 @@ TEST(Reactor, AHandleClosedUnderItEndsTheThreadWhichLetsGoOfAll) {
 }
 
 TEST(Reactor, AnExceptionIsLoggedAndTheThreadGoesOn) {
+  const test::TLogSince log;
   TReactor reactor;
   TWatched watched(reactor);
   watched.Sink.During = [](TObject*) { throw Exception("reaction failed"); };
   watched.Activate();
   watched.SignalAndWait();
   watched.SignalAndWait();
-  EXPECT_NE(LogText().find("Exception in [TReactorThread.Run]: reaction failed. Exception at "),
-            std::string::npos);
+  EXPECT_TRUE(log.Holds("Exception in [TReactorThread.Run]: reaction failed. Exception at "));
 }
 
 TEST(Reactor, WithATargetThreadTheMethodRunsThereUntilTheReactionIsGone) {

@@ -153,6 +153,7 @@ TEST(Scheduler, DeactivatedAtOnceItDoesNotRunAndAStaleActivationArmsNothing) {
 }
 
 TEST(Scheduler, AnActivationThatCannotBeArmedIsLoggedAndLeavesNothing) {
+  const test::TLogSince log;
   TCounter counter;
   TCallbackTask task;
   task.SetOnExecute(counter.Event());
@@ -163,11 +164,11 @@ TEST(Scheduler, AnActivationThatCannotBeArmedIsLoggedAndLeavesNothing) {
   task.SetDuration(1);  // replaces it
   task.SetActive(1);
   EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 1; }));
-  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
-  EXPECT_NE(log.find("Sheduler error: Invalid date or time. EConvertError at "), std::string::npos);
+  EXPECT_TRUE(log.Holds("Sheduler error: Invalid date or time. EConvertError at "));
 }
 
 TEST(Scheduler, AnExceptionIsLoggedAndTheThreadGoesOn) {
+  const test::TLogSince log;
   TCounter counter;
   counter.During = [](TObject*) { throw Exception("task failed"); };
   TCallbackTask task;
@@ -175,10 +176,8 @@ TEST(Scheduler, AnExceptionIsLoggedAndTheThreadGoesOn) {
   task.SetActive(1);
   EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 1; }));
   Settle();
-  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
-  EXPECT_NE(log.find("Scheduled task completion error: task failed. Exception at "),
-            std::string::npos);
-  EXPECT_NE(log.find("Sheduler error: task failed. Exception at "), std::string::npos);
+  EXPECT_TRUE(log.Holds("Scheduled task completion error: task failed. Exception at "));
+  EXPECT_TRUE(log.Holds("Sheduler error: task failed. Exception at "));
 }
 
 TEST(Scheduler, ATaskMayDestroyItself) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -95,8 +96,8 @@ TEST(CRC, NamedInstancesGiveTheirCheckValues) {
 
 TEST(CRC, NoBytesGiveTheFinalValueOfTheInitialOne) {
   EXPECT_EQ(TCRC16::GetInstanceStandard()->CalculateThreadSafe(nullptr, 0), 0x0000);
-  EXPECT_EQ(TCRC16::GetInstanceCITT()->CalculateThreadSafe(nullptr, -1), 0xFFFF);
-  EXPECT_EQ(TCRC32().Calculate(nullptr, 0), 0u);
+  EXPECT_EQ(TCRC16::GetInstanceCITT()->CalculateThreadSafe(nullptr, 0), 0xFFFF);
+  EXPECT_EQ(TCRC32().Calculate(nullptr, -1), 0u);
 }
 
 TEST(CRC, ReflectsTheResultWhenInputAndOutputDiffer) {
@@ -116,34 +117,45 @@ TEST(CRC, LongDataGivesWhatOtherProgramsGive) {
   EXPECT_EQ(TCRC32().Calculate(ones.data(), SizeOf(ones)), 0x68C6CEC4u);
 }
 
-/// Feeding single bytes takes the plain table, long pieces the derived ones: whatever the pieces,
-/// the value is the same.
-template <class TOwn>
-void ExpectPiecesDoNotMatter(TOwn&& Whole, TOwn&& Bytewise) {
+/// Bit by bit, without any table, as in the definition of the parameters.
+template <class T>
+T BitByBit(const TCRC<T>& Model, const uint8_t* Data, int32_t Size) {
+  constexpr auto Top = static_cast<T>(T{1} << (8 * sizeof(T) - 1));
+  T r = Model.GetInitialValue();
+  if (Model.GetReflectInput()) r = Reverse(r);  // ours starts with the register's own order
+  for (int32_t i = 0; i < 8 * Size; ++i) {
+    const bool bit = Data[i / 8] >> (Model.GetReflectInput() ? i % 8 : 7 - i % 8) & 1;
+    if (bit) r ^= Top;
+    r = static_cast<T>(r << 1 ^ ((r & Top) != 0 ? Model.GetPolynomial() : 0));
+  }
+  return static_cast<T>((Model.GetReflectOutput() ? Reverse(r) : r) ^ Model.GetFinalXor());
+}
+
+/// Short pieces take the plain table, long ones the derived ones in braids: whatever the size, the
+/// place in memory and the pieces, the value is the one of the definition.
+template <class T>
+void ExpectTheDefinition(TCRC<T>&& Crc) {
+  SCOPED_TRACE(testing::Message() << 8 * sizeof(T) << " bits, " << Crc.GetReflectInput());
   const TBytes pattern = Pattern();
-  for (int32_t size = 0; size < 70; ++size) {
+  std::vector<int32_t> sizes{95, 96, 127, 128, 129, 1000, 4999};
+  for (int32_t size = 0; size < 70; ++size) sizes.push_back(size);
+  for (const int32_t size : sizes) {
     const uint8_t* data = pattern.data() + size;  // of every alignment
-    const auto value = Whole.Calculate(data, size);
-    Bytewise.Initialize();
-    for (int32_t i = 0; i < size; ++i) Bytewise.Update(data + i, 1);
-    ASSERT_EQ(value, Bytewise.GetCurrentCRC()) << size;
-    Whole.Initialize();
-    Whole.Update(data, size / 3);
-    Whole.Update(data + size / 3, size - size / 3);
-    ASSERT_EQ(value, Whole.GetCurrentCRC()) << size;
+    const T value = BitByBit(Crc, data, size);
+    ASSERT_EQ(Crc.Calculate(data, size), value) << size;
+    Crc.Initialize();
+    Crc.Update(data, size / 3);
+    Crc.Update(data + size / 3, size - size / 3);
+    ASSERT_EQ(Crc.GetCurrentCRC(), value) << size;
   }
 }
 
-TEST(CRC, PiecesDoNotMatter) {
+TEST(CRC, AnySizeGivesTheValueOfTheDefinition) {
   for (const bool reflect : {false, true}) {
-    const auto crc8 = [&] { return TCRC8(0x31, 0x5A, reflect, reflect, 0x12); };
-    const auto crc16 = [&] { return TCRC16(0x1021, 0xFFFF, reflect, true, 0x1234); };
-    const auto crc32 = [&] { return TCRC32(0x1EDC6F41, ~0u, reflect, false, 1); };
-    const auto crc64 = [&] { return TCRC64(0x42F0E1EBA9EA3693, ~0ull, reflect, true, 7); };
-    ExpectPiecesDoNotMatter(crc8(), crc8());
-    ExpectPiecesDoNotMatter(crc16(), crc16());
-    ExpectPiecesDoNotMatter(crc32(), crc32());
-    ExpectPiecesDoNotMatter(crc64(), crc64());
+    ExpectTheDefinition<uint8_t>(TCRC8(0x31, 0x5A, reflect, reflect, 0x12));
+    ExpectTheDefinition<uint16_t>(TCRC16(0x1021, 0xFFFE, reflect, true, 0x1234));
+    ExpectTheDefinition<uint32_t>(TCRC32(0x1EDC6F41, ~2u, reflect, false, 1));
+    ExpectTheDefinition<uint64_t>(TCRC64(0x42F0E1EBA9EA3693, ~3ull, reflect, true, 7));
   }
 }
 
@@ -160,6 +172,11 @@ TEST(CRC, AppendsInTheOrderOfTheInput) {
   EXPECT_EQ(appended(TCRC32::GetInstanceStandard(), 4), (TBytes{0x26, 0x39, 0xF4, 0xCB}));
   EXPECT_EQ(appended(TCRC64::GetInstanceStandard(), 8),
             (TBytes{0x62, 0xEC, 0x59, 0xE3, 0xF1, 0xA4, 0xF0, 0x0A}));
+  // Reversals of the registers of CRC-16/GENIBUS and CRC-16/USB.
+  TCRC16 out(0x1021, 0xFFFF, false, true, 0xFFFF);
+  EXPECT_EQ(appended(&out, 2), (TBytes{0x72, 0x6B}));
+  TCRC16 in(0x8005, 0xFFFF, true, false, 0xFFFF);
+  EXPECT_EQ(appended(&in, 2), (TBytes{0x2D, 0x13}));
   EXPECT_THROW(TCRC32().CalculateAndAppend(nullptr, -1), Exception);
 }
 
@@ -174,7 +191,9 @@ bool ChecksIntact(TOwn* Instance, size_t Width) {
     EXPECT_FALSE(Instance->CheckThreadSafe(bytes.data(), SizeOf(bytes))) << "byte " << i;
     bytes[i] ^= 0x10;
   }
-  EXPECT_FALSE(Instance->CheckThreadSafe(bytes.data(), static_cast<int32_t>(Width) - 1));
+  for (const int32_t size : {static_cast<int32_t>(Width) - 1, -1, INT32_MIN}) {
+    EXPECT_FALSE(Instance->CheckThreadSafe(bytes.data(), size)) << size;
+  }
   return intact;
 }
 
@@ -188,6 +207,22 @@ TEST(CRC, ChecksDataThatEndsWithItsCRC) {
   EXPECT_FALSE(ChecksIntact(TCRC16::GetInstanceCITT(), 2));
 }
 
+TEST(CRC, ChecksModelsWhoseReflectionsDiffer) {
+  for (const bool in : {false, true}) {
+    TCRC8 crc8(0x07, 0xFF, in, !in, 0xFF);
+    TCRC16 crc16(0x1021, 0xFFFF, in, !in, 0xFFFF);
+    TCRC32 crc32(0x1EDC6F41, 0, in, !in, 0);
+    TCRC64 crc64(0x42F0E1EBA9EA3693, ~0ull, in, !in, ~0ull);
+    EXPECT_TRUE(ChecksIntact(&crc8, 1));
+    EXPECT_TRUE(ChecksIntact(&crc16, 2));
+    EXPECT_TRUE(ChecksIntact(&crc32, 4));
+    EXPECT_TRUE(ChecksIntact(&crc64, 8));
+    // The residue is the final xor, which is not the initial value here.
+    TCRC16 other(0x1021, 0xFFFF, in, !in, 0);
+    EXPECT_FALSE(ChecksIntact(&other, 2));
+  }
+}
+
 /// The operations with the object's own running value, on data of every kind of length.
 template <class TOwn>
 void ExpectOwnValueChecks(TOwn&& Crc, int32_t Width) {
@@ -199,7 +234,7 @@ void ExpectOwnValueChecks(TOwn&& Crc, int32_t Width) {
     EXPECT_EQ(value, Crc.CalculateThreadSafe(bytes.data(), size));
     EXPECT_EQ(value, Crc.GetCurrentCRC());
     EXPECT_TRUE(Crc.Check(bytes.data(), size + Width));
-    EXPECT_FALSE(Crc.Check(bytes.data(), Width - 1));
+    EXPECT_FALSE(Crc.Check(bytes.data(), INT32_MIN));
     bytes[static_cast<size_t>(size)] ^= 0x10;
     EXPECT_FALSE(Crc.Check(bytes.data(), size + Width));
   }
@@ -313,6 +348,7 @@ TEST(Adler32, AppendsAndChecks) {
   bytes[0] ^= 1;
   EXPECT_FALSE(adler.Check(bytes.data(), 13));
   EXPECT_FALSE(adler.Check(bytes.data(), 3));
+  EXPECT_FALSE(adler.Check(bytes.data(), INT32_MIN));
 }
 
 TEST(Fletcher, AddsWords) {

@@ -338,6 +338,9 @@ TEST(ZLib, ExceptionsOfTheWrappedStreamPassAndLoseNothing) {
   const TBytes plain = Sample(300'000, true);
   TTestStream file;
   TCompressionStream packer(TCompressionLevel::clFastest, file);
+  int calls = 0;
+  auto count = [&](TObject*) { ++calls; };
+  packer.OnProgress = TNotifyEvent::To(count);
   file.Fail = true;
   ExpectRaises<EWriteError>("device", [&] { packer.Write(plain.data(), Size(plain)); });
   const auto taken = static_cast<int32_t>(packer.GetPosition());
@@ -347,8 +350,10 @@ TEST(ZLib, ExceptionsOfTheWrappedStreamPassAndLoseNothing) {
                             [&] { packer.Write(plain.data() + taken, Size(plain) - taken); });
   EXPECT_EQ(packer.GetPosition(), taken);
   ExpectRaises<EWriteError>("device", [&] { packer.Finish(); });
+  EXPECT_EQ(calls, 0);
   file.Fail = false;
   packer.WriteBuffer(plain.data() + taken, Size(plain) - taken);
+  EXPECT_EQ(calls, 4) << "the block that had failed counts, too";
   file.Fail = true;
   ExpectRaises<EWriteError>("device", [&] { packer.Finish(); });
   file.Fail = false;

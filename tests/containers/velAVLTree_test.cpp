@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -64,7 +66,7 @@ TEST(AVLTree, BehavesAsTheStandardMap) {
   for (const int32_t range : {20, 1000, 100'000}) {
     TOpenTree<TAVLTree> tree(sizeof(uint64_t));
     std::map<int32_t, uint64_t> model;
-    for (int i = 0; i < 333'333; ++i) {
+    for (int i = 0; i < 333'334; ++i) {
       const auto key = static_cast<int32_t>(random() % static_cast<unsigned>(range)) - range / 2;
       uint64_t data = random();
       switch (random() % 5) {
@@ -105,6 +107,11 @@ TEST(AVLTree, AscendingKeysStayBalanced) {
   int32_t root = 0;
   std::memcpy(&root, tree.Root() + 1, sizeof root);
   EXPECT_EQ(root, 512);  // the known shape: 2^n ascending keys have the middle one on top
+  TIntegers keys(1000);
+  std::iota(keys.begin(), keys.end(), 1);
+  EXPECT_EQ(Keys(tree, &TAVLTree::LeftPass), keys);
+  std::reverse(keys.begin(), keys.end());
+  EXPECT_EQ(Keys(tree, &TAVLTree::RightPass), keys);
 }
 
 TEST(AVLTree, AKeyThatIsThereGetsNewDataInPlace) {
@@ -175,18 +182,32 @@ TEST(AVLTree, AComparisonThatRaisesLeavesTheTreeAsItWas) {
   }
 }
 
+// The sanitizer's build sees whether a list stays behind.
 TEST(AVLTree, DataThatCannotBeStoredAddsNoNode) {
-  class TRefusingTree : public TOpenTree<TAVLTree> {
+  class TRefusingTree : public TOpenTree<TAVLDuplicatedKeyTree> {
    public:
     using TOpenTree::TOpenTree;
+    bool StoreFirst = false;
+    int Released = 0;
 
    protected:
-    void StoreData(TAVLTreeNode*, const void*) override { throw Exception("no room"); }
+    void StoreData(TAVLTreeNode* Node, const void* Data) override {
+      if (StoreFirst) TOpenTree::StoreData(Node, Data);
+      throw Exception("no room");
+    }
+    void ReleaseData(TAVLTreeNode* Node) override {
+      TOpenTree::ReleaseData(Node);
+      ++Released;
+    }
   };
   TRefusingTree tree(4);
   const int32_t key = 1;
-  EXPECT_THROW(tree.Add(&key, &key), Exception);
-  EXPECT_EQ(tree.Root(), nullptr);
+  for (const bool first : {false, true}) {
+    tree.StoreFirst = first;
+    EXPECT_THROW(tree.Add(&key, &key), Exception);
+    EXPECT_EQ(tree.Root(), nullptr);
+    EXPECT_EQ(tree.Released, first ? 2 : 1);
+  }
 }
 
 TEST(AVLDuplicatedKeyTree, KeepsTheValuesOfAKeyInTheirOrder) {

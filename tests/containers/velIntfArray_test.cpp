@@ -66,6 +66,38 @@ TEST(InterfaceArray, TakesAndGivesBackReferencesAtItsMoments) {
   EXPECT_EQ(a.References + b.References + c.References, 0u);
 }
 
+VELOX_COM_CLASSES_BEGIN
+/// Ends with its last reference.
+class TMortal final : public IInterface {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++References_; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    const ULONG left = --References_;
+    if (left == 0) delete this;
+    return left;
+  }
+
+ private:
+  ~TMortal() { Log += '!'; }
+  ULONG References_ = 0;
+};
+VELOX_COM_CLASSES_END
+
+TEST(InterfaceArray, AnItemsLastReferenceEndsItThere) {
+  TCounting a('a');
+  TInterfaceArray array;
+  array.Add(new TMortal);
+  array.Add(&a);
+  array.Add(new TMortal);
+  Taken();
+  array.DeleteItem(0);  // overwritten, and "a" by the last one
+  EXPECT_EQ(Taken(), "+a!-a");
+  array.DeleteItem(1);  // cleared
+  EXPECT_EQ(Taken(), "!");
+  EXPECT_EQ(Names(array), "a");
+}
+
 TEST(InterfaceArray, KeepsDuplicatesAndNull) {
   TCounting a('a');
   TCounting b('b');
@@ -109,6 +141,8 @@ TEST(InterfaceArray, FaultsAreToldAndChangeNothing) {
       EXPECT_STREQ(raised.what(), "Invalid index");
     }
     EXPECT_THROW(array.Remove(index), Exception);
+    EXPECT_THROW(array.DeleteItem(index), Exception);
+    EXPECT_THROW(array.AddItem(&a, 2 * index), Exception);
   }
   EXPECT_EQ(array.GetCount(), 1);
   EXPECT_EQ(a.References, 1u);

@@ -210,6 +210,12 @@ TEST(ObjectArray, OwnerFreesWhatItDropsAfterTellingOfIt) {
     EXPECT_THROW(array.Delete(array.GetItems(0)), Exception);
     EXPECT_EQ(Living, before + 2);
     EXPECT_EQ(array.GetCount(), 2);
+    array.OnModify = TContainerModifyEvent::To(look);
+    array.Clear();
+    EXPECT_EQ(seen, before + 1);  // the last one still lives while it is told of
+    EXPECT_EQ(Living, before);
+    for (int i = 0; i < 2; ++i) array.Add(new TNumber(i));
+    array.OnModify = TContainerModifyEvent::To(fail);
   }  // the listener raises here too
   EXPECT_EQ(Living, before);
 

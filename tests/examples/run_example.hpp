@@ -15,12 +15,16 @@ struct TExampleRun {
   TStrings Lines;
 };
 
-/// Runs an example program, which stands beside the test program.
-inline TExampleRun RunExample(const std::string& Name, const std::vector<std::string>& Arguments) {
+/// An example program, which stands beside the test program.
+inline std::string ExamplePath(const std::string& Name) {
   char program[MAX_PATH] = "";
   ::GetModuleFileNameA(nullptr, program, sizeof program);
-  const std::string folder(program, std::string(program).rfind('\\') + 1);
-  std::string command = "\"" + folder + Name + ".exe\"";
+  return std::string(program, std::string(program).rfind('\\') + 1) + Name + ".exe";
+}
+
+/// Runs an example program.
+inline TExampleRun RunExample(const std::string& Name, const std::vector<std::string>& Arguments) {
+  std::string command = "\"" + ExamplePath(Name) + "\"";
   for (const std::string& argument : Arguments) command += " \"" + argument + "\"";
   TExampleRun run;
   auto keep = [&](const std::string& line) { run.Lines.push_back(line); };

@@ -423,8 +423,8 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
     }
     // Both print lines, as their output is no console.
     void AwaitLines() {
-      EXPECT_TRUE(Receiver.Says(" s left")) << Receiver.Output();
-      EXPECT_TRUE(Sender->Says(" s left")) << Sender->Output();
+      EXPECT_TRUE(Receiver.Says(" s left")) << File << ": " << Receiver.Output();
+      EXPECT_TRUE(Sender->Says(" s left")) << File << ": " << Sender->Output();
     }
     const std::string File, Place;
     TVelcopy Receiver;

@@ -35,24 +35,35 @@ TEST(VelGost, EncryptsAndDecryptsFiles) {
             0);
   EXPECT_EQ(test::ReadFileBytes(back), Plain);
   // The feedback's first gamma is the encrypted start, and any size will do.
-  test::WriteFileBytes(in, std::string(5, '\0'));
-  EXPECT_EQ(test::RunExample("velgost", {"encrypt", "--iv", "1032547698badcfe", "--key", Key,
-                                         "--sbox", "tc26-z", in, in})
-                .ExitCode,
-            0);
-  EXPECT_EQ(test::ReadFileBytes(in), Crypted.substr(0, 5));
+  for (const size_t size : {5, 0}) {
+    const TStrings options{"--iv", "1032547698badcfe", "--key", Key, "--sbox", "tc26-z", in, in};
+    const std::string text(size, '\0');
+    test::WriteFileBytes(in, text);
+    for (const std::string command : {"encrypt", "decrypt"}) {
+      TStrings arguments{command};
+      arguments.insert(arguments.end(), options.begin(), options.end());
+      EXPECT_EQ(test::RunExample("velgost", arguments).ExitCode, 0);
+      EXPECT_EQ(test::ReadFileBytes(in), command == "encrypt" ? Crypted.substr(0, size) : text);
+    }
+  }
   // By the same Python program as the value in the cipher's own tests.
-  test::WriteFileBytes(in, "123456789");
-  const auto mac = test::RunExample("velgost", {"mac", "--key", Key, "--sbox", "tc26-z", in});
-  EXPECT_EQ(mac.ExitCode, 0);
-  EXPECT_EQ(mac.Lines, TStrings{"2C6D1DD9"});
+  for (const auto& [text, code] : {std::pair("123456789", "2C6D1DD9"), std::pair("", "00000000")}) {
+    test::WriteFileBytes(in, text);
+    const auto mac = test::RunExample("velgost", {"mac", "--key", Key, "--sbox", "tc26-z", in});
+    EXPECT_EQ(mac.ExitCode, 0);
+    EXPECT_EQ(mac.Lines, TStrings{code});
+  }
 }
 
 TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {
   const test::TTemporaryFolder folder;
-  const std::string in = folder.File("in"), out = folder.File("out"), table = folder.File("table");
+  const std::string in = folder.File("in"), out = folder.File("out"), table = folder.File("table"),
+                    words = folder.File("words");
   test::WriteFileBytes(in, "123456789");
   test::WriteFileBytes(table, "0123456789abcdef\n");
+  std::string line = "0123456789abcdef";
+  for (int i = 1; i < 8; ++i) line += " 0123456789abcdef";
+  test::WriteFileBytes(words, line);
   const TStrings cases[] = {
       {"encrypt", "--key", Key, "--sbox", "tc26-z", in, out},                 // 9 bytes
       {"encrypt", "--key", Key, "--sbox", "tc26-z", in},                      // no output
@@ -62,6 +73,7 @@ TEST(VelGost, RefusesInOneLineAndLeavesNoFile) {
       {"encrypt", "--key", Key, "--iv", "12", "--sbox", "tc26-z", in, out},   // short start
       {"encrypt", "--key", Key, "--sbox", "no-such-table", in, out},          // neither
       {"encrypt", "--key", Key, "--sbox", table, in, out},                    // one line
+      {"mac", "--key", Key, "--sbox", words, in},                             // one line, 8 words
       {"decrypt", "--key", Key, "--sbox", "tc26-z", folder.File("none"), out},
       {"mac", "--key", Key, "--sbox", "tc26-z", in, out},
       {"sign", "--key", Key, "--sbox", "tc26-z", in, out},

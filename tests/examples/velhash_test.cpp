@@ -54,13 +54,10 @@ TEST(VelHash, ReadsStandardInput) {
   const test::TTemporaryFolder folder;
   const std::string file = folder.File("in");
   test::WriteFileBytes(file, "123456789");
-  char program[MAX_PATH] = "";
-  ::GetModuleFileNameA(nullptr, program, sizeof program);
-  const std::string directory(program, std::string(program).rfind('\\') + 1);
   TStrings lines;
   auto keep = [&](const std::string& line) { lines.push_back(line); };
   const std::string command =
-      "cmd.exe /c \"\"" + directory + "velhash.exe\" --crc32 - < \"" + file + "\"\"";
+      "cmd.exe /c \"\"" + test::ExamplePath("velhash") + "\" --crc32 - < \"" + file + "\"\"";
   EXPECT_EQ(ExecuteProcess(command, "", TProcessOutputEvent::To(keep), false, nullptr), 0);
   EXPECT_EQ(lines, TStrings{"crc32  cbf43926  -"});
 }

@@ -83,7 +83,7 @@ TEST_F(VelSec, SetsPermissionsThatTheSystemShows) {
       "SACL     Absent",
   };
   EXPECT_EQ(Velsec({"show", "--file", folder.File("sd")}), shown);
-  EXPECT_EQ(Velsec({"show", "HKCR\\" + AppKey, "LaunchPermission"})[7],
+  EXPECT_EQ(Velsec({"show", "HKCR\\" + AppKey, "launchpermission"})[7],
             "  Access allowed Everyone (S-1-1-0): execute, activate locally");
 
   EXPECT_EQ(Velsec({"com", AppID, "--launch", "default"}), initial);
@@ -96,6 +96,68 @@ TEST_F(VelSec, NeverWritesAnEmptyList) {
   EXPECT_EQ(RegQuery("AccessPermission").size(), 20u + 8 + 20 + 16 + 16);
   EXPECT_EQ(Velsec({"com", AppID, "--access", "add", "SYSTEM", "none"}), initial);
   EXPECT_TRUE(RegQuery("AccessPermission").empty());
+}
+
+void Write(const std::string& Value, const std::string& Bytes) {
+  TRegistry registry;
+  registry.SetRootKey(HKEY_CLASSES_ROOT);
+  ASSERT_TRUE(registry.OpenKey(AppKey, true));
+  registry.WriteBinaryData(Value, Bytes.data(), static_cast<int32_t>(Bytes.size()));
+}
+
+TEST_F(VelSec, ChangesBothKindsUnlessOneIsChosen) {
+  const TStrings initial = Velsec({"com", AppID});
+  Velsec({"com", AppID, "add", "Everyone", "deny", "remote-launch"});
+  EXPECT_TRUE(RegQuery("AccessPermission").empty()) << "it has no such right";
+  EXPECT_FALSE(RegQuery("LaunchPermission").empty());
+  Velsec({"com", AppID, "add", "Everyone", "deny"});
+  const TStrings both = Velsec({"com", AppID});
+  ASSERT_EQ(both.size(), initial.size() + 2);
+  EXPECT_EQ(both[3], "  Everyone (S-1-1-0): local-access Deny, remote-access Deny");
+  EXPECT_EQ(both[8],
+            "  Everyone (S-1-1-0): local-launch Deny, local-activation Deny, remote-launch Deny, "
+            "remote-activation Deny");
+  EXPECT_EQ(Velsec({"com", AppID, "default"}), initial);
+}
+
+TEST_F(VelSec, DropsADamagedSetting) {
+  const TStrings initial = Velsec({"com", AppID});
+  Write("AccessPermission", "damaged");
+  const auto run = test::RunExample("velsec", {"com", AppID});
+  EXPECT_EQ(run.Lines,
+            TStrings{"velsec: Cannot read the AccessPermission: Security descriptor is invalid"});
+  EXPECT_EQ(Velsec({"com", AppID, "default"}), initial);
+}
+
+TEST_F(VelSec, TellsListsWithoutEntriesApart) {
+  const struct {
+    TSecurityDescriptorAclType Type;
+    const char* Line;
+  } cases[] = {{sdatAbsent, "  the list is absent: everyone may"},
+               {sdatPresentNull, "  the list is null: everyone may"},
+               {sdatPresentNotNull, "  the list is empty: nobody may"}};
+  for (const auto& c : cases) {
+    TSecurityDescriptor descriptor;
+    descriptor.DaclType = c.Type;
+    descriptor.WriteToRegistry(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission");
+    EXPECT_EQ(Velsec({"com", AppID, "--launch"}),
+              (TStrings{"LaunchPermission of " + AppID, c.Line}));
+  }
+}
+
+TEST_F(VelSec, SaysThatNothingWasWritten) {
+  Velsec({"com", AppID, "--access", "add", "SELF", "none"});
+  const test::TReadOnlyKey locked(HKEY_CLASSES_ROOT, AppKey);
+  for (const TStrings& change : {TStrings{"default"}, TStrings{"add", "SYSTEM", "none"},
+                                 TStrings{"add", "Everyone", "deny"}}) {
+    TStrings arguments = {"com", AppID, "--access"};
+    arguments.insert(arguments.end(), change.begin(), change.end());
+    EXPECT_EQ(test::RunExample("velsec", arguments).Lines,
+              TStrings{"velsec: The setting could not be written"});
+  }
+  // What holds by default is not written either, though it would read the same.
+  EXPECT_EQ(test::RunExample("velsec", {"com", AppID, "--launch", "add", "SYSTEM", "allow"}).Lines,
+            TStrings{"velsec: The setting could not be written"});
 }
 
 TEST_F(VelSec, ShowsFlagsAndNullLists) {

@@ -3,18 +3,14 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
-#include "velox/runtime/velFormat.hpp"
 
 namespace velox {
 namespace {
 
-/// The exit code of velzip.exe, which is built beside the tests.
-uint32_t VelZip(const std::string& Arguments) {
-  char program[MAX_PATH] = "";
-  ::GetModuleFileNameA(nullptr, program, sizeof program);
-  const std::string folder = std::filesystem::path(program).parent_path().string();
-  return test::TChild(Format("\"%s\\velzip.exe\" %s", folder.c_str(), Arguments.c_str())).Wait();
+int32_t VelZip(const std::vector<std::string>& Arguments) {
+  return test::RunExample("velzip", Arguments).ExitCode;
 }
 
 size_t CountFiles(const std::string& Folder) {
@@ -23,30 +19,50 @@ size_t CountFiles(const std::string& Folder) {
   return count;
 }
 
-TEST(VelZip, BringsFilesBackAndLeavesNoneWhenItFails) {
+TEST(VelZip, BringsFilesBack) {
   const test::TTemporaryFolder folder;
-  const std::string plain = folder.File("plain");
-  const std::string packed = folder.File("packed");
-  const std::string out = folder.File("out");
+  const std::string plain = folder.File("plain"), packed = folder.File("packed");
   std::string text;
   for (int i = 0; i < 40'000; ++i) text += std::to_string(i * i);
-  test::WriteFileBytes(plain, text);
-  EXPECT_EQ(VelZip(Format("compress -9 \"%s\" \"%s\"", plain.c_str(), packed.c_str())), 0u);
-  EXPECT_EQ(VelZip(Format("decompress \"%s\" \"%s\"", packed.c_str(), packed.c_str())), 0u)
-      << "in its own place";
-  EXPECT_TRUE(test::ReadFileBytes(packed) == text);
-  EXPECT_EQ(VelZip(Format("compress -1 \"%s\" \"%s\"", plain.c_str(), packed.c_str())), 0u);
-
-  std::string bytes = test::ReadFileBytes(packed);
-  const std::string bad[] = {bytes.substr(0, bytes.size() - 1), bytes + "x", "no zlib data", ""};
-  for (const std::string& content : bad) {
-    test::WriteFileBytes(packed, content);
-    EXPECT_EQ(VelZip(Format("decompress \"%s\" \"%s\"", packed.c_str(), out.c_str())), 1u);
+  // The second byte names the level in two bits (RFC 1950, FLEVEL).
+  const struct {
+    TStrings Level;
+    char Flags;
+  } cases[] = {{{"-1"}, '\x01'}, {{"-9"}, '\xDA'}, {{}, '\x9C'}};
+  for (const std::string& content : {text, std::string()}) {
+    test::WriteFileBytes(plain, content);
+    for (const auto& [level, flags] : cases) {
+      TStrings arguments{"compress", plain, packed};
+      arguments.insert(arguments.begin() + 1, level.begin(), level.end());
+      EXPECT_EQ(VelZip(arguments), 0);
+      EXPECT_EQ(test::ReadFileBytes(packed)[1], flags);
+      arguments = {"decompress", packed, packed};  // in its own place
+      arguments.insert(arguments.begin() + 1, level.begin(), level.end());
+      EXPECT_EQ(VelZip(arguments), 0);
+      EXPECT_TRUE(test::ReadFileBytes(packed) == content);
+    }
   }
-  EXPECT_EQ(VelZip(Format("decompress \"%s\" \"%s\"", out.c_str(), out.c_str())), 1u) << "no input";
-  EXPECT_EQ(VelZip(Format("compress -7 \"%s\" \"%s\"", plain.c_str(), out.c_str())), 1u);
-  EXPECT_EQ(VelZip("--help"), 0u);
-  EXPECT_EQ(VelZip(""), 1u);
+}
+
+TEST(VelZip, LeavesNoFileWhenItFails) {
+  const test::TTemporaryFolder folder;
+  const std::string plain = folder.File("plain"), packed = folder.File("packed"),
+                    out = folder.File("out");
+  test::WriteFileBytes(plain, std::string(1000, 'a'));
+  EXPECT_EQ(VelZip({"compress", plain, packed}), 0);
+  const std::string bytes = test::ReadFileBytes(packed);
+  for (const std::string& content : {bytes.substr(0, bytes.size() - 1), bytes + "x",
+                                     std::string("no zlib data"), std::string()}) {
+    test::WriteFileBytes(packed, content);
+    EXPECT_EQ(VelZip({"decompress", packed, out}), 1);
+  }
+  const auto missing = test::RunExample("velzip", {"compress", out, folder.File("no\\folder")});
+  EXPECT_EQ(missing.ExitCode, 1);
+  ASSERT_EQ(missing.Lines.size(), 1u);
+  EXPECT_NE(missing.Lines[0].find(out), std::string::npos) << "the input comes first";
+  EXPECT_EQ(VelZip({"compress", "-7", plain, out}), 1);
+  EXPECT_EQ(VelZip({}), 1);
+  EXPECT_EQ(VelZip({"--help"}), 0);
   EXPECT_EQ(CountFiles(folder.Path()), 2u) << "plain and packed";
 }
 

@@ -103,6 +103,14 @@ void CALLBACK Raise(ULONG_PTR) {
   GuardCallback([] { throw Exception("from an APC"); });
 }
 
+void CALLBACK WaitAndCount(ULONG_PTR Counter) {
+  GuardCallback([Counter] {
+    const THandle signalled(::CreateEventA(nullptr, TRUE, TRUE, nullptr));
+    WaitForSingleObjectAlertable(signalled.Get());
+    Count(Counter);
+  });
+}
+
 TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
   std::atomic<int> counter{0};
   std::atomic<bool> done{false};
@@ -115,8 +123,13 @@ TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
       },
       [&] {
         return WaitAlertableQuietly(std::array{never.Get(), go.Get()});
+      },
+      [&] {
+        EXPECT_THROW(SleepAlertable(), Exception);  // what ends a sleep
+        return DWORD{WAIT_IO_COMPLETION};
       }};
-  const DWORD expected[] = {WAIT_OBJECT_0, WAIT_OBJECT_0 + 1, WAIT_OBJECT_0 + 1};
+  const DWORD expected[] = {WAIT_OBJECT_0, WAIT_OBJECT_0 + 1, WAIT_OBJECT_0 + 1,
+                            WAIT_IO_COMPLETION};
   for (size_t i = 0; i < std::size(waits); ++i) {
     counter = 0;
     done = false;
@@ -136,6 +149,7 @@ TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
       EXPECT_FALSE(done);
     }
     ::SetEvent(go.Get());
+    if (expected[i] == WAIT_IO_COMPLETION) ::QueueUserAPC(&Raise, thread.Get(), 0);
     WaitForSingleObjectAlertable(thread.Get());
     EXPECT_EQ(result, expected[i]);
   }
@@ -161,6 +175,29 @@ TEST(AlertableWait, RaisesWhatAnApcLetEscapeNoneLost) {
   ::QueueUserAPC(&Raise, own.Get(), 0);
   EXPECT_EQ(WaitAlertableQuietly(std::array{timer.Get()}), WAIT_OBJECT_0);
   EXPECT_THROW(WaitAlertableOnce({}, 0), Exception);
+}
+
+TEST(AlertableWait, AWaitInsideAnApcIsNotRaisedWhatAnotherApcLetEscape) {
+  THandle own(GetRealCurrentThreadHandle());
+  std::atomic<int> counter{0};
+  ::QueueUserAPC(&Raise, own.Get(), 0);
+  ::QueueUserAPC(&WaitAndCount, own.Get(), reinterpret_cast<ULONG_PTR>(&counter));
+  EXPECT_THROW(SleepAlertable(), Exception);
+  EXPECT_EQ(counter, 1);
+  EXPECT_FALSE(HasKeptException());
+
+  // What is kept inside a callback, and not raised there, is left for the outer waits, in order.
+  GuardCallback([] { throw Exception("before"); });
+  GuardCallback([] {
+    GuardCallback([] { throw EConvertError("nested"); });
+    GuardCallback([] { throw EConvertError("nested"); });
+    EXPECT_THROW(RaiseKeptException(), EConvertError);
+    throw EAssertionFailed("own");
+  });
+  EXPECT_EQ(test::MessageOf(&RaiseKeptException), "before");
+  EXPECT_THROW(RaiseKeptException(), EConvertError);
+  EXPECT_THROW(RaiseKeptException(), EAssertionFailed);
+  EXPECT_FALSE(HasKeptException());
 }
 
 TEST(AlertableWait, AnInvalidHandleIsAnError) {

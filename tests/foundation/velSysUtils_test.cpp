@@ -114,6 +114,7 @@ TEST(SysUtilsPaths, ExpandsFromTheBase) {
       {"C:\\base", "D:y", "D:y"},
       {"C:\\base", "D:\\y\\..\\z", "D:\\y\\..\\z"},
       {"C:\\base", "\\\\server\\share\\x", "\\\\server\\share\\x"},
+      {"C:\\base", "/x", "C:\\base\\x"},
       {"\\\\server\\share\\base", "\\x", "\\\\server\\share\\x"},
       {"", "C:\\x\\..\\y", "C:\\y"},
       {"", "", ""},
@@ -141,6 +142,9 @@ TEST(SysUtilsTime, ThrottlesToOnceASecond) {
   TDateTime last = 0;
   EXPECT_TRUE(WaitOneSecond(last));
   EXPECT_NEAR(last, Now(), 60 * Second);
+  const TDateTime first = last;
+  const bool again = WaitOneSecond(last);
+  EXPECT_TRUE(again ? last > first + Second : last == first);
   TDateTime ahead = Now() + 100 * Second;
   const TDateTime unchanged = ahead;
   EXPECT_FALSE(WaitOneSecond(ahead));

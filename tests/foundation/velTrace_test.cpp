@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <new>
 #include <regex>
@@ -211,8 +213,15 @@ TEST(TraceLog, ExceptionsAndSystemErrorsAreDescribed) {
       << all;
 }
 
+class EOutOfItsMemory : public EOutOfMemory {};
+
 const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments) {
   TerminateOnOutOfMemoryRequired = Arguments.at(0) == "end";
+  try {
+    throw EOutOfItsMemory();  // has another name, and so does not count
+  } catch (...) {
+    TraceException("Derived");
+  }
   for (int i = 0; i < 2; ++i) {
     try {
       throw EOutOfMemory();
@@ -233,6 +242,7 @@ TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
       "Overhead = ",       "HeapErrorCode = "};
   ASSERT_GE(lines.size(), 12u);
   const size_t first = lines.size() - 12;
+  EXPECT_NE(lines[first - 1].find("Derived: "), std::string::npos);
   EXPECT_NE(lines[first].find("Out: "), std::string::npos);
   for (size_t i = 0; i < std::size(labels); ++i) {
     EXPECT_TRUE(std::regex_search(lines[first + 1 + i],
@@ -258,6 +268,90 @@ TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
             std::string::npos);
 }
 
+bool NoMemory = false;
+void* Allocate(size_t Size) { return NoMemory ? nullptr : std::malloc(Size); }
+
+// Has the C++ runtime, and so every `new` of the process, ask Allocate for memory.
+bool ReplaceAllocation() {
+  auto* const base = reinterpret_cast<uint8_t*>(::GetModuleHandleA("libstdc++-6.dll"));
+  if (base == nullptr) return false;
+  const auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
+  const auto& header = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew)->OptionalHeader;
+  const auto& table = header.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
+  auto** const imports = reinterpret_cast<const void**>(base + table.VirtualAddress);
+  const auto* wanted =
+      reinterpret_cast<const void*>(::GetProcAddress(::GetModuleHandleA("msvcrt.dll"), "malloc"));
+  const auto found = std::find(imports, imports + table.Size / sizeof *imports, wanted);
+  DWORD before = 0;
+  if (found == imports + table.Size / sizeof *imports ||
+      !::VirtualProtect(found, sizeof *found, PAGE_READWRITE, &before))
+    return false;
+  *found = reinterpret_cast<const void*>(&Allocate);
+  return true;
+}
+
+const test::TRole NoMemoryRole("trace-no-memory", [](const TArguments&) {
+  if (!ReplaceAllocation()) return 2;
+  TerminateOnOutOfMemoryRequired = true;
+  []() noexcept {
+    NoMemory = true;
+    try {
+      const volatile size_t size = 100;
+      ::operator delete(::operator new(size));
+    } catch (...) {
+      TraceException("a text that is longer than what a string holds in itself");
+    }
+  }();
+  return 3;
+});
+
+TEST(TraceLog, WithoutAnyMemoryTheProcessEndsAsWanted) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-no-memory"), 1u);
+}
+
+// Takes the lock that the system holds while it loads a library.
+class TLoaderLock {
+ public:
+  TLoaderLock() {
+    Call<LONG(WINAPI*)(ULONG, ULONG*, ULONG_PTR*)>("LdrLockLoaderLock")(0, nullptr, &Cookie_);
+  }
+  ~TLoaderLock() { Call<LONG(WINAPI*)(ULONG, ULONG_PTR)>("LdrUnlockLoaderLock")(0, Cookie_); }
+
+ private:
+  template <class F>
+  static F Call(const char* Name) {
+    return reinterpret_cast<F>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("ntdll.dll"), Name)));
+  }
+  ULONG_PTR Cookie_ = 0;
+};
+
+const test::TRole LoaderRole("trace-loader", [](const TArguments&) {
+  const THandle go(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  const THandle ready(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  std::thread first([&] {
+    ::SetEvent(ready.Get());
+    ::WaitForSingleObject(go.Get(), INFINITE);
+    Trace("the first record needs the loader", ttError);
+  });
+  ::WaitForSingleObject(ready.Get(), INFINITE);
+  {
+    const TLoaderLock lock;
+    ::SetEvent(go.Get());
+    ::Sleep(200);  // for the other thread to come to wait for the loader
+    Trace("from a library that is being loaded", ttError);
+  }
+  first.join();
+  return 0;
+});
+
+TEST(TraceLog, ALibraryMayTraceWhileItIsLoaded) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-loader"), 0u);
+  EXPECT_GE(log.Lines().size(), 4u);
+}
+
 const test::TRole OwnFileRole("trace-own", [](const TArguments&) {
   TraceThread("one");
   TraceThread("two");
@@ -278,30 +372,30 @@ void CALLBACK AddOne(ULONG_PTR Number) { ++*reinterpret_cast<int*>(Number); }
 void CALLBACK RaiseConvert(ULONG_PTR) { throw EConvertError("inside the APC"); }
 
 TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
+  const test::TLogSince log;
   const THandle own(GetRealCurrentThreadHandle());
   int number = 0;
   EXPECT_NE(TraceAndQueueUserAPC(&AddOne, own.Get(), reinterpret_cast<ULONG_PTR>(&number)), 0u);
   EXPECT_NE(TraceAndQueueUserAPC(&RaiseConvert, own.Get(), 0x12), 0u);
   EXPECT_THROW(SleepAlertable(), EConvertError);
   EXPECT_EQ(number, 1);
-  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
   EXPECT_TRUE(std::regex_search(
-      log,
+      log.Text(),
       std::regex(
           R"(Error  : APC = [0-9A-F]{8,16}, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
 
 TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
+  const test::TLogSince log;
   auto body = [](void*) { throw Exception("unhandled in a body"); };
   DWORD id = 0;
   const THandle thread(TThreadFactory::GetInstance()->CreateThread(
       "Faulty", TThreadExecutionRoutine::To(body), nullptr, id));
   WaitForSingleObjectAlertable(thread.Get());
   TThreadFactory::GetInstance()->UnmapName(id);
-  const std::string log = test::ReadFileBytes(TTracer::GetInstance()->GetFileName());
-  EXPECT_NE(log.find("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "),
-            std::string::npos);
+  EXPECT_TRUE(
+      log.Holds("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "));
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
-// Intel HEX against srec_cat (package srecord) and objcopy (binutils), on the development machine
-// only. A start of srec_cat costs more than all that is done with one image, so each start takes
-// many.
+// Intel HEX against srec_cat (package srecord) and objcopy (binutils), and files that fail, on the
+// development machine only. A start of srec_cat costs more than all that is done with one image, so
+// each start takes many.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "velox/codecs/velIntelHex.hpp"
+#include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 
 namespace velox {
@@ -25,12 +28,14 @@ namespace {
 using TBytes = std::vector<uint8_t>;
 using TArguments = std::vector<std::string>;
 
-constexpr int Starts = 25;
-constexpr int ImagesPerStart = 40;
+constexpr int Starts = 100;
+constexpr int ImagesPerStart = 10;
 // An image's data lies within this many bytes from its start: address 0, or one that puts the
 // boundary of the first segment into the middle.
 constexpr uint32_t Window = 0x4000;
 constexpr uint32_t WindowStarts[] = {0, 0x10000 - Window / 2};
+// Put so far apart, the images share no segment.
+constexpr uint32_t Distance = 0x20000;
 
 /// The program's exit code, -1 when it can't be started. What it prints is dropped, except its
 /// errors.
@@ -85,6 +90,19 @@ bool IsImage(const TIntelHex& Image, const TBytes& Bytes) {
                     Bytes.end());
 }
 
+/// The lines of each image, which begin with its first segment's address.
+std::vector<TStrings> Split(const std::string& FileName) {
+  std::vector<TStrings> images;
+  std::ifstream file(FileName);
+  for (std::string line; std::getline(file, line);) {
+    const bool segment = line.compare(7, 2, "04") == 0;
+    const uint32_t start = segment ? std::stoul(line.substr(9, 4), nullptr, 16) << 16 : 0;
+    if (segment && start / Distance + 1 > images.size()) images.emplace_back();
+    if (!images.empty()) images.back().push_back(line);
+  }
+  return images;
+}
+
 class IntelHexAgainst : public testing::Test {
  protected:
   IntelHexAgainst() {
@@ -109,8 +127,9 @@ TEST_F(IntelHexAgainst, SrecCat) {
   }
   for (int start = 0; start < Starts && !HasFailure(); ++start) {
     SCOPED_TRACE(start);
-    TArguments inputs{"srec_cat", "("};
+    TArguments toBinary{"srec_cat", "("}, toHex = toBinary;
     TBytes all;
+    std::vector<TBytes> windows;
     for (uint32_t i = 0; i < ImagesPerStart; ++i) {
       const TBytes bytes = RandomWindow(Random_);
       const uint32_t windowStart = WindowStarts[i % std::size(WindowStarts)];
@@ -121,24 +140,29 @@ TEST_F(IntelHexAgainst, SrecCat) {
       // Put into one, the windows follow each other.
       all.resize(i * Window, 0xFF);
       all.insert(all.end(), bytes.begin(), bytes.end());
-      inputs.insert(inputs.end(),
-                    {name, "-Intel", "-Offset", std::to_string(int64_t{i} * Window - windowStart)});
+      toBinary.insert(toBinary.end(), {name, "-Intel", "-Offset",
+                                       std::to_string(int64_t{i} * Window - windowStart)});
+      windows.push_back(bytes);
+      toHex.insert(toHex.end(), {name, "-Intel", "-Offset", std::to_string(i * Distance)});
     }
-    inputs.push_back(")");
     // What we wrote, image by image, as srec_cat reads it.
-    TArguments toBinary = inputs;
-    toBinary.insert(toBinary.end(), {"-Fill", "0xFF", "0", std::to_string(all.size()), "-Output",
-                                     File("all.bin"), "-Binary"});
+    toBinary.insert(toBinary.end(), {")", "-Fill", "0xFF", "0", std::to_string(all.size()),
+                                     "-Output", File("all.bin"), "-Binary"});
     ASSERT_EQ(RunProgram(toBinary), 0);
     EXPECT_TRUE(ReadBytes(File("all.bin")) == all);
-    // What srec_cat writes, with records of many lengths.
-    TArguments toHex = inputs;
-    toHex.insert(toHex.end(), {"-Output", File("all.hex"), "-Intel", "-Output_Block_Size",
+    // What srec_cat writes, with records of many lengths, image by image.
+    toHex.insert(toHex.end(), {")", "-Output", File("all.hex"), "-Intel", "-Output_Block_Size",
                                std::to_string(start == 0 ? 255 : Random_() % 254 + 1)});
     ASSERT_EQ(RunProgram(toHex), 0);
-    TIntelHex image;
-    image.LoadFromFile(File("all.hex"));
-    EXPECT_TRUE(IsImage(image, all));
+    const std::vector<TStrings> images = Split(File("all.hex"));
+    ASSERT_EQ(images.size(), windows.size());
+    for (size_t i = 0; i < images.size(); ++i) {
+      TBytes apart(i * Distance + WindowStarts[i % std::size(WindowStarts)], 0xFF);
+      apart.insert(apart.end(), windows[i].begin(), windows[i].end());
+      TIntelHex image;
+      image.LoadFromStrings(images[i]);
+      EXPECT_TRUE(IsImage(image, apart)) << i;
+    }
   }
 }
 
@@ -160,6 +184,37 @@ TEST_F(IntelHexAgainst, Objcopy) {
       RunProgram({"objcopy", "-I", "binary", "-O", "ihex", File("o.bin"), File("theirs.hex")}), 0);
   image.LoadFromFile(File("theirs.hex"));
   EXPECT_TRUE(IsImage(image, bytes));
+}
+
+/// Files can't become longer than this, in its scope.
+class TFileLimit {
+ public:
+  explicit TFileLimit(rlim_t Size) : Handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &Before_);
+    const rlimit limit{Size, Before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~TFileLimit() {
+    setrlimit(RLIMIT_FSIZE, &Before_);
+    std::signal(SIGXFSZ, Handler_);
+  }
+
+ private:
+  rlimit Before_{};
+  void (*Handler_)(int);
+};
+
+TEST_F(IntelHexAgainst, FilesThatFailOnTheWay) {
+  TIntelHex image;
+  Assign(image, {1, 2, 3});
+  EXPECT_THROW(image.LoadFromFile(Folder_), EReadError);  // a folder can be opened, and that's all
+  EXPECT_TRUE(IsImage(image, {1, 2, 3}));
+  for (const uint32_t size : {3, 100'000}) {  // fails when it is closed, and long before
+    Assign(image, TBytes(size, 7));
+    const TFileLimit limit(10);
+    EXPECT_THROW(image.SaveToFile(File("cut.hex")), EWriteError);
+    EXPECT_FALSE(std::filesystem::exists(File("cut.hex")));
+  }
 }
 
 }  // namespace

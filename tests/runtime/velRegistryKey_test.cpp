@@ -36,6 +36,9 @@ TEST(Registry, KeysAreFoundFromTheOpenOneOrFromTheRoot) {
   EXPECT_TRUE(registry.DeleteKey("one"));  // with what is below
   EXPECT_EQ(registry.GetKeyNames(), TStrings{"other"});
 
+  ASSERT_TRUE(registry.OpenKey(registry.GetCurrentPath(), true));
+  EXPECT_EQ(registry.GetCurrentPath(), key.Path() + "\\" + key.Path());
+
   registry.SetRootKey(HKEY_CURRENT_USER);
   EXPECT_NE(registry.GetCurrentKey(), nullptr);
   registry.SetRootKey(HKEY_LOCAL_MACHINE);

@@ -39,6 +39,7 @@ TEST(MemoryStream, RefusesWhatItCannotHold) {
   EXPECT_THROW(stream.Seek(1, TSeekOrigin::soCurrent), EStreamError);
   EXPECT_EQ(stream.Read(nullptr, 1), 0);
   EXPECT_EQ(stream.GetSize(), 0);
+  EXPECT_THROW(TMemoryStream("ab", -1), Exception);
 }
 
 }  // namespace

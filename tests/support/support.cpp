@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 
+#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velFormat.hpp"
 
 namespace velox::test {
@@ -135,6 +136,19 @@ void WriteFileBytes(const std::string& FileName, const std::string& Bytes) {
   file.write(Bytes.data(), static_cast<std::streamsize>(Bytes.size()));
   EXPECT_TRUE(file.good()) << FileName;
 }
+
+namespace {
+
+std::string LogText() {
+  const std::string name = TTracer::GetInstance()->GetFileName();
+  return std::filesystem::exists(name) ? ReadFileBytes(name) : std::string();
+}
+
+}  // namespace
+
+TLogSince::TLogSince() : Begin_(LogText().size()) {}
+
+std::string TLogSince::Text() const { return LogText().substr(Begin_); }
 
 std::string UniqueName(const std::string& Prefix) {
   static std::atomic<unsigned> counter{0};

@@ -89,6 +89,17 @@ class TTemporaryFolder {
 std::string ReadFileBytes(const std::string& FileName);
 void WriteFileBytes(const std::string& FileName, const std::string& Bytes);
 
+/// What is written to this process's trace log from when the object is made.
+class TLogSince {
+ public:
+  TLogSince();
+  std::string Text() const;
+  bool Holds(const std::string& Part) const { return Text().find(Part) != std::string::npos; }
+
+ private:
+  const size_t Begin_;
+};
+
 /// A name for a kernel object that no other run uses.
 std::string UniqueName(const std::string& Prefix);
 

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <memory>
 #include <string>
 
 #include "tests/support/support.hpp"
 #include "velox/runtime/velRegistryKey.hpp"
+#include "velox/system/velSecurity.hpp"
 
 namespace velox::test {
 
@@ -19,6 +23,35 @@ class TTemporaryKey {
 
  private:
   std::string Path_;
+};
+
+/// Lets nobody write into a key, for as long as it lives.
+class TReadOnlyKey {
+ public:
+  TReadOnlyKey(HKEY RootKey, const std::string& Path) {
+    Registry_.SetRootKey(RootKey);
+    Registry_.OpenKey(Path, false);
+    Allow(KEY_READ);
+  }
+  ~TReadOnlyKey() { Allow(KEY_ALL_ACCESS); }
+  TReadOnlyKey(const TReadOnlyKey&) = delete;
+  TReadOnlyKey& operator=(const TReadOnlyKey&) = delete;
+
+ private:
+  void Allow(uint32_t Mask) {
+    TSecurityDescriptor descriptor;
+    auto entry = std::make_unique<TAccessControlEntry>(
+        aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", WinWorldSid));
+    entry->AccessMask = Mask;
+    if (descriptor.GetDacl().AddAce(entry.get())) entry.release();
+    descriptor.DaclType = sdatPresentNotNull;
+    const auto built = descriptor.BuildDescriptor(false);
+    EXPECT_EQ(
+        ::RegSetKeySecurity(Registry_.GetCurrentKey(), DACL_SECURITY_INFORMATION, built.get()),
+        ERROR_SUCCESS);
+  }
+
+  TRegistry Registry_;  // its handle keeps the rights that it was opened with
 };
 
 }  // namespace velox::test

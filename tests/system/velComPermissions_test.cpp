@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "tests/support/temporary_key.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velRegistryKey.hpp"
 
@@ -71,6 +72,13 @@ TEST(ComRights, AreSplitSinceTheirServicePacks) {
 
 // Which permissions a mask touches: the plain one, then those for activating and launching, locally
 // and remotely.
+TEST(ComRights, HaveNames) {
+  EXPECT_EQ(StringToPermissionType("allow"), ptAllow);
+  EXPECT_EQ(StringToPermissionType("DENY"), ptDeny);
+  EXPECT_EQ(StringToPermissionType("None"), ptNone);
+  EXPECT_EQ(StringToPermissionType("den"), ptNone);
+}
+
 TEST(ComRights, AreTouchedByMasks) {
   const TSecurityIdentifier everyone("", WinWorldSid);
   for (const auto& [mask, touched] : std::vector<std::pair<uint32_t, std::string>>{
@@ -126,7 +134,10 @@ TEST_F(ComPermissions, AreTheServersElseTheMachinesElseTheBuiltInOnes) {
     return;
   }
   const struct TRestore {
-    ~TRestore() { Registry.DeleteValue("DefaultLaunchPermission"); }
+    ~TRestore() {
+      Registry.DeleteValue("DefaultLaunchPermission");
+      Registry.DeleteValue("DefaultAccessPermission");
+    }
     TRegistry& Registry;
   } restore{machine};
   TComServerLaunchPermissions launch(AppID);
@@ -145,6 +156,8 @@ TEST_F(ComPermissions, AreTheServersElseTheMachinesElseTheBuiltInOnes) {
   }
   defaults.WriteToRegistry(HKEY_LOCAL_MACHINE, machine.GetCurrentPath(), "DefaultLaunchPermission");
   EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), (TEntries{"S-1-1-0 27 5"}));
+  defaults.WriteToRegistry(HKEY_LOCAL_MACHINE, machine.GetCurrentPath(), "DefaultAccessPermission");
+  EXPECT_EQ(Entries(TComServerAccessPermissions(AppID)), (TEntries{"S-1-1-0 3 5"}));
   launch.Apply();
   EXPECT_EQ(Stored("LaunchPermission"),
             (TEntries{"S-1-5-32-544 0 31", "S-1-5-4 0 31", "S-1-5-18 0 31"}));
@@ -179,6 +192,32 @@ TEST_F(ComPermissions, AreWrittenDenialsFirstAndReadBack) {
       TComServerPermissions::RegistryValueExists(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission"));
 }
 
+TEST_F(ComPermissions, LeaveAloneWhatCannotBeOpened) {
+  TComServerLaunchPermissions launch(AppID);
+  launch.Apply();
+  const TEntries stored = Stored("LaunchPermission");
+  const test::TReadOnlyKey locked(HKEY_CLASSES_ROOT, AppKey);
+  launch.AddEntryEx("", "Everyone", ptDeny, ptDeny, ptDeny, ptDeny, ptDeny);
+  launch.Apply();
+  EXPECT_EQ(Stored("LaunchPermission"), stored);
+  launch.UseDefault();
+  EXPECT_EQ(Stored("LaunchPermission"), stored);
+}
+
+// Absent and null let everyone in, empty nobody.
+TEST_F(ComPermissions, AreNoEntriesWithoutAListAndWithAnEmptyOne) {
+  for (const auto type : {sdatAbsent, sdatPresentNull, sdatPresentNotNull}) {
+    TSecurityDescriptor descriptor;
+    descriptor.DaclType = type;
+    descriptor.WriteToRegistry(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission");
+    EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), TEntries());
+    TSecurityDescriptor read;
+    EXPECT_TRUE(TComServerPermissions::ReadFromRegistry(HKEY_CLASSES_ROOT, AppKey,
+                                                        "LaunchPermission", read));
+    EXPECT_EQ(read.DaclType, type);
+  }
+}
+
 /// As on a system that does not split the rights.
 class TPlainAccess : public TComServerAccessPermissions {
  public:
@@ -203,12 +242,23 @@ TEST_F(ComPermissions, RefuseDamagedSettings) {
   TRegistry registry;
   registry.SetRootKey(HKEY_CLASSES_ROOT);
   ASSERT_TRUE(registry.OpenKey(AppKey, true));
-  registry.WriteBinaryData("AccessPermission", "\1\0\4\x80", 4);
-  try {
-    TComServerAccessPermissions permissions(AppID);
-    ADD_FAILURE() << "taken";
-  } catch (const Exception& e) {
-    EXPECT_STREQ(e.what(), "Security descriptor is invalid");
+  TSecurityDescriptor whole;
+  whole.SetOwner(std::make_unique<TSecurityIdentifier>("", WinWorldSid));
+  whole.DaclType = sdatPresentNotNull;
+  const struct {
+    int32_t Offset;
+    uint8_t Byte;
+  } damages[] = {{0, 2}, {20, 9}, {22, 4}, {24, 1}, {28, 2}};  // of all, the list, the owner
+  for (const auto& damage : damages) {
+    const std::unique_ptr<uint8_t[]> bytes = whole.BuildDescriptor(true);
+    bytes[static_cast<size_t>(damage.Offset)] = damage.Byte;
+    registry.WriteBinaryData("AccessPermission", bytes.get(), whole.GetSize());
+    try {
+      TComServerAccessPermissions permissions(AppID);
+      ADD_FAILURE() << "taken: " << damage.Offset;
+    } catch (const Exception& e) {
+      EXPECT_STREQ(e.what(), "Security descriptor is invalid");
+    }
   }
 }
 

@@ -57,6 +57,9 @@ class TReactorThread : public TObject {
   /// own Run().
   static void ForgetRunning(TReaction& Reaction) noexcept;
 
+  /// Of the calling thread, or null.
+  static TReactorThread* GetCurrent() noexcept { return Current_; }
+
  private:
   void Execute(void* AParameter);
   void WaitAndRun();
@@ -260,6 +263,8 @@ void TReactorThread::RunQueuedRequests() noexcept {
 }
 
 TReactor* TReactor::GetInstance() { return SingletonInstance<TReactor>(ReactorSlot); }
+
+bool TReactor::IsReactorThread() noexcept { return TReactorThread::GetCurrent() != nullptr; }
 
 TObject* TReactor::SingletonConstruction() { return new TReactor; }
 

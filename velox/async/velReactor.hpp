@@ -28,6 +28,9 @@ class VELOX_API TReactor : public TObject {
   static TReactor* GetInstance();
   static TObject* SingletonConstruction();
 
+  /// Whether the calling thread is one of a reactor's.
+  static bool IsReactorThread() noexcept;
+
   /// Without threads: reactions bring them.
   TReactor();
   /// Ends the threads; reactions that are still active are taken out of their sets.

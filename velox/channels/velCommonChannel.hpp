@@ -399,10 +399,16 @@ class VELOX_API TOperationQueue : public TObject {
                                TObject* Parameter);
 
   /// The same for the end of a chunk, on a queue that may be gone; then goes on carrying for as
-  /// long as handlers add operations, so that these need no signal through the system.
+  /// long as handlers add operations, so that these need no signal through the system. On a reactor
+  /// thread that includes what handlers add to other queues.
   static void RunOnReactor(TQueueReference Target,
                            std::initializer_list<TProcessOperationsProcedure> Procedures,
                            TObject* Parameter);
+
+  /// The part of it that is about one queue.
+  static void RunTurn(const TQueueReference& Target,
+                      std::initializer_list<TProcessOperationsProcedure> Procedures,
+                      TObject* Parameter);
 
   /// For whom may call the queue when it is gone.
   TQueueReference GetReference() const { return {const_cast<TOperationQueue*>(this), Shared_}; }

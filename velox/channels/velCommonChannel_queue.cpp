@@ -38,6 +38,46 @@ uint64_t PreciseMilliseconds() noexcept {
 // turn.
 constexpr int MaximalRounds = 32;
 
+// Queues of which a reaction's handlers activated or ended operations. The reaction looks at them
+// itself before it ends: an event would have its own thread do that a little later, at the price of
+// two calls of the system.
+class TLooks {
+ public:
+  TLooks() noexcept {
+    if (Current == nullptr && TReactor::IsReactorThread()) Current = this;
+  }
+  ~TLooks();
+  TLooks(const TLooks&) = delete;
+  TLooks& operator=(const TLooks&) = delete;
+
+  /// False when the calling thread is in no reaction; the event has to tell then.
+  static bool Add(const TQueueReference& Target) noexcept {
+    if (Current == nullptr) return false;
+    try {
+      Current->Waiting_.push_back(Target);
+    } catch (...) {
+      return false;
+    }
+    return true;
+  }
+
+  /// The next one; none when there is none, or this is a run within another, which looks then.
+  TQueueReference Take() noexcept {
+    if (Waiting_.empty() || ++Taken_ > MaximalRounds) return {};
+    TQueueReference target = std::move(Waiting_.front());
+    Waiting_.erase(Waiting_.begin());
+    return target;
+  }
+
+ private:
+  static thread_local TLooks* Current;  // of the calling thread
+
+  std::vector<TQueueReference> Waiting_;
+  int Taken_ = 0;
+};
+
+thread_local TLooks* TLooks::Current = nullptr;
+
 }  // namespace
 
 // What outlives the queue while somebody is still at work with it.
@@ -47,8 +87,10 @@ struct TQueueShared {
   static constexpr uint64_t OneClearing = uint64_t{1} << 32;
   static uint64_t Cleared(uint64_t Word) noexcept { return (Word / OneClearing + 1) * OneClearing; }
 
+  /// Whether this signal is the first.
+  bool Count() noexcept { return static_cast<uint32_t>(Signals.fetch_add(1)) == 0; }
   void Signal() noexcept {
-    if (static_cast<uint32_t>(Signals.fetch_add(1)) == 0) ::SetEvent(QueueChangedEvent.Get());
+    if (Count()) ::SetEvent(QueueChangedEvent.Get());
   }
   void Clear() noexcept {
     uint64_t word = Signals.load();
@@ -65,6 +107,21 @@ struct TQueueShared {
   std::atomic<bool> Closed{false};  // set under Lock, for good
   bool Gone = false;                // guarded by Lock: the queue is being destroyed
 };
+
+namespace {
+
+TLooks::~TLooks() {
+  if (Current != this) return;
+  Current = nullptr;
+  for (const TQueueReference& left : Waiting_) ::SetEvent(left.Shared->QueueChangedEvent.Get());
+}
+
+void Signal(const TQueueReference& Target) noexcept {
+  if (Target.Shared->Count() && !TLooks::Add(Target))
+    ::SetEvent(Target.Shared->QueueChangedEvent.Get());
+}
+
+}  // namespace
 
 // One reaction run. Signals that come during the run are taken by the run itself.
 struct TOperationQueue::TTurn {
@@ -311,7 +368,7 @@ void TOperationQueue::AddOperation(const TReference& Target, TTransferOperation&
     Operation.State_ = TOperationState::osPending;
     Operation.Active_ = true;
   }
-  Target.Shared->Signal();
+  Signal(Target);
 }
 
 void TOperationQueue::CancelOperation(TTransferOperation& Operation) {
@@ -320,10 +377,10 @@ void TOperationQueue::CancelOperation(TTransferOperation& Operation) {
 
 void TOperationQueue::CancelOperation(const TReference& Target, TTransferOperation& Operation) {
   struct TSignalAtEnd {
-    ~TSignalAtEnd() { Shared.Signal(); }
-    TShared& Shared;
+    ~TSignalAtEnd() { Signal(Target); }
+    const TReference& Target;
   };
-  const TSignalAtEnd atEnd{*Target.Shared};  // OnComplete may destroy the queue
+  const TSignalAtEnd atEnd{Target};  // OnComplete may destroy the queue
   Execute(Target,
           {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateOperation>(Target.Queue)},
           &Operation);
@@ -334,7 +391,7 @@ void TOperationQueue::Finalize() {
       {TProcessOperationsProcedure::Bind<&TOperationQueue::TerminateAllOperations>(this)}, nullptr);
 }
 
-void TOperationQueue::ScheduleOperationQueueChanged() { Shared_->Signal(); }
+void TOperationQueue::ScheduleOperationQueueChanged() { Signal(GetReference()); }
 
 void TOperationQueue::DoOperationQueueChanged() {
   ExecuteOperationProcess(
@@ -368,6 +425,18 @@ void TOperationQueue::DoOperationTimeout(TObject*) {
 void TOperationQueue::RunOnReactor(TReference Target,
                                    std::initializer_list<TProcessOperationsProcedure> Procedures,
                                    TObject* Parameter) {
+  TLooks looks;
+  RunTurn(Target, Procedures, Parameter);
+  for (TReference other = looks.Take(); other.Queue != nullptr; other = looks.Take())
+    RunTurn(other,
+            {TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(
+                other.Queue)},
+            nullptr);
+}
+
+void TOperationQueue::RunTurn(const TReference& Target,
+                              std::initializer_list<TProcessOperationsProcedure> Procedures,
+                              TObject* Parameter) {
   const auto idle =
       TProcessOperationsProcedure::Bind<&TOperationQueue::TransferOperationDataWhenIdle>(
           Target.Queue);

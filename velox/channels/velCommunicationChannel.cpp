@@ -11,6 +11,7 @@
 #include "velox/channels/velPendingRequest.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velCallbackGuard.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velMessages.hpp"
@@ -224,6 +225,7 @@ void CALLBACK TCommunicationOperationQueue::TRequest::Completed(DWORD Error, DWO
                                                                 OVERLAPPED* Overlapped) noexcept {
   auto* const request = static_cast<TRequest*>(Of(Overlapped));
   if (request->Leave(false)) return;
+  const TCallbackScope scope;
   // Of a request that failed the routine is told 0 bytes, whatever it has carried.
   if (Error != 0)
     Transferred = std::min(static_cast<DWORD>(Overlapped->InternalHigh), request->Size());

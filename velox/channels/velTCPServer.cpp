@@ -117,12 +117,13 @@ void TCustomTCPServer::Release() noexcept {
 void TCustomTCPServer::ThreadRoutine(void*) {
   { const TForReading started(ThreadLock_); }
   LastCheck_ = Now();
+  const std::string name = GetServerName();  // made while there is memory for it
   for (;;) {
     try {
       if (!ServeOnce()) return;
       CheckWhenDue();
     } catch (...) {
-      TraceException(GetServerName());
+      TraceException(name);
     }
   }
 }

@@ -9,6 +9,7 @@
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velMessages.hpp"
+#include "velox/runtime/velWipe.hpp"
 
 namespace velox {
 namespace {
@@ -69,21 +70,14 @@ void RequireNotNegative(int32_t Size) {
   if (Size < 0) throw Exception(SizeIncorrect);
 }
 
-// Volatile, so that the compiler keeps writes that nobody reads.
-template <class T>
-void Wipe(T& Value) noexcept {
-  auto* bytes = reinterpret_cast<volatile unsigned char*>(&Value);
-  for (size_t i = 0; i < sizeof Value; ++i) bytes[i] = 0;
-}
-
 }  // namespace
 
 TGostCryptor::TGostCryptor() { InitializeSubstitutionTable(); }
 
 TGostCryptor::~TGostCryptor() {
-  Wipe(SubstitutionTable_);
-  Wipe(Key);
-  Wipe(Folded_);
+  Wipe(&SubstitutionTable_, sizeof SubstitutionTable_);
+  Wipe(&Key, sizeof Key);
+  Wipe(&Folded_, sizeof Folded_);
 }
 
 void TGostCryptor::InitializeSubstitutionTable() {

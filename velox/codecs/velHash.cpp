@@ -158,8 +158,8 @@ TValue TCRC<TValue>::Append(TValue Value, void* Data, int32_t Size) const {
 
 template <std::unsigned_integral TValue>
 bool TCRC<TValue>::CheckInto(TValue& Value, const void* Data, int32_t Size) const noexcept {
+  if (Size < SizeOf<TValue>) return false;
   const int32_t size = Size - SizeOf<TValue>;
-  if (size < 0) return false;
   auto word = LoadLittle<TValue>(static_cast<const uint8_t*>(Data) + size);
   word = static_cast<TValue>(word ^ FinalXor_);
   if (ReflectInput_ != ReflectOutput_) word = Reverse(word);
@@ -365,8 +365,8 @@ uint32_t TTwoSumChecksum<TWord, Modulus, BlockSize>::CalculateAndAppend(void* Da
 
 template <std::unsigned_integral TWord, uint32_t Modulus, int32_t BlockSize>
 bool TTwoSumChecksum<TWord, Modulus, BlockSize>::Check(const void* Data, int32_t Size) {
+  if (Size < SizeOf<uint32_t>) return false;
   const int32_t size = Size - SizeOf<uint32_t>;
-  if (size < 0) return false;
   return Calculate(Data, size) == LoadLittle<uint32_t>(static_cast<const uint8_t*>(Data) + size);
 }
 

@@ -29,7 +29,7 @@ static_assert(std::endian::native == std::endian::little,
 constexpr uint8_t Nothing = 0xFF;
 constexpr uint32_t SegmentSize = 0x10000;
 constexpr uint32_t LargestSize = std::numeric_limits<int32_t>::max();
-// The most room that loading takes beyond what it needs at the moment.
+// The most room that growing takes beyond what is needed at the moment.
 constexpr uint32_t LargestSpare = 16 << 20;
 // Fewer bytes of 0xFF than this between data are saved as data: a new record would cost more.
 constexpr uint32_t SplittingGap = 6;
@@ -145,7 +145,12 @@ void TIntelHex::Clear() noexcept { Buffer_ = std::vector<uint8_t>(); }
 
 void TIntelHex::SetBufferSize(uint32_t Size) {
   if (Size > LargestSize) throw Exception(messages::seImageTooLarge);
+  // Doubling a large image could ask for twice the memory that it needs, so there the room grows by
+  // steps.
+  const uint64_t capacity = Buffer_.capacity();
+  const uint64_t roomy = std::min<uint64_t>({2 * capacity, capacity + LargestSpare, LargestSize});
   try {
+    if (Size > capacity) Buffer_.reserve(static_cast<size_t>(std::max<uint64_t>(Size, roomy)));
     Buffer_.resize(Size, Nothing);
   } catch (const std::exception&) {
     throw EOutOfMemory();
@@ -155,15 +160,6 @@ void TIntelHex::SetBufferSize(uint32_t Size) {
 void TIntelHex::RequireBufferSize(uint64_t Size) {
   if (Size <= Buffer_.size()) return;
   if (Size > LargestSize) throw Exception(messages::seImageTooLarge);
-  // Doubling a large image could ask for twice the memory that it needs, so there the room grows by
-  // steps.
-  const uint64_t capacity = Buffer_.capacity();
-  const uint64_t roomy = std::min<uint64_t>({2 * capacity, capacity + LargestSpare, LargestSize});
-  try {
-    if (Size > capacity) Buffer_.reserve(static_cast<size_t>(std::max(Size, roomy)));
-  } catch (const std::exception&) {
-    throw EOutOfMemory();
-  }
   SetBufferSize(static_cast<uint32_t>(Size));
 }
 
@@ -242,6 +238,7 @@ void TIntelHex::LoadFromStrings(const TStrings& Lines) {
     }
   }
   SetBufferSize(highestEnd);
+  Buffer_.shrink_to_fit();  // an address record far up opens a segment that may stay empty
 }
 
 void TIntelHex::StoreRecord(const uint8_t* Record, uint32_t& Base, uint32_t& HighestEnd) {

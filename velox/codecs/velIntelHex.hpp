@@ -58,9 +58,9 @@ class VELOX_API TIntelHex : public TObject {
 
   /// Replaces the image by the one these lines describe; it ends with its last byte of data. Blanks
   /// around a line and empty lines don't matter, a data record without bytes counts as an end all
-  /// the same, digits may be of either case. Where records
-  /// overlap the later one stands. Lines behind the end-of-file record are ignored, and it may be
-  /// missing. Records of type 5 (start address) are ignored, those of types 2 and 3 refused.
+  /// the same, digits may be of either case. Where records overlap the later one stands. Lines
+  /// behind the end-of-file record are ignored, and it may be missing. Records of type 5 (start
+  /// address) are ignored, those of types 2 and 3 refused.
   ///
   /// A fault raises Exception "Line %d : %s" with the line's number (from 1) and the reason: those
   /// of DecodeLine and CheckRecord, or that the address is beyond what an image can hold. The image

@@ -74,8 +74,9 @@ class TBufferStream {
   TBufferStream(const TBufferStream&) = delete;
   TBufferStream& operator=(const TBufferStream&) = delete;
 
-  // Extends the output by Step bytes (its vector at least doubles when it must move) and aims zlib
-  // at them.
+  // Extends the output by Step bytes and aims zlib at them. The vector at least doubles its room
+  // when it must move: a step may be a thousandth of the whole, and moving for each would copy it
+  // all hundreds of times.
   void Grow(size_t Step) {
     const size_t done = Output.size() - Stream.avail_out;
     if (Step > Output.max_size() - Output.size()) throw EOutOfMemory();
@@ -204,14 +205,18 @@ int32_t TCompressionStream::Write(const void* Buffer, int32_t Count) {
   engine.Stream.next_in = static_cast<const Bytef*>(Buffer);
   engine.Stream.avail_in = static_cast<uInt>(Count);
   RestorePosition();
-  if (engine.Stream.avail_out == 0) WriteArea();  // a block that could not be written before
+  WriteFullArea();  // a block that could not be written before
   while (engine.Stream.avail_in > 0) {
     Check<ECompressionError>(engine.Count(deflate, Z_NO_FLUSH));
-    if (engine.Stream.avail_out > 0) continue;
-    WriteArea();
-    Progress(this);
+    WriteFullArea();
   }
   return Count;
+}
+
+void TCompressionStream::WriteFullArea() {
+  if (Engine_->Stream.avail_out > 0) return;
+  WriteArea();
+  Progress(this);
 }
 
 // A block that can't be written stays, and FStrmPos with it, for another try.

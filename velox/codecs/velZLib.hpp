@@ -121,6 +121,7 @@ class VELOX_API TCompressionStream : public TCustomZlibStream {
 
  private:
   void WriteArea();
+  void WriteFullArea();
 
   bool Finished_ = false;
 };

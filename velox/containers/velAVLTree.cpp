@@ -138,7 +138,12 @@ void TAVLTree::Add_KeyNotFound(TAVLTreeNode*& Link, TSearchContext& Context) {
   Copy(GetKeyPointer(node.get()), Context.Key, KeySize_);
   void* const data = GetDataPointer(node.get());
   WithSize(DataSize_, [data](auto bytes) { std::memset(data, 0, bytes); });
-  StoreData(node.get(), Context.Data);
+  try {
+    StoreData(node.get(), Context.Data);
+  } catch (...) {
+    ReleaseData(node.get());  // a descendant may raise behind its base's part of the work
+    throw;
+  }
   Link = node.release();
   Context.Iteration = &AddStep;
 }

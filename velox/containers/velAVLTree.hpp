@@ -32,7 +32,7 @@ using TAVLIterationRoutine =
 ///
 /// Keys and data are copied by size: a shorter buffer than KeySize or DataSize is a fault that
 /// can't be noticed. The data follows the key at once, so it may be misaligned: copy it out. An
-/// exception from the comparison or from StoreData leaves the tree as it was.
+/// exception from the comparison or from StoreData leaves the nodes of the tree as they were.
 ///
 /// Threads: one at a time; searching an unchanging tree from several is fine. Routines that the
 /// tree calls must not change it.
@@ -77,8 +77,8 @@ class VELOX_API TAVLTree : public TObject {
   /// Puts Data into a node, which is new (all zeros) or holds data already. Here: copies DataSize
   /// bytes.
   virtual void StoreData(TAVLTreeNode* Node, const void* Data);
-  /// A node's data is about to go. It must not raise. Descendants that override this call Clear()
-  /// in their destructors.
+  /// A node's data is about to go, which is still all zeros when StoreData raised for a new node at
+  /// once. It must not raise. Descendants that override this call Clear() in their destructors.
   virtual void ReleaseData(TAVLTreeNode* Node);
 
   /// Where a node keeps its key, and its data behind that.

@@ -17,6 +17,7 @@ void TInterfaceArray::AddItem(IInterface* Item, int32_t Index) {
   if (GetAllocCount() == Count_) {
     const int64_t grown = std::max(int64_t{Count_} + 10, int64_t{Count_} * 11 / 10);
     if (grown > std::numeric_limits<int32_t>::max()) throw EOutOfMemory();
+    Items_.reserve(static_cast<size_t>(grown));  // resizing alone would double the room
     Items_.resize(static_cast<size_t>(grown));
   }
   const auto place = Items_.begin() + Index;

@@ -28,7 +28,7 @@ using TInterfaceReference = std::unique_ptr<IInterface, TInterfaceRelease>;
 ///
 /// An item whose last reference is the array's is destroyed inside the operation that removes it;
 /// it must not touch the array then. Indexes count from 0; a wrong one raises Exception "Invalid
-/// index" and changes nothing.
+/// index" and changes nothing, in every operation that takes one.
 ///
 /// Threads: one at a time.
 class VELOX_API TInterfaceArray : public TObject {
@@ -39,7 +39,7 @@ class VELOX_API TInterfaceArray : public TObject {
 
   /// Appends. Null, and what is there already, are items like others.
   void Add(IInterface* Item) { AddItem(Item, Count_); }
-  /// Inserts at Index (0..Count).
+  /// Inserts at Index (0..Count), moving those from there on up.
   void AddItem(IInterface* Item, int32_t Index);
 
   /// Removes the first place that holds the item; nothing when it is absent.

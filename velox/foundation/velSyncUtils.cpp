@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <memory>
 #include <mutex>
 
@@ -37,6 +38,17 @@ unsigned RunThread(TStartRecord* Start) noexcept {
   } catch (...) {
     if (const TThreadExceptionHook hook = ExceptionHook.load()) hook(record->Name);
     return 1;
+  }
+}
+
+// Makes the reason for which _beginthreadex failed the last error. It has told the C runtime alone
+// when that keeps one.
+void TakeStartError() noexcept {
+  const int error = errno;
+  if (const unsigned long code = _doserrno; code != 0) {
+    ::SetLastError(code);
+  } else if (error == ENOMEM) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   }
 }
 
@@ -107,9 +119,14 @@ HANDLE TThreadFactory::CreateThread(const std::string& Name, const TThreadExecut
   std::unique_ptr<TStartRecord> record(new TStartRecord{this, Name, Routine, Parameter});
   // The id is stored where the caller wants it before the thread runs.
   static_assert(sizeof(unsigned) == sizeof(DWORD));
+  errno = 0;
+  _doserrno = 0;
   const uintptr_t thread = ::_beginthreadex(nullptr, 0, &ThreadEntry, record.get(), 0,
                                             reinterpret_cast<unsigned*>(&ThreadId));
-  if (thread == 0) return nullptr;
+  if (thread == 0) {
+    TakeStartError();
+    return nullptr;
+  }
   record.release();  // the thread's now
   return reinterpret_cast<HANDLE>(thread);
 }

@@ -74,6 +74,16 @@ bool EndsInSeparator(std::string_view Path) noexcept {
   return !Path.empty() && IsSeparator(Path.back()) && LastDelimiter(Path) == Path.size() - 1;
 }
 
+/// The position of the first separator at or behind Start, where a character begins; npos when
+/// there is none.
+size_t FindSeparator(std::string_view Path, size_t Start) noexcept {
+  for (size_t i = Start; i < Path.size(); ++i) {
+    if (IsSeparator(Path[i])) return i;
+    if (::IsDBCSLeadByte(static_cast<BYTE>(Path[i]))) ++i;
+  }
+  return std::string_view::npos;
+}
+
 /// The folder part, without the separator that ends it unless that belongs to a root ("C:\", "\\").
 std::string_view FolderPart(std::string_view Path) noexcept {
   const size_t last = LastDelimiter(Path);
@@ -89,9 +99,9 @@ std::string_view DrivePart(std::string_view Path) noexcept {
   if (Path.size() < 2) return {};
   if (Path[1] == ':') return Path.substr(0, 2);
   if (!IsSeparator(Path[0]) || !IsSeparator(Path[1])) return {};
-  const size_t server = Path.find_first_of("\\/", 2);
-  return Path.substr(
-      0, server == std::string_view::npos ? server : Path.find_first_of("\\/", server + 1));
+  const size_t server = FindSeparator(Path, 2);
+  return Path.substr(0,
+                     server == std::string_view::npos ? server : FindSeparator(Path, server + 1));
 }
 
 bool IsFolder(const std::string& Path) noexcept {
@@ -148,7 +158,7 @@ std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string&
   if (Path.empty()) return BasePath;
   if (BasePath.empty()) return FullPath(Path);
   if (!DrivePart(Path).empty()) return Path;
-  if (IsSeparator(Path[0])) return std::string(DrivePart(BasePath)) + Path;
+  if (Path[0] == '\\') return std::string(DrivePart(BasePath)) + Path;
   return FullPath(BasePath + (EndsInSeparator(BasePath) ? "" : "\\") + Path);
 }
 
@@ -189,7 +199,12 @@ std::string TakeParameter(std::string_view& Text) {
     parameter.append(beforeQuote ? backslashes / 2 : backslashes, '\\');
     i = end;
     if (!beforeQuote) {
-      if (i < Text.size() && (quoted || !IsBlank(Text[i]))) parameter += Text[i++];
+      if (i < Text.size() && (quoted || !IsBlank(Text[i]))) {
+        // The second half of a letter may look like a backslash.
+        const size_t letter = ::IsDBCSLeadByte(static_cast<BYTE>(Text[i])) ? 2 : 1;
+        parameter += Text.substr(i, letter);
+        i = std::min(i + letter, Text.size());
+      }
     } else if (backslashes % 2 != 0) {
       parameter += Text[i++];
     } else if (quoted && Text.substr(i, 2) == "\"\"") {

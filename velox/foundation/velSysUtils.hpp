@@ -152,7 +152,8 @@ VELOX_API bool EnsurePathExists(const std::string& Path);
 
 /// The absolute path that Path means when it is seen from the folder BasePath. An empty one of the
 /// two leaves the other. A path with a drive or a share is returned as it is; one that begins with
-/// "\" gets the base's drive (or share). Raises EOSError when the system can't tell the full name.
+/// "\" (not "/") gets the base's drive (or share). Raises EOSError when the system can't tell the
+/// full name.
 VELOX_API std::string ExpandToAbsolutePath(const std::string& BasePath, const std::string& Path);
 
 // -------------------------------------------------------------------------------------------- time
@@ -196,7 +197,8 @@ using TProcessOutputEvent = TMethod<void(const std::string&)>;
 ///
 /// A line ends at a line feed, or at a carriage return without one. The latter is how a program
 /// rewrites a line in place, such as a counter of progress: those lines are passed on only when
-/// ReportCarriageReturnLines is set. A last line without an end is passed on as well.
+/// ReportCarriageReturnLines is set. A last line without an end is passed on as well. The calling
+/// thread runs no APCs meanwhile.
 ///
 /// CurrentDirectory may be empty: the caller's own. Another thread may set *Cancel (it is cleared
 /// when the child has been started): the child is then ended with exit code 1223 as soon as it next

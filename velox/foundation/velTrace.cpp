@@ -3,6 +3,8 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string_view>
+#include <typeinfo>
 
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -78,33 +80,14 @@ void WriteAll(const THandle& File, const std::string& Text) noexcept {
     ::WriteFile(File.Get(), Text.data(), static_cast<DWORD>(Text.size()), &written, nullptr);
 }
 
-std::string Banner(const std::string& Prefix) {
-  std::string text;
-  const TModuleInfo& module = *TModuleInfo::GetInstance();
-  if (module.GetVersionInfo() != nullptr)
-    text = Prefix + "Module version: " + module.ModuleVersion() + "\r\n";
-  const TDateTime started = TProcessInfo::GetInstance()->GetCreationTime();
-  return text + Prefix + "Module started: " + FormatTimeStamp(started) + " \r\n";
-}
-
-// Empty when the process can't be described now: the record is written all the same, and the next
-// one tries again.
-std::string TryBanner(const std::string& Prefix) {
-  try {
-    return Banner(Prefix);
-  } catch (...) {
-    return {};
-  }
-}
-
 // "TEXT: MESSAGE. CLASS at ADDRESS"
-std::string ExceptionText(const std::string& Text, const TExceptionDescription& Raised) {
+std::string ExceptionText(std::string_view Text, const TExceptionDescription& Raised) {
   std::string message;
   if (Raised.HasMessage) {
     const bool separate = Text.empty() || (Text.back() != '\r' && Text.back() != '\n');
     message = (separate ? ": " : "") + Raised.Message;
   }
-  return Text + message + ". " + Raised.ClassName +
+  return std::string(Text) + message + ". " + Raised.ClassName +
          Format(" at %08llX",
                 static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Raised.Address)));
 }
@@ -135,8 +118,8 @@ bool IsOutOfMemory() noexcept {
   if (std::current_exception() == nullptr) return false;
   try {
     throw;
-  } catch (const EOutOfMemory&) {
-    return true;
+  } catch (const EOutOfMemory& e) {
+    return typeid(e) == typeid(EOutOfMemory);
   } catch (const std::bad_alloc&) {
     return true;
   } catch (...) {
@@ -155,12 +138,12 @@ void TryWrite(F&& Write) noexcept {
 }
 
 // Once a process: tells the state of the heaps, and ends the process if that is wanted, whether or
-// not there is memory left to tell it.
-void HandleOutOfMemory(TTracer& Tracer) noexcept {
+// not there is memory left to tell it. Without memory for the log itself, Tracer is null.
+void HandleOutOfMemory(TTracer* Tracer) noexcept {
   if (OutOfMemoryHandled.exchange(true)) return;
-  TryWrite([&] { TraceHeapStatus(Tracer); });
+  if (Tracer != nullptr) TryWrite([&] { TraceHeapStatus(*Tracer); });
   if (!TerminateOnOutOfMemoryRequired) return;
-  TryWrite([&] { Tracer.Trace("Application terminated due to out of memory", ttError); });
+  if (Tracer != nullptr) Tracer->Trace("Application terminated due to out of memory", ttError);
   ::TerminateProcess(::GetCurrentProcess(), 1);
 }
 
@@ -212,6 +195,12 @@ void TraceThreadException(const std::string& ThreadName) noexcept {
 
 }  // namespace
 
+// What the first record is preceded by; a part that can't be told is empty.
+struct TTracer::TBanner {
+  std::string Version;
+  std::string Started;
+};
+
 TTracer* TTracer::GetInstance() { return SingletonInstance<TTracer>(TracerSlot); }
 
 TObject* TTracer::SingletonConstruction() { return new TTracer; }
@@ -219,9 +208,11 @@ TObject* TTracer::SingletonConstruction() { return new TTracer; }
 TTracer::TTracer() { InitializeFileName(); }
 
 void TTracer::SetProgramDataSubdir(const std::string& Subdir) {
-  const std::scoped_lock guard(Lock_);
-  if (Subdir == ProgramDataSubdir_) return;
-  ProgramDataSubdir_ = Subdir;
+  {
+    const std::scoped_lock guard(Lock_);
+    if (Subdir == ProgramDataSubdir_) return;
+    ProgramDataSubdir_ = Subdir;
+  }
   InitializeFileName();
 }
 
@@ -236,10 +227,12 @@ std::string TTracer::GetFileName() const {
 }
 
 void TTracer::InitializeFileName() {
-  const std::scoped_lock guard(Lock_);
+  const std::string subdir = GetProgramDataSubdir();
   const std::string program = GetProgramFileName();
-  const std::string allUsers = ProgramDataSubdir_.empty() ? std::string() : AllUsersFolder();
+  const std::string allUsers = subdir.empty() ? std::string() : AllUsersFolder();
   std::string logFolder;
+  const std::scoped_lock guard(Lock_);
+  if (subdir != ProgramDataSubdir_) return;  // set meanwhile by another thread, which does the same
   if (allUsers.empty()) {
     BaseFolder_ = ExtractFolder(program);
   } else {
@@ -265,70 +258,82 @@ bool TTracer::OpenFile(THandle& F) {
   return folderExists;
 }
 
-void TTracer::Trace(const std::string& Text, TTraceType AType) noexcept {
+// An object of its own describes the program, not the shared one: making that takes the loader's
+// lock, and a library that traces while it is being loaded would wait for it.
+TTracer::TBanner TTracer::GatherBanner() noexcept {
+  TBanner banner;
+  TryWrite([&] { banner.Version = TModuleInfo(HMODULE{nullptr}).ModuleVersion(); });
+  TryWrite([&] {
+    banner.Started = FormatTimeStamp(TProcessInfo::GetInstance()->GetCreationTime()) + " ";
+  });
+  return banner;
+}
+
+void TTracer::Trace(std::string_view Text, TTraceType AType) noexcept {
   if (AType != ttDebug && AType != ttError) return;
   const DWORD lastError = ::GetLastError();
-  try {
-    const std::scoped_lock guard(Lock_);
-    WriteRecord(Text);
-  } catch (...) {
-    // The log is the last resort: there is nobody left to tell.
+  if (BannerPending_) {
+    const TBanner banner = GatherBanner();
+    TryWrite([&] { WriteRecord(Text, &banner); });
+  } else {
+    TryWrite([&] { WriteRecord(Text, nullptr); });
   }
   ::SetLastError(lastError);
 }
 
-void TTracer::WriteRecord(const std::string& Text) {
+// With a banner, if that is still to be written.
+void TTracer::WriteRecord(std::string_view Text, const TBanner* Banner) {
+  const std::scoped_lock guard(Lock_);
   const std::string prefix = LinePrefix(WithThreadId_);
   THandle file;
   OpenFile(file);
   if (!file) return;
-  const std::string banner = BannerPending_ ? TryBanner(prefix) : std::string();
-  if (!banner.empty()) BannerPending_ = false;
-  WriteAll(file, banner + prefix + Text + "\r\n");
+  std::string lines;
+  if (Banner != nullptr && BannerPending_) {
+    if (!Banner->Version.empty()) lines += prefix + "Module version: " + Banner->Version + "\r\n";
+    if (!Banner->Started.empty()) lines += prefix + "Module started: " + Banner->Started + "\r\n";
+  }
+  lines.append(prefix).append(Text).append("\r\n");
+  BannerPending_ = false;
+  WriteAll(file, lines);
 }
 
-void TTracer::TraceException(const std::string& Text) noexcept {
+void TTracer::TraceException(std::string_view Text) noexcept {
   const bool outOfMemory = IsOutOfMemory();
   TryWrite([&] { Trace(ExceptionText(Text, DescribeCurrentException()), ttError); });
-  if (outOfMemory) HandleOutOfMemory(*this);
+  if (outOfMemory) HandleOutOfMemory(this);
 }
 
-void TTracer::TraceOSError(const std::string& Text, uint32_t ErrorCode) noexcept {
-  try {
-    Trace(Text + " - " + SystemErrorMessage(ErrorCode), ttError);
-  } catch (...) {
-    // As in Trace.
-  }
+void TTracer::TraceOSError(std::string_view Text, uint32_t ErrorCode) noexcept {
+  TryWrite([&] { Trace(std::string(Text) + " - " + SystemErrorMessage(ErrorCode), ttError); });
 }
 
-void Trace(const std::string& Text, TTraceType AType) noexcept {
+void Trace(std::string_view Text, TTraceType AType) noexcept {
   TryWrite([&] { TTracer::GetInstance()->Trace(Text, AType); });
 }
 
-void TraceException(const std::string& Text) noexcept {
-  TryWrite([&] { TTracer::GetInstance()->TraceException(Text); });
-}
-
-void TraceOSError(const char* Text) noexcept {
-  const DWORD error = ::GetLastError();
-  try {
-    TTracer::GetInstance()->TraceOSError(Text, error);
-  } catch (...) {
-    // As in Trace.
+void TraceException(std::string_view Text) noexcept {
+  TTracer* tracer = nullptr;
+  TryWrite([&] { tracer = TTracer::GetInstance(); });
+  if (tracer != nullptr) {
+    tracer->TraceException(Text);
+  } else if (IsOutOfMemory()) {
+    HandleOutOfMemory(nullptr);
   }
 }
 
-void TraceOSError(const std::string& Text) noexcept { TraceOSError(Text.c_str()); }
+void TraceOSError(std::string_view Text) noexcept {
+  const DWORD error = ::GetLastError();
+  TryWrite([&] { TTracer::GetInstance()->TraceOSError(Text, error); });
+}
 
-void TraceThread(const std::string& Text) noexcept {
-  try {
+void TraceThread(std::string_view Text) noexcept {
+  TryWrite([&] {
     const std::string program = GetProgramFileName();
     const std::string name = ExtractFolder(program) + ExtractFileNameWithoutExt(program) +
                              Format("%08lX.log", ::GetCurrentThreadId());
-    WriteAll(OpenForAppending(name, OPEN_ALWAYS), LinePrefix(true) + Text + "\r\n");
-  } catch (...) {
-    // As in Trace.
-  }
+    WriteAll(OpenForAppending(name, OPEN_ALWAYS), LinePrefix(true).append(Text).append("\r\n"));
+  });
 }
 
 DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {

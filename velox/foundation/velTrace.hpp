@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "velox/runtime/velCriticalSection.hpp"
 #include "velox/runtime/velHandle.hpp"
@@ -31,7 +32,8 @@ using enum TTraceType;
 ///
 ///     2024-03-05 14:07:09.042   [000004D2]  Connection refused
 ///
-/// The Trace operations raise nothing: a record that can't be written is lost.
+/// The Trace operations raise nothing: a record that can't be written is lost. A literal as their
+/// text allocates nothing, so they may be called where memory has run out.
 ///
 /// Threads: all operations may be called from any thread. Records are written one at a time, in the
 /// order of their time stamps.
@@ -59,23 +61,30 @@ class VELOX_API TTracer : public TObject {
   bool OpenFile(THandle& F);
 
   /// Writes one record.
-  void Trace(const std::string& Text, TTraceType AType) noexcept;
+  void Trace(std::string_view Text, TTraceType AType) noexcept;
 
   /// Writes a record about the exception being handled: "TEXT: MESSAGE. CLASS at ADDRESS". The
-  /// first EOutOfMemory of a process is followed by the state of its heaps; then the process ends,
-  /// with exit code 1, when TerminateOnOutOfMemoryRequired is set.
-  void TraceException(const std::string& Text) noexcept;
+  /// first EOutOfMemory of a process (or std::bad_alloc, which goes by that name here, but none
+  /// derived from EOutOfMemory) is followed by the state of its heaps; then the process ends, with
+  /// exit code 1, when TerminateOnOutOfMemoryRequired is set. It ends even when no memory is left
+  /// for the records.
+  void TraceException(std::string_view Text) noexcept;
 
   /// Writes a record with the system's text for an error code: "TEXT - MESSAGE".
-  void TraceOSError(const std::string& Text, uint32_t ErrorCode) noexcept;
+  void TraceOSError(std::string_view Text, uint32_t ErrorCode) noexcept;
 
  private:
-  void WriteRecord(const std::string& Text);
+  struct TBanner;
+
+  static TBanner GatherBanner() noexcept;
+  void WriteRecord(std::string_view Text, const TBanner* Banner);
 
   const bool WithThreadId_ = true;
   std::string FileName_;
-  bool BannerPending_ = true;
-  mutable TCriticalSection Lock_;  // guards all fields, and the file
+  std::atomic<bool> BannerPending_{true};
+  // Guards all fields, and the file. Nothing that takes the loader's lock is called with it held: a
+  // library that traces while it is being loaded holds that one already.
+  mutable TCriticalSection Lock_;
   std::string BaseFolder_;
   std::string ProgramDataSubdir_;
 };
@@ -84,16 +93,15 @@ class VELOX_API TTracer : public TObject {
 extern VELOX_API std::atomic<bool> TerminateOnOutOfMemoryRequired;
 
 /// The operations of the process's log.
-VELOX_API void Trace(const std::string& Text, TTraceType AType) noexcept;
-VELOX_API void TraceException(const std::string& Text) noexcept;
-/// Of the calling thread's last error. The text is made after that was taken when it is a literal;
-/// build other texts first, since building may change the last error.
-VELOX_API void TraceOSError(const std::string& Text) noexcept;
-VELOX_API void TraceOSError(const char* Text) noexcept;
+VELOX_API void Trace(std::string_view Text, TTraceType AType) noexcept;
+VELOX_API void TraceException(std::string_view Text) noexcept;
+/// Of the calling thread's last error. Build a text that is no literal before the call that may
+/// fail, since building it may change the last error.
+VELOX_API void TraceOSError(std::string_view Text) noexcept;
 
 /// Writes one line to the calling thread's own file, NAME and the thread's id in eight hexadecimal
 /// digits and ".log", beside the program. No lock, no rotation, no heading; never raises.
-VELOX_API void TraceThread(const std::string& Text) noexcept;
+VELOX_API void TraceThread(std::string_view Text) noexcept;
 
 /// Queues APC(Data) to a thread, which runs it when it next waits alertably. An exception that
 /// escapes it is written to the log and raised on that thread by the wait of the library that ran

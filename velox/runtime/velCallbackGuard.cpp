@@ -1,7 +1,7 @@
 #include "velox/runtime/velCallbackGuard.hpp"
 
-#include <deque>
 #include <exception>
+#include <list>
 #include <memory>
 #include <utility>
 
@@ -13,7 +13,7 @@
 namespace velox {
 namespace {
 
-using TKept = std::deque<std::exception_ptr>;  // oldest first; never empty
+using TKept = std::list<std::exception_ptr>;  // oldest first; never empty
 
 // The calling thread's list stands in a slot of the system's, null while there is nothing to keep.
 // A thread_local object would be destroyed too late here: the compiler's storage for it goes before
@@ -51,6 +51,18 @@ void RaiseKeptException() {
 void DropKeptExceptions() noexcept {
   const std::unique_ptr<TKept> kept(Find());
   if (kept != nullptr) ::TlsSetValue(Slot, nullptr);
+}
+
+TCallbackScope::TCallbackScope() noexcept : Outer_(Find()) {
+  if (Outer_ != nullptr) ::TlsSetValue(Slot, nullptr);
+}
+
+TCallbackScope::~TCallbackScope() {
+  if (Outer_ == nullptr) return;
+  auto* const outer = static_cast<TKept*>(Outer_);
+  const std::unique_ptr<TKept> inner(Find());
+  if (inner != nullptr) outer->splice(outer->end(), *inner);
+  ::TlsSetValue(Slot, outer);
 }
 
 void modules::InitializeCallbackGuard() {

@@ -8,8 +8,9 @@
 /// callback runs its body through GuardCallback, which keeps an escaping exception in a list of the
 /// thread; the library's alertable wait that let the callback run raises it as soon as the system's
 /// call has returned. Several exceptions in one wait: the oldest is raised by that wait, each of
-/// the others by one of the waits that follow on the thread. What is left when the thread ends is
-/// dropped.
+/// the others by one of the waits that follow on the thread. A callback that waits itself is raised
+/// only what was kept since it began: what the callbacks before it let escape belongs to the wait
+/// that runs them all. What is left when the thread ends is dropped.
 namespace velox {
 
 /// Adds the exception being handled to the calling thread's list. (Without memory for the list
@@ -26,9 +27,25 @@ VELOX_API void RaiseKeptException();
 /// Drops what the calling thread's list holds. (When a thread ends, the library does that.)
 VELOX_API void DropKeptExceptions() noexcept;
 
+/// Stands for a callback while it runs: until its end, the calling thread's list holds only what is
+/// kept during this time; then that joins what was kept before. GuardCallback has one; a callback
+/// that handles its exceptions itself needs one of its own.
+class VELOX_API TCallbackScope {
+ public:
+  /// Sets aside what the calling thread's list holds.
+  TCallbackScope() noexcept;
+  ~TCallbackScope();
+  TCallbackScope(const TCallbackScope&) = delete;
+  TCallbackScope& operator=(const TCallbackScope&) = delete;
+
+ private:
+  void* const Outer_;  // the list set aside, null when nothing was kept
+};
+
 /// Runs the body of a callback; an exception that escapes it is kept for the thread's next wait.
 template <class F>
 void GuardCallback(F&& Body) noexcept {
+  const TCallbackScope scope;
   try {
     Body();
   } catch (...) {

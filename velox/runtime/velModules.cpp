@@ -1,9 +1,9 @@
 #include "velox/runtime/velModules.hpp"
 
 #include <cstddef>
+#include <cstdio>
 #include <iterator>
 #include <new>
-#include <string>
 
 #include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velCallbackGuard.hpp"
@@ -40,7 +40,9 @@ bool InitializeAll() noexcept {
     try {
       if (Table[Initialized].Initialize != nullptr) Table[Initialized].Initialize();
     } catch (...) {
-      TraceException(std::string(Table[Initialized].Name) + " cannot be initialised");
+      char text[64];  // no allocation: memory may be what is missing
+      std::snprintf(text, sizeof text, "%s cannot be initialised", Table[Initialized].Name);
+      TraceException(text);
       return false;
     }
   }

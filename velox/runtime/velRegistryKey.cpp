@@ -76,12 +76,10 @@ TRegistry::TKeyHandle TRegistry::Open(const std::string& Key, REGSAM Access, boo
 bool TRegistry::Change(const std::string& Key, REGSAM Access, bool CanCreate) {
   TKeyHandle opened = Open(Key, Access, CanCreate);
   if (opened == nullptr) return false;
-  if (CurrentKey_ == nullptr || StartsAtRoot(Key)) {
-    CurrentPath_ = Path(Key);
-  } else if (!Key.empty()) {
-    if (!CurrentPath_.empty()) CurrentPath_ += '\\';
-    CurrentPath_ += Key;
-  }
+  std::string path = Path(Key);  // Key may be the current path
+  if (CurrentKey_ != nullptr && !StartsAtRoot(Key) && !CurrentPath_.empty())
+    path = Key.empty() ? CurrentPath_ : CurrentPath_ + '\\' + path;
+  CurrentPath_ = std::move(path);
   CurrentKey_ = std::move(opened);
   return true;
 }

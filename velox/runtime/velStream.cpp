@@ -40,8 +40,11 @@ void TStream::WriteBuffer(const void* Buffer, int32_t Count) {
   }
 }
 
-TMemoryStream::TMemoryStream(const void* Data, int32_t Size)
-    : Data_(static_cast<const uint8_t*>(Data), static_cast<const uint8_t*>(Data) + Size) {}
+TMemoryStream::TMemoryStream(const void* Data, int32_t Size) {
+  if (Size < 0) throw Exception(messages::seIncorrectParameters);
+  const auto* const first = static_cast<const uint8_t*>(Data);
+  Data_.assign(first, first + Size);
+}
 
 TMemoryStream::~TMemoryStream() = default;
 

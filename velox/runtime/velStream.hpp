@@ -50,7 +50,8 @@ class VELOX_API TMemoryStream : public TStream {
  public:
   /// Starts empty.
   TMemoryStream() = default;
-  /// Starts with a copy of these bytes, positioned at the first.
+  /// Starts with a copy of these bytes, positioned at the first. Raises Exception "Incorrect
+  /// parameters" for a negative Size.
   TMemoryStream(const void* Data, int32_t Size);
   ~TMemoryStream() override;
 

@@ -6,6 +6,11 @@
 
 namespace velox {
 
+/// Loads a library from the system's own folder, so that no file of its name beside the program or
+/// in the current folder takes its place, and looks a function up. The library then stays loaded
+/// until the process ends. Null, with nothing loaded, when the system does not have the two.
+FARPROC FindSystemFunction(const char* Library, const char* Name) noexcept;
+
 /// A function of a system library that is loaded when the function is first called, so that loading
 /// this library does not load what the program may never use. Zero-cost to construct; keep it at
 /// namespace scope. Thread-safe.
@@ -36,9 +41,8 @@ class TSystemFunction<R(WINAPI*)(Args...)> {
   TPointer Get() const noexcept {
     TPointer found = Function_.load(std::memory_order_acquire);
     if (found != nullptr) return found;
-    const HMODULE library = ::LoadLibraryA(Library_);  // stays loaded until the process ends
-    if (library == nullptr) return nullptr;
-    found = reinterpret_cast<TPointer>(reinterpret_cast<void*>(::GetProcAddress(library, Name_)));
+    found =
+        reinterpret_cast<TPointer>(reinterpret_cast<void*>(FindSystemFunction(Library_, Name_)));
     Function_.store(found, std::memory_order_release);
     return found;
   }

@@ -183,9 +183,8 @@ int32_t TComServerPermissions::GetEntryIndexBySecurityIdentifier(
 bool TComServerPermissions::ReadFromRegistry(HKEY RootKey, const std::string& KeyName,
                                              const std::string& ValueName,
                                              TSecurityDescriptor& Descriptor) {
-  if (!RegistryValueExists(RootKey, KeyName, ValueName)) return false;
-  Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
-  return true;
+  return RegistryValueExists(RootKey, KeyName, ValueName) &&
+         Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
 }
 
 bool TComServerPermissions::RegistryValueExists(HKEY RootKey, const std::string& KeyName,

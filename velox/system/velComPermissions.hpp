@@ -18,11 +18,17 @@
 /// registry. Here it is a list of accounts, each with a permission for every right:
 ///
 ///     TComServerLaunchPermissions permissions(AppID);
-///     permissions.AddEntryEx("", "Everyone", ptAllow, ptAllow, ptAllow, ptNone, ptNone);
+///     const auto name = TSecurityIdentifier::GetWellKnownAccountName("", WinInteractiveSid);
+///     permissions.AddEntryEx("", name, ptAllow, ptAllow, ptAllow, ptNone, ptNone);
 ///     permissions.Apply();
 ///
 /// A server without a setting of its own has the machine's default, or if there is none either, the
 /// system's built-in one; the list then shows that.
+///
+/// No entries does not tell who may: a setting whose discretionary list is absent or null lets
+/// everyone in, one with an empty list nobody, and each is read as no entries. What is added there
+/// and applied becomes the whole list. Where that matters, look at the DaclType of the descriptor
+/// that ReadFromRegistry gives.
 ///
 /// Since Windows XP SP2 and Windows 2003 SP1 the rights are split into local and remote ones, and
 /// launching from activating. Entries are of the classes with "Ex" in their names there, and of the
@@ -141,7 +147,9 @@ class VELOX_API TComServerLaunchPermissionsEntryEx : public TComServerPermission
 /// RetrieveEntries() in its constructor.
 ///
 /// Entries live as long as this object: an entry that is deleted, or replaced by reading again, is
-/// no longer in the list, and stays valid.
+/// no longer in the list, and stays valid, since callers hold references to it. Each reading thus
+/// takes memory until this object ends: to look at a setting from time to time, make a new object
+/// each time.
 class VELOX_API TComServerPermissions : public TObject {
  public:
   ~TComServerPermissions() override;

@@ -21,7 +21,8 @@
 ///       Print(process.GetThreadInfo(i).GetName());
 ///     Print(TModuleInfo::GetInstance()->ModuleVersion());
 ///
-/// Threads: an object that is not being refreshed may be read by any thread.
+/// Threads: an object that is not being refreshed may be read by any thread (but see
+/// TThreadInfo::GetHandle).
 namespace velox {
 
 // ------------------------------------------------------------------------------- version resources
@@ -206,7 +207,7 @@ class VELOX_API TModuleInfo : public TObject {
 /// A thread of any process, as it was when the object was made or last refreshed.
 ///
 /// An object that a thread makes of itself works through the system's handle for "the calling
-/// thread": only that thread may refresh it.
+/// thread": only that thread may refresh it or use its handle.
 class VELOX_API TThreadInfo : public TObject {
  public:
   /// Raises EOSError when there is no such thread or it may not be opened.
@@ -221,7 +222,9 @@ class VELOX_API TThreadInfo : public TObject {
   /// The thread that made this object.
   DWORD GetCallerThreadId() const noexcept { return CallerThreadId_; }
   /// The thread's handle, with the rights to suspend and resume it, and to query it and its
-  /// context. Belongs to this object.
+  /// context. Belongs to this object. When the thread has made the object itself, it is the
+  /// system's handle for "the calling thread", and so means another thread to each thread that
+  /// reads it.
   HANDLE GetHandle() const noexcept { return Opened_ ? Opened_.Get() : ::GetCurrentThread(); }
   /// The name that the thread has in the thread factory of this process, empty when none.
   const std::string& GetName() const noexcept { return Name_; }
@@ -274,8 +277,8 @@ class VELOX_API TProcessInfo : public TObject {
   int64_t GetKernelTime() const noexcept { return KernelTime_; }
   int64_t GetUserTime() const noexcept { return UserTime_; }
 
-  /// The threads in the system's order; the objects live until the next refresh. Raises Exception
-  /// "Invalid index".
+  /// The threads in the system's order; the objects live until the next refresh. A thread that ends
+  /// while they are being gathered is left out. Raises Exception "Invalid index".
   int32_t GetThreadInfoCount() const noexcept { return Threads_.GetCount(); }
   const TThreadInfo& GetThreadInfo(int32_t Index) const;
 

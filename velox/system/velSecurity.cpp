@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -54,11 +55,12 @@ PSID AsPSID(const void* Sid) noexcept { return const_cast<void*>(Sid); }
 bool HoldsSid(TBytes Bytes) noexcept {
   if (Bytes.size() < SidHeaderSize) return false;
   const size_t count = Bytes[offsetof(SID, SubAuthorityCount)];
-  return count <= SID_MAX_SUB_AUTHORITIES && SidHeaderSize + count * sizeof(DWORD) <= Bytes.size();
+  return Bytes[offsetof(SID, Revision)] == SID_REVISION && count <= SID_MAX_SUB_AUTHORITIES &&
+         SidHeaderSize + count * sizeof(DWORD) <= Bytes.size();
 }
 
-/// Whether a list begins the bytes that does not claim to be longer than they are. Its entries are
-/// a matter between them and the list's own size.
+/// Whether a list begins the bytes that does not claim to be longer than they are. AcesOf checks
+/// the rest.
 bool HoldsAcl(TBytes Bytes) noexcept {
   ACL header;
   if (Bytes.size() < sizeof header) return false;
@@ -66,21 +68,32 @@ bool HoldsAcl(TBytes Bytes) noexcept {
   return header.AclSize <= Bytes.size();
 }
 
-/// The entries of a list. Raises when one leaves the list: the system's check would accept one of
-/// size 0, and read the header behind the last.
-std::vector<const ACE_HEADER*> AcesOf(const ACL& Acl) {
+/// Whether an entry of one of the three types holds a whole SID; others are refused by their type.
+bool HoldsItsSid(const ACE_HEADER& Ace) noexcept {
+  if (Ace.AceType > SYSTEM_AUDIT_ACE_TYPE) return true;
+  const TBytes bytes(reinterpret_cast<const uint8_t*>(&Ace), Ace.AceSize);
+  return bytes.size() >= AceHeaderSize && HoldsSid(bytes.subspan(AceHeaderSize));
+}
+
+/// The entries of a list, nothing when it is invalid. The system's check alone would accept an
+/// entry of size 0, read the header behind the last, and differ between versions in whether it
+/// looks at the SIDs.
+std::optional<std::vector<const ACE_HEADER*>> AcesOf(const ACL& Acl) {
   std::vector<const ACE_HEADER*> aces;
   size_t position = sizeof(ACL);
+  if (Acl.AclSize < position) return std::nullopt;
   for (size_t i = 0; i < Acl.AceCount; ++i) {
     const auto* const ace =
         reinterpret_cast<const ACE_HEADER*>(reinterpret_cast<const uint8_t*>(&Acl) + position);
     if (position + sizeof(ACE_HEADER) > Acl.AclSize || ace->AceSize < sizeof(ACE_HEADER) ||
-        ace->AceSize % sizeof(DWORD) != 0 || position + ace->AceSize > Acl.AclSize) {
-      throw Exception(messages::seInvalidAcl);
+        ace->AceSize % sizeof(DWORD) != 0 || position + ace->AceSize > Acl.AclSize ||
+        !HoldsItsSid(*ace)) {
+      return std::nullopt;
     }
     aces.push_back(ace);
     position += ace->AceSize;
   }
+  if (!::IsValidAcl(const_cast<ACL*>(&Acl))) return std::nullopt;
   return aces;
 }
 
@@ -92,15 +105,44 @@ struct TParts {
   const void* Dacl = nullptr;
 };
 
+/// Lists without their bit in Control are none.
+TParts WithoutAbsentLists(TParts Parts, uint16_t Control) noexcept {
+  if ((Control & SE_SACL_PRESENT) == 0) Parts.Sacl = nullptr;
+  if ((Control & SE_DACL_PRESENT) == 0) Parts.Dacl = nullptr;
+  return Parts;
+}
+
 TParts PartsOf(const SECURITY_DESCRIPTOR_RELATIVE& Header) noexcept {
   const auto at = [&Header](DWORD Offset) {
     return Offset == 0 ? nullptr : OfsPtr(static_cast<const void*>(&Header), Offset);
   };
-  return {at(Header.Owner), at(Header.Group), at(Header.Sacl), at(Header.Dacl)};
+  return WithoutAbsentLists({at(Header.Owner), at(Header.Group), at(Header.Sacl), at(Header.Dacl)},
+                            Header.Control);
 }
 
 TParts PartsOf(const SECURITY_DESCRIPTOR& Header) noexcept {
-  return {Header.Owner, Header.Group, Header.Sacl, Header.Dacl};
+  return WithoutAbsentLists({Header.Owner, Header.Group, Header.Sacl, Header.Dacl}, Header.Control);
+}
+
+TParts PartsOf(const void* Descriptor) noexcept {
+  // Both forms begin alike, up to the control bits.
+  const auto& relative = *static_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(Descriptor);
+  return (relative.Control & SE_SELF_RELATIVE) != 0
+             ? PartsOf(relative)
+             : PartsOf(*static_cast<const SECURITY_DESCRIPTOR*>(Descriptor));
+}
+
+/// Whether the system takes the descriptor, and its parts are what they should be: not every
+/// version of the system looks at those.
+bool IsValidDescriptor(const void* Descriptor) {
+  if (Descriptor == nullptr || !::IsValidSecurityDescriptor(const_cast<void*>(Descriptor)))
+    return false;
+  const auto sid = [](const void* Sid) { return Sid == nullptr || ::IsValidSid(AsPSID(Sid)); };
+  const auto list = [](const void* Acl) {
+    return Acl == nullptr || AcesOf(*static_cast<const ACL*>(Acl)).has_value();
+  };
+  const TParts parts = PartsOf(Descriptor);
+  return sid(parts.Owner) && sid(parts.Group) && list(parts.Sacl) && list(parts.Dacl);
 }
 
 /// Whether a self-relative descriptor begins the bytes, all parts of which lie within them and
@@ -199,8 +241,9 @@ std::unique_ptr<TSecurityIdentifier> TSecurityIdentifier::CreateFromSidString(
 
 bool TSecurityIdentifier::TryInit(const std::string& SystemName, const std::string& AccountName) {
   if (AccountName.empty()) return false;
+  std::string account = AccountName;  // which may be this object's SystemName
   SystemName_ = SystemName;
-  AccountName_ = AccountName;
+  AccountName_ = std::move(account);
   if (LookupAccount() && LookupSid()) return true;
   FinalizeSid();
   SystemName_.clear();
@@ -434,12 +477,12 @@ void TAccessControlList::Build(ACL& Target) const {
 }
 
 void TAccessControlList::Extract(const std::string& SystemName, const ACL* Acl) {
+  const std::string system = SystemName;  // NOLINT: it may belong to an entry of this list
   Clear();
-  if (Acl == nullptr) throw Exception(messages::seInvalidAcl);
-  const std::vector<const ACE_HEADER*> aces = AcesOf(*Acl);
-  if (!::IsValidAcl(const_cast<ACL*>(Acl))) throw Exception(messages::seInvalidAcl);
-  for (const ACE_HEADER* ace : aces) {
-    auto entry = std::make_unique<TAccessControlEntry>(SystemName, ace);
+  const auto aces = Acl == nullptr ? std::nullopt : AcesOf(*Acl);
+  if (!aces) throw Exception(messages::seInvalidAcl);
+  for (const ACE_HEADER* ace : *aces) {
+    auto entry = std::make_unique<TAccessControlEntry>(system, ace);
     if (AddAce(entry.get())) entry.release();
   }
 }
@@ -450,7 +493,9 @@ void TAccessControlList::AceModifing(TObject*, TObject* Item, TContainerModifyAc
   const auto& added = static_cast<const TAccessControlEntry&>(*Item);
   const TSecurityIdentifier* const identifier = added.GetSecurityIdentifier();
   if (identifier == nullptr) throw Exception(messages::seSecurityIdentifierIsEmpty);
-  Allow = (added.AceType == aceSystemAudit) == (AclType_ == aclSystem);
+  const bool access = added.AceType == aceAccessAllowed || added.AceType == aceAccessDenied;
+  Allow = (AclType_ == aclDiscretionary && access) ||
+          (AclType_ == aclSystem && added.AceType == aceSystemAudit);
   for (int32_t i = 0; Allow && i < GetAceCount(); ++i) {
     const TAccessControlEntry& entry = GetAce(i);
     const TSecurityIdentifier* const held = entry.GetSecurityIdentifier();
@@ -534,24 +579,20 @@ std::unique_ptr<uint8_t[]> TSecurityDescriptor::BuildDescriptor(bool SelfRelativ
 }
 
 void TSecurityDescriptor::Extract(const std::string& SystemName, const void* Descriptor) {
+  const std::string system = SystemName;  // which may belong to a part of this descriptor
   Clear();
-  if (Descriptor == nullptr || !::IsValidSecurityDescriptor(const_cast<void*>(Descriptor)))
-    throw Exception(messages::seInvalidSecurityDescriptor);
-  // Both forms begin alike, up to the control bits.
-  const auto& relative = *static_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(Descriptor);
-  Control = relative.Control;
-  const TParts parts = (Control & SE_SELF_RELATIVE) != 0
-                           ? PartsOf(relative)
-                           : PartsOf(*static_cast<const SECURITY_DESCRIPTOR*>(Descriptor));
-  const auto identifier = [&SystemName](const void* Sid) {
+  if (!IsValidDescriptor(Descriptor)) throw Exception(messages::seInvalidSecurityDescriptor);
+  Control = static_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(Descriptor)->Control;
+  const TParts parts = PartsOf(Descriptor);
+  const auto identifier = [&system](const void* Sid) {
     return Sid == nullptr
                ? nullptr
-               : std::make_unique<TSecurityIdentifier>(SystemName, static_cast<const SID*>(Sid));
+               : std::make_unique<TSecurityIdentifier>(system, static_cast<const SID*>(Sid));
   };
   Owner_ = identifier(parts.Owner);
   PrimaryGroup_ = identifier(parts.Group);
-  DaclType = ExtractAcl(Dacl_, SystemName, SE_DACL_PRESENT, parts.Dacl);
-  SaclType = ExtractAcl(Sacl_, SystemName, SE_SACL_PRESENT, parts.Sacl);
+  DaclType = ExtractAcl(Dacl_, system, SE_DACL_PRESENT, parts.Dacl);
+  SaclType = ExtractAcl(Sacl_, system, SE_SACL_PRESENT, parts.Sacl);
 }
 
 TSecurityDescriptorAclType TSecurityDescriptor::ExtractAcl(TAccessControlList& List,
@@ -574,18 +615,19 @@ void TSecurityDescriptor::Extract(const std::string& SystemName, const void* Des
   Extract(SystemName, Descriptor);
 }
 
-void TSecurityDescriptor::ReadFromRegistry(const std::string& SystemName, HKEY RootKey,
+bool TSecurityDescriptor::ReadFromRegistry(const std::string& SystemName, HKEY RootKey,
                                            const std::string& KeyName,
                                            const std::string& ValueName) {
   TRegistry registry;
   registry.SetRootKey(RootKey);
-  if (!registry.OpenKeyReadOnly(KeyName)) return;
+  if (!registry.OpenKeyReadOnly(KeyName)) return false;
   if (!registry.ValueExists(ValueName)) {
     Clear();
-    return;
+    return false;
   }
   const std::vector<uint8_t> data = registry.ReadBinaryData(ValueName);
   Extract(SystemName, data.data(), static_cast<int32_t>(data.size()));
+  return true;
 }
 
 void TSecurityDescriptor::WriteToRegistry(HKEY RootKey, const std::string& KeyName,

@@ -15,12 +15,15 @@
 ///
 ///     TSecurityDescriptor descriptor;
 ///     descriptor.ReadFromRegistry("", HKEY_CLASSES_ROOT, key, "LaunchPermission");
+///     if (descriptor.DaclType != sdatPresentNotNull) return;  // no list: everyone may already
 ///     auto entry = std::make_unique<TAccessControlEntry>(
-///         aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", "Everyone"));
-///     entry->AccessMask = 1;
+///         aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", WinInteractiveSid));
+///     entry->AccessMask = COM_RIGHTS_EXECUTE;
 ///     if (descriptor.GetDacl().AddAce(entry.get())) entry.release();
-///     descriptor.DaclType = sdatPresentNotNull;
 ///     descriptor.WriteToRegistry(HKEY_CLASSES_ROOT, key, "LaunchPermission");
+///
+/// Look at DaclType before you add to the list that was read: where it is absent or null everyone
+/// may do everything, and a list put in its place shuts out all that are not in it.
 ///
 /// Binary data is not trusted. What it says of its own lengths is checked against all that is known
 /// of them: a SID against its entry, an entry against its list, a list against the block, where
@@ -46,7 +49,8 @@ enum TSecurityDescriptorAclType : uint8_t { sdatAbsent, sdatPresentNull, sdatPre
 inline constexpr const char* AccessControlEntryTypeString[] = {"Access allowed", "Access denied",
                                                                "System audit"};
 inline constexpr const char* SecurityDescriptorAclTypeString[] = {"Absent", "Null", "Present"};
-/// By SID_NAME_USE, which counts from 1.
+/// By SID_NAME_USE, which counts from 1. It ends with 9, SidTypeComputer, and newer systems report
+/// 10 and more (labels, logon sessions): compare with std::size before you look up a GetSidType().
 inline constexpr const char* SecurityIdentifierTypeString[] = {
     "",        "User",    "Group",   "Domain", "Alias", "Well known group", "Deleted account",
     "Invalid", "Unknown", "Computer"};
@@ -143,10 +147,11 @@ class VELOX_API TAccessControlEntry : public TObject {
   TAccessControlEntry(const std::string& SystemName, const ACE_HEADER* Ace);
   ~TAccessControlEntry() override;
 
-  /// Takes everything from an entry in the system's form. Raises Exception "Incorrect access
-  /// control entry type" for others than the three (those of objects, of callbacks and the like),
-  /// "Invalid SID specified", also for a SID that does not end within the entry's size, "Incorrect
-  /// parameters" for null, and EOSError when the SID maps to no account.
+  /// Takes everything from an entry in the system's form; an identifier held before is freed.
+  /// Raises Exception "Incorrect access control entry type" for others than the three (those of
+  /// objects, of callbacks and the like), "Invalid SID specified", also for a SID that does not end
+  /// within the entry's size, "Incorrect parameters" for null, and EOSError when the SID maps to no
+  /// account.
   void Extract(const std::string& SystemName, const ACE_HEADER* Ace);
   /// Writes GetSize() bytes from Target on. Raises Exception "Cannot build ace - security
   /// identifier is absent", also for an identifier without a SID.
@@ -211,8 +216,9 @@ class VELOX_API TAccessControlList : public TObject {
   /// "Access control list cannot exceed 65535 bytes", which is as much as its form can say.
   void Build(ACL& Target) const;
   /// Clears, then adds each entry of a list in the system's form as AddAce does: one that is
-  /// refused is dropped. Raises Exception "Invalid ACL specified", and what extracting an entry
-  /// raises; the entries before that one are then in the list.
+  /// refused is dropped. Raises Exception "Invalid ACL specified", also for an entry or a SID that
+  /// leaves the list or is damaged, and what extracting an entry raises; the entries before that
+  /// one are then in the list.
   void Extract(const std::string& SystemName, const ACL* Acl);
 
   /// As given to the constructor.
@@ -265,8 +271,10 @@ class VELOX_API TSecurityDescriptor : public TObject {
   std::unique_ptr<uint8_t[]> BuildDescriptor(bool SelfRelative) const;
 
   /// Takes everything from a descriptor in the system's form, absolute or self-relative. The caller
-  /// vouches for what it refers to. Raises Exception "Security descriptor is invalid", and what
-  /// extracting a list or making an identifier raises; what came before that is then taken.
+  /// vouches for the memory that it refers to. Raises Exception "Security descriptor is invalid",
+  /// also for a damaged SID or list; nothing is taken then. Raises Exception "Incorrect access
+  /// control entry type" for entries of other types, and EOSError for a SID that maps to no
+  /// account; what came before that is then taken.
   void Extract(const std::string& SystemName, const void* Descriptor);
   /// The same for a self-relative descriptor in a block of Size bytes, such as a file or a value of
   /// the registry: nothing outside it is read. Parts that do not lie within it, and the absolute
@@ -274,9 +282,9 @@ class VELOX_API TSecurityDescriptor : public TObject {
   void Extract(const std::string& SystemName, const void* Descriptor, int32_t Size);
 
   /// Extracts a binary value of the registry. Clears when there is no such value, and does nothing
-  /// when there is no such key or it can't be opened. Raises ERegistryException for values of other
-  /// types.
-  void ReadFromRegistry(const std::string& SystemName, HKEY RootKey, const std::string& KeyName,
+  /// when there is no such key or it can't be opened; the result is false then, and true when a
+  /// value was extracted. Raises ERegistryException for values of other types.
+  bool ReadFromRegistry(const std::string& SystemName, HKEY RootKey, const std::string& KeyName,
                         const std::string& ValueName);
   /// Writes the self-relative form, making the key when it is missing. Does nothing when that is
   /// refused.

@@ -35,6 +35,9 @@ uint32_t QueryProduct(uint32_t Major, uint32_t Minor, uint32_t ServicePackMajor,
   return product;
 }
 
+/// Whether the edition follows from the product.
+bool NeedsProduct(const TOSFacts& Facts) noexcept;
+
 bool HasMetric(int Index) noexcept { return SystemMetric && SystemMetric(Index) != 0; }
 
 /// What is missing or can't be read ends this early.
@@ -76,7 +79,7 @@ TOSFacts GatherOSFacts() {
     facts.MediaCenter = HasMetric(SM_MEDIACENTER);
     facts.TabletPC = HasMetric(SM_TABLETPC);
   }
-  if (facts.Extended && facts.MajorVersion >= 6) {
+  if (NeedsProduct(facts)) {
     facts.Product = QueryProduct(facts.MajorVersion, facts.MinorVersion, facts.ServicePackMajor,
                                  facts.ServicePackMinor);
   }
@@ -120,6 +123,22 @@ TOSVersion DecideVersionNT(const TOSFacts& Facts) noexcept {
   if (is(5, 1)) return osXP;
   if (is(5, 0)) return os2000;
   return Facts.MajorVersion < 5 ? osNT : osUnknown;
+}
+
+bool NeedsProduct(const TOSFacts& Facts) noexcept {
+  if (!Facts.Extended || Facts.PlatformId != VER_PLATFORM_WIN32_NT) return false;
+  switch (DecideVersionNT(Facts)) {
+    case osLonghorn:
+    case os2008R2:
+    case os2012R2:
+      return IsServer(Facts);
+    case osVista:
+    case osSeven:
+    case osTen:
+      return true;
+    default:
+      return false;
+  }
 }
 
 TOSVersionEx DecideServer2000(const TOSFacts& Facts) noexcept {
@@ -328,7 +347,7 @@ void TSystemInfo::InitializeComPorts() {
     try {
       ComPorts_.push_back(registry.ReadString(device));
     } catch (const ERegistryException&) {
-      // A device may be unplugged between the two.
+      // No string, or unplugged between the two.
     }
   }
 }

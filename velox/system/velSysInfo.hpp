@@ -199,7 +199,7 @@ struct TOSFacts {
   bool MediaCenter = false;
   bool TabletPC = false;
 
-  /// What GetProductInfo gives; 0 before version 6.
+  /// What GetProductInfo gives; 0 for versions whose edition does not follow from it.
   uint32_t Product = 0;
 
   /// What the registry holds in place of the long record: the kind of installation, and the
@@ -278,7 +278,8 @@ class VELOX_API TSystemInfo : public TObject {
 
   /// The running system.
   const TOSInfo& GetOSInfo() const noexcept { return *OSInfo_; }
-  /// The names of the serial ports, such as "COM1", in the order in which the system lists them.
+  /// The names of the serial ports, such as "COM1", in the order in which the system lists them. An
+  /// entry of that list that holds no text is left out.
   const TStrings& GetComPorts() const noexcept { return ComPorts_; }
 
  private:
