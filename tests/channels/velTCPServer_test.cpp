@@ -227,7 +227,7 @@ TEST(TCPServer, APortInUseIsAnErrorThatLeavesNothingOpen) {
 
 TEST(TCPServer, IdleConnectionsAreClosedAndOthersServed) {
   TEchoServer server;
-  server.SetIdleTimeout(0.2 / 86400);
+  server.SetIdleTimeout(1.0 / 86400);
   server.Start();
   const TClient busy(PortOf(server));
   std::vector<std::unique_ptr<TClient>> silent;
