@@ -387,7 +387,7 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
 TEST(Velcopy, RefusesASecondSenderAndFinishesTheCopy) {
   const test::TTemporaryFolder folder;
   const std::string from = folder.File("from"), to = folder.File("to"),
-                    bytes = RandomBytes(2 << 20);
+                    bytes = RandomBytes(12 << 20);
   test::WriteFileBytes(from, bytes);
   const std::string address = "shm:" + test::UniqueName("velcopy-");
   TVelcopy receiver(folder, "receive " + address + " " + to);
