@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "examples/support/standard_output.hpp"
 #include "velox/channels/velIPIterator.hpp"
 #include "velox/runtime/velException.hpp"
 
@@ -35,8 +36,7 @@ int main(int argc, char** argv) try {
   addresses.SetAddresses(argv[1]);
   addresses.SetEnumRoutine(TIPAddressEnumRoutine::Bind<&Print>());
   addresses.Enumerate();
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-    throw Exception("Cannot write to the standard output");
+  example::FinishOutput();
   return 0;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "veladdr: %s\n", e.what());

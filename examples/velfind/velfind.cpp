@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
 #include "velox/async/velAsyncQueue.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
@@ -117,7 +118,7 @@ int main(int argc, char** argv) try {
     return help ? 0 : 2;
   }
   const int result = TSearch(argv[1], {argv + 2, argv + argc}).Run();
-  if (std::fflush(stdout) != 0) throw Exception("Cannot write to the standard output");
+  example::FinishOutput();
   return result;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "velfind: %s\n", e.what());

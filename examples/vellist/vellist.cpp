@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "examples/support/standard_output.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/system/velRegistry.hpp"
 
@@ -55,7 +56,7 @@ int main(int argc, char** argv) try {
   const TStrings words(argv + 1, argv + argc);
   if (words == TStrings{"--help"}) return std::fputs(Usage, stdout) < 0;
   Run(words);
-  if (std::fflush(stdout) != 0) throw Exception("Cannot write to the standard output");
+  example::FinishOutput();
   return 0;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "vellist: %s\n", e.what());

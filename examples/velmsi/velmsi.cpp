@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "examples/support/standard_output.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velSystemMessage.hpp"
@@ -157,7 +158,7 @@ int main(int argc, char** argv) try {
   const TStrings words(argv + 1, argv + argc);
   if (words.size() < 2) throw Exception("a file and a command are needed; see velmsi --help");
   Perform(words[0], words[1], TStrings(words.begin() + 2, words.end()));
-  if (std::fflush(stdout) != 0) throw Exception("cannot write to the standard output");
+  example::FinishOutput();
   return 0;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "velmsi: %s\n", e.what());

@@ -8,6 +8,7 @@
 #include "com_changes.hpp"
 #include "com_settings.hpp"
 #include "descriptors.hpp"
+#include "examples/support/standard_output.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace {
@@ -61,7 +62,7 @@ void Run(const TArguments& Arguments) {
   } else {
     throw Exception("Unknown command or wrong number of words; velsec --help tells what there is");
   }
-  if (std::fflush(stdout) != 0) throw Exception("Cannot write to the standard output");
+  example::FinishOutput();
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
 #include "velox/containers/velAVLTree.hpp"
 #include "velox/containers/velObjArray.hpp"
@@ -102,7 +103,7 @@ int main(int argc, char** argv) try {
     return help ? 0 : 1;
   }
   Count(argv[1], most);
-  if (std::fflush(stdout) != 0) throw Exception("Cannot write to the standard output");
+  example::FinishOutput();
   return 0;
 } catch (const std::exception& e) {
   std::fprintf(stderr, "velwords: %s\n", e.what());

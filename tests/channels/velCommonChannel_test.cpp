@@ -626,6 +626,23 @@ TEST(OperationQueue, AStreamIsKeptGoingFromOnComplete) {
   EXPECT_TRUE(test::WaitUntil([&] { return operation.Number() == 500; }));
 }
 
+TEST(OperationQueue, HandlersGiveOtherQueuesWorkAlsoWhenTheyRaise) {
+  TTestChannel channel;
+  channel.SetActive(true);
+  TTestOperation read(channel, 3), write(channel, 3);
+  write.SetKind(okWrite);
+  // More turns than one reaction takes; each leaves what it gave work by an exception.
+  read.OnCompleteDo = [&] {
+    if (read.Number() >= 500) return;
+    write.SetActive(true);
+    throw Exception("after giving work");
+  };
+  write.OnCompleteDo = [&] { read.SetActive(true); };
+  read.SetActive(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return read.Number() == 500; }));
+  EXPECT_EQ(write.Number(), 499);
+}
+
 TEST(OperationQueue, AStreamCanBeDestroyed) {
   TTestChannel channel;
   channel.SetActive(true);

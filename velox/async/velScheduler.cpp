@@ -241,7 +241,7 @@ void TScheduledTask::SetActive(int32_t Value) {
   if (old == Value) return;
   Link_->ActivationCall = nullptr;
   if (scheduler == nullptr) {
-    CancelTimer("[TScheduledTask.SetActive] CancelWaitableTimer error");
+    CancelTimer();
     return;
   }
   TActivationCall* call = nullptr;
@@ -279,9 +279,10 @@ void TScheduledTask::Start() {
   Link_->TimerSet = true;
 }
 
-void TScheduledTask::CancelTimer(const char* FailureText) noexcept {
+void TScheduledTask::CancelTimer() noexcept {
   if (!Link_->TimerSet) return;
-  if (!::CancelWaitableTimer(Link_->Timer.Get())) TraceOSError(FailureText);
+  if (!::CancelWaitableTimer(Link_->Timer.Get()))
+    TraceOSError("[TScheduledTask.SetActive] CancelWaitableTimer error");
   Link_->TimerSet = false;
 }
 
@@ -315,7 +316,7 @@ void TScheduledTask::FreeInstance() noexcept {
   {
     const std::scoped_lock guard(Link_->Lock);
     Link_->ActivationCall = nullptr;
-    CancelTimer("[TScheduledTask.SetActive] CancelWaitableTimer error");
+    CancelTimer();
     Link_->Timer.Reset();
     if (Link_->Id != 0) Registry().Remove(Link_->Id);
   }

@@ -96,7 +96,7 @@ class VELOX_API TScheduledTask : public TObject {
  private:
   static void CALLBACK TimerEntry(void* Id, DWORD Low, DWORD High);
   void OnTimer();
-  void CancelTimer(const char* FailureText) noexcept;
+  void CancelTimer() noexcept;
 
   std::atomic<int32_t> Active_{0};
   bool UseAbsoluteTime_ = false;

@@ -326,14 +326,11 @@ void TCommunicationOperationQueue::CancelTransfer() {
 /// The reaction to the event. The request is looked at under the lock, for another thread may close
 /// the port and free it meanwhile.
 void TCommunicationOperationQueue::DoIOComplete_Win9X(TObject*) {
-  using TSelf = TCommunicationOperationQueue;
   TCompletion completion;
-  RunOnReactor(GetReference(),
-               {TProcessOperationsProcedure::Bind<&TSelf::TakeOverlappedResult>(this),
-                TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(this),
-                TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(this),
-                TProcessOperationsProcedure::Bind<&TSelf::TransferOperationDataWhenIdle>(this)},
-               &completion);
+  Complete(
+      GetReference(),
+      TProcessOperationsProcedure::Bind<&TCommunicationOperationQueue::TakeOverlappedResult>(this),
+      completion);
 }
 
 void TCommunicationOperationQueue::TakeOverlappedResult(int32_t& ACompletedIndex,
@@ -354,9 +351,7 @@ void TCommunicationOperationQueue::TakeOverlappedResult(int32_t& ACompletedIndex
 }
 
 void TCommunicationOperationQueue::DoIOComplete_WinNT(TCompletion& Completion) {
-  using TSelf = TCommunicationOperationQueue;
-  TRequest& request = *Completion.Request;
-  TSelf* const queue = request.Queue;
+  const TRequest& request = *Completion.Request;
   struct TLeave {
     ~TLeave() {
       if (!Completion.Taken) Completion.Request->Leave(true);
@@ -364,9 +359,20 @@ void TCommunicationOperationQueue::DoIOComplete_WinNT(TCompletion& Completion) {
     TCompletion& Completion;
   };
   const TLeave leave{Completion};  // an event of the operation may raise
-  RunOnReactor(request.Target,
-               {TProcessOperationsProcedure::Bind<&TSelf::TakeCompletion>(queue),
-                TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(queue),
+  Complete(request.Target,
+           TProcessOperationsProcedure::Bind<&TCommunicationOperationQueue::TakeCompletion>(
+               request.Queue),
+           Completion);
+}
+
+/// What follows the end of a request, once Take has taken it; the queue may be gone by now.
+void TCommunicationOperationQueue::Complete(const TQueueReference& Target,
+                                            const TProcessOperationsProcedure& Take,
+                                            TCompletion& Completion) {
+  using TSelf = TCommunicationOperationQueue;
+  auto* const queue = static_cast<TSelf*>(Target.Queue);
+  RunOnReactor(Target,
+               {Take, TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(queue),
                 TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(queue),
                 TProcessOperationsProcedure::Bind<&TSelf::TransferOperationDataWhenIdle>(queue)},
                &Completion);

@@ -369,6 +369,8 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
 
   void DoIOComplete_Win9X(TObject* Sender);
   static void DoIOComplete_WinNT(TCompletion& Completion);
+  static void Complete(const TQueueReference& Target, const TProcessOperationsProcedure& Take,
+                       TCompletion& Completion);
   void TakeOverlappedResult(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                             TObject* AParameter);
   void TakeCompletion(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);

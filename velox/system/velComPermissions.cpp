@@ -183,8 +183,7 @@ int32_t TComServerPermissions::GetEntryIndexBySecurityIdentifier(
 bool TComServerPermissions::ReadFromRegistry(HKEY RootKey, const std::string& KeyName,
                                              const std::string& ValueName,
                                              TSecurityDescriptor& Descriptor) {
-  return RegistryValueExists(RootKey, KeyName, ValueName) &&
-         Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
+  return Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
 }
 
 bool TComServerPermissions::RegistryValueExists(HKEY RootKey, const std::string& KeyName,
