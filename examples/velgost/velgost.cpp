@@ -1,6 +1,4 @@
 // Encrypts and decrypts files with GOST 28147-89, or computes their authentication code.
-#include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -9,13 +7,13 @@
 
 #include "examples/support/standard_output.hpp"
 #include "examples/support/whole_file.hpp"
-#include "examples/velgost/parameter_sets.hpp"
+#include "parameter_sets.hpp"
+#include "substitution_tables.hpp"
 #include "velox/codecs/velGostCryptor.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velStrings.hpp"
-#include "velox/runtime/velWipe.hpp"
 
 namespace {
 
@@ -37,19 +35,6 @@ constexpr const char* Usage =
     "Other "
     "programs that\n"
     "chain the rounds without exchanging the halves come to other values.\n";
-
-/// Wipes borrowed memory, such as a key's, when it goes.
-class TWiper {
- public:
-  TWiper(void* Data, size_t Size) : Data_(Data), Size_(Size) {}
-  ~TWiper() { Wipe(Data_, Size_); }
-  TWiper(const TWiper&) = delete;
-  TWiper& operator=(const TWiper&) = delete;
-
- private:
-  void* Data_;
-  size_t Size_;
-};
 
 struct TArguments {
   std::string Command;
@@ -102,47 +87,10 @@ void ReadHex(const TArguments& Arguments, const char* Name, T& Result) {
   }
 }
 
-std::string LowerCase(std::string Text) {
-  for (char& c : Text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return Text;
-}
-
-// The lines of a text, which end in LF or CR LF; the last one may lack its end.
-TStrings SplitLines(const std::vector<uint8_t>& Text) {
-  TStrings lines;
-  for (auto next = Text.begin(); next != Text.end();) {
-    const auto end = std::find(next, Text.end(), '\n');
-    std::string& line = lines.emplace_back(next, end);
-    if (line.ends_with('\r')) line.pop_back();
-    next = end == Text.end() ? end : end + 1;
-  }
-  return lines;
-}
-
-bool ReadTableFile(const std::string& FileName, TGostSubstitutionTable& Table) {
-  std::vector<uint8_t> text = example::ReadWholeFile(FileName);
-  const TWiper textWiper(text.data(), text.size());
-  TStrings lines = SplitLines(text);
-  bool valid = lines.size() == Table.size();
-  for (const std::string& line : lines) valid = valid && line.size() == Table[0].size();
-  valid = valid && parameter_sets::ReadTable(lines, Table);
-  for (std::string& line : lines) Wipe(line.data(), line.size());
-  return valid;
-}
-
 void SetTable(const TArguments& Arguments, TGostCryptor& Cryptor) {
-  const std::string name = Option(Arguments, "--sbox");
   TGostSubstitutionTable table;
-  const TWiper wiper(&table, sizeof table);
-  const auto* set = std::find_if(std::begin(parameter_sets::All), std::end(parameter_sets::All),
-                                 [&](const auto& each) { return LowerCase(name) == each.Name; });
-  const bool valid = set != std::end(parameter_sets::All)
-                         ? parameter_sets::ReadTable(set->Lines, table)
-                         : ReadTableFile(name, table);
-  if (!valid) {
-    throw Exception(name +
-                    ": a table is 8 lines, each with the 16 hexadecimal digits in some order");
-  }
+  const substitution_tables::TWiper wiper(&table, sizeof table);
+  substitution_tables::Read(Option(Arguments, "--sbox"), table);
   Cryptor.SetSubstitutionTable(table);
 }
 

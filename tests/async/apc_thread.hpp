@@ -13,10 +13,8 @@ namespace velox::test {
 class TApcThread {
  public:
   TApcThread() {
-    DWORD id = 0;
     Thread_.Reset(TThreadFactory::GetInstance()->CreateThread(
-        "APC thread", TThreadExecutionRoutine::Bind<&TApcThread::Run>(this), nullptr, id));
-    Id_ = id;
+        "APC thread", TThreadExecutionRoutine::Bind<&TApcThread::Run>(this), nullptr, Id_));
     WaitUntil([this] { return Begun_.load(); });
   }
   ~TApcThread() { Stop(); }

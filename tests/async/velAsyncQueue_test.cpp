@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -19,46 +20,36 @@ namespace {
 
 using enum TCallState;
 using enum TAsynchronousCallQueueState;
+using test::MessageOf;
 using test::TApcThread;
-
-// The message of what Body raises, empty when it raises nothing.
-template <class F>
-std::string MessageOf(F&& Body) {
-  try {
-    Body();
-  } catch (const Exception& e) {
-    return e.what();
-  }
-  return {};
-}
 
 struct TRecorder {
   std::atomic<int> Runs{0};
   std::atomic<DWORD> Thread{0};
   std::function<void()> During;
-  void Handle(TAsynchronousCall&, bool&) {
+  void Run() {
     Thread = ::GetCurrentThreadId();
     if (During) During();
     ++Runs;
   }
+  void Handle(TAsynchronousCall&, bool&) { Run(); }
   TAsynchronousCallHandler Handler() {
     return TAsynchronousCallHandler::Bind<&TRecorder::Handle>(this);
   }
-  void HandleQueued(TAsynchronousCallQueue&, void* Data) {
-    Thread = ::GetCurrentThreadId();
-    if (During) During();
-    if (Data != nullptr) ++*static_cast<std::atomic<int>*>(Data);
-    ++Runs;
-  }
+  void HandleQueued(TAsynchronousCallQueue&, void*) { Run(); }
   TAsynchronousCallQueueHandler QueueHandler() {
     return TAsynchronousCallQueueHandler::Bind<&TRecorder::HandleQueued>(this);
   }
 };
 
-TEST(AsynchronousCall, RunsOnItsThreadAndCanBeUsedAgain) {
+// A call to a thread.
+struct AsynchronousCall : testing::Test {
   TApcThread target;
   TRecorder recorder;
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+  TAsynchronousCall call{target.Handle(), target.Id(), recorder.Handler()};
+};
+
+TEST_F(AsynchronousCall, RunsOnItsThreadAndCanBeUsedAgain) {
   for (int i = 1; i <= 3; ++i) {
     call.Queue(true);
     EXPECT_EQ(recorder.Runs, i);
@@ -68,23 +59,12 @@ TEST(AsynchronousCall, RunsOnItsThreadAndCanBeUsedAgain) {
   EXPECT_EQ(call.WaitForFinished(), WAIT_OBJECT_0);
 }
 
-TEST(AsynchronousCall, RunsAtOnceOnTheCallingThread) {
-  const THandle own(GetRealCurrentThreadHandle());
-  TRecorder recorder;
-  TAsynchronousCall call(own.Get(), ::GetCurrentThreadId(), recorder.Handler());
-  call.Queue(false);
-  EXPECT_EQ(recorder.Runs, 1);
-}
-
-TEST(AsynchronousCall, RefusesWhatCannotRun) {
-  TApcThread target;
-  TRecorder recorder;
+TEST_F(AsynchronousCall, RefusesWhatCannotRun) {
   TAsynchronousCall bare;
   EXPECT_EQ(MessageOf([&] { bare.Queue(false); }), "Incorrect parameters");
   EXPECT_EQ(MessageOf([&] { bare.QueueEx(target.Handle(), target.Id(), nullptr, false); }),
             "Incorrect parameters");
   target.Hold();
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
   call.Queue(false);
   EXPECT_EQ(MessageOf([&] { call.Queue(false); }), "Call is busy");
   target.Release();
@@ -94,10 +74,7 @@ TEST(AsynchronousCall, RefusesWhatCannotRun) {
   EXPECT_EQ(call.GetState(), clsFree);
 }
 
-TEST(AsynchronousCall, CancelledBeforeItsRunItIsSkipped) {
-  TApcThread target;
-  TRecorder recorder;
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+TEST_F(AsynchronousCall, CancelledBeforeItsRunItIsSkipped) {
   target.Hold();
   call.Queue(false);
   EXPECT_FALSE(call.Cancel());
@@ -109,16 +86,13 @@ TEST(AsynchronousCall, CancelledBeforeItsRunItIsSkipped) {
   EXPECT_FALSE(call.Cancel());
 }
 
-TEST(AsynchronousCall, CancelledDuringItsRunItIsWaitedFor) {
-  TApcThread target;
-  TRecorder recorder;
+TEST_F(AsynchronousCall, CancelledDuringItsRunItIsWaitedFor) {
   std::atomic<bool> inside{false};
   std::atomic<bool> go{false};
   recorder.During = [&] {
     inside = true;
     test::WaitUntil([&] { return go.load(); });
   };
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
   call.Queue(false);
   EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
   std::thread release([&] {
@@ -131,10 +105,7 @@ TEST(AsynchronousCall, CancelledDuringItsRunItIsWaitedFor) {
   release.join();
 }
 
-TEST(AsynchronousCall, WaitsEndWithTheTargetThread) {
-  TApcThread target;
-  TRecorder recorder;
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
+TEST_F(AsynchronousCall, WaitsEndWithTheTargetThread) {
   target.Hold();
   call.Queue(false);
   std::thread stop([&] {
@@ -145,24 +116,20 @@ TEST(AsynchronousCall, WaitsEndWithTheTargetThread) {
   stop.join();
 }
 
-TEST(AsynchronousCall, AHandlerThatRaisesReachesTheWaitOfItsThread) {
-  TApcThread target;
-  TRecorder recorder;
+TEST_F(AsynchronousCall, AHandlerThatRaisesReachesTheWaitOfItsThread) {
   recorder.During = [] { throw Exception("from the handler"); };
-  TAsynchronousCall call(target.Handle(), target.Id(), recorder.Handler());
   call.Queue(false);
   EXPECT_TRUE(test::WaitUntil([&] { return target.Caught() == 1; }));
   EXPECT_EQ(call.GetState(), clsInCall);
   target.Stop();
 }
 
-TEST(AsynchronousCall, AHandlerThatRaisesOnTheCallingThreadLeavesACallThatCanBeDestroyed) {
+TEST_F(AsynchronousCall, AHandlerThatRaisesOnTheCallingThreadLeavesACallThatCanBeDestroyed) {
   const THandle own(GetRealCurrentThreadHandle());
-  TRecorder recorder;
   recorder.During = [] { throw Exception("at once"); };
   EXPECT_EQ(MessageOf([&] {
-              TAsynchronousCall call(own.Get(), ::GetCurrentThreadId(), recorder.Handler());
-              call.Queue(false);
+              TAsynchronousCall here(own.Get(), ::GetCurrentThreadId(), recorder.Handler());
+              here.Queue(false);
             }),
             "at once");
 }
@@ -206,28 +173,23 @@ TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
 
 TEST(AsynchronousCallQueue, RunsInOrderOnTheBoundThreadOnly) {
   TApcThread target;
+  std::vector<int> numbers(100);
+  std::iota(numbers.begin(), numbers.end(), 0);
   std::vector<int> order;
-  struct TStep {
-    std::vector<int>& Order;
-    int Number;
-  };
-  auto append = [](TAsynchronousCallQueue&, void* Data) {
-    static_cast<TStep*>(Data)->Order.push_back(static_cast<TStep*>(Data)->Number);
+  auto append = [&](TAsynchronousCallQueue&, void* Data) {
+    order.push_back(*static_cast<int*>(Data));
   };
   TAsynchronousCallQueue queue;
   queue.Activate(target.Handle(), target.Id());
   EXPECT_EQ(queue.GetState(), acqsActive);
   target.Hold();
-  std::vector<TStep> steps;
-  for (int i = 0; i < 100; ++i) steps.push_back({order, i});
-  for (TStep& step : steps) queue.Queue(TAsynchronousCallQueueHandler::To(append), &step);
+  for (int& number : numbers) queue.Queue(TAsynchronousCallQueueHandler::To(append), &number);
   EXPECT_EQ(queue.GetPending(), 100);
   EXPECT_TRUE(order.empty());
   target.Release();
   EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
   EXPECT_EQ(queue.GetPending(), 0);
-  ASSERT_EQ(order.size(), 100u);
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<size_t>(i)], i);
+  EXPECT_EQ(order, numbers);
 }
 
 TEST(AsynchronousCallQueue, BoundToTheCallingThreadItRunsAtOnce) {
@@ -283,8 +245,7 @@ TEST(AsyncStress, NoCallIsLostOrDoubledAndNothingIsLeft) {
     TAsynchronousCallQueue queues[2];
     for (int i = 0; i < 2; ++i) queues[i].Activate(targets[i].Handle(), targets[i].Id());
     std::atomic<int> queued{0};
-    std::atomic<int> expected{0};
-    std::atomic<int> cancelled{0};
+    std::atomic<int> called{0};
     TRecorder viaQueue;
     TRecorder viaCall;
     std::vector<std::thread> senders;
@@ -301,14 +262,14 @@ TEST(AsyncStress, NoCallIsLostOrDoubledAndNothingIsLeft) {
               if (random() % 2 == 0) call.Cancel();
               call.WaitForFinished();
               EXPECT_EQ(call.GetState(), clsFree);
-              ++expected;
+              ++called;
               break;
             }
             case 1: {
-              auto call = std::make_unique<TAsynchronousCall>(
-                  targets[target].Handle(), targets[target].Id(), viaCall.Handler());
-              call->Queue(false);
-              ++cancelled;  // destroyed at once: it may or may not have run
+              TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
+                                     viaCall.Handler());
+              call.Queue(false);
+              ++called;  // destroyed at once: it may or may not have run
               break;
             }
             default:
@@ -321,7 +282,7 @@ TEST(AsyncStress, NoCallIsLostOrDoubledAndNothingIsLeft) {
     for (std::thread& sender : senders) sender.join();
     for (TAsynchronousCallQueue& queue : queues) EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
     EXPECT_EQ(viaQueue.Runs, queued);
-    EXPECT_LE(viaCall.Runs, expected + cancelled);
+    EXPECT_LE(viaCall.Runs, called);
   };
   round();
   const uint32_t handles = test::HandleCount();

@@ -13,13 +13,13 @@
 #include "tests/async/apc_thread.hpp"
 #include "tests/support/support.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
-#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
 namespace {
 
 using enum TReactionState;
+using test::MessageOf;
 
 THandle AutoEvent() { return THandle(::CreateEventA(nullptr, FALSE, FALSE, nullptr)); }
 
@@ -35,20 +35,22 @@ struct TSink {
   TReactionEvent Event() { return TReactionEvent::Bind<&TSink::Run>(this); }
 };
 
-// An event with a reaction of its own reactor.
+// An event, or another handle, with a reaction to it.
 struct TWatched {
-  explicit TWatched(TReactor& Reactor, HANDLE Target = nullptr)
-      : Reaction(std::make_unique<TEventReaction>(&Reactor, Event.Get(), Target, Sink.Event())) {}
+  explicit TWatched(TReactor& Reactor, HANDLE Target = nullptr, THandle Handle = AutoEvent())
+      : Event(std::move(Handle)),
+        Reaction(std::make_unique<TEventReaction>(&Reactor, Event.Get(), Target, Sink.Event())) {}
   void Activate() {
     Reaction->SetActive(true);
     EXPECT_TRUE(test::WaitUntil([this] { return Reaction->GetStatus() == rsActivated; }));
   }
+  // Returns when the run has begun.
   void SignalAndWait() {
     const int before = Sink.Runs;
     ::SetEvent(Event.Get());
     EXPECT_TRUE(test::WaitUntil([&] { return Sink.Runs > before; }));
   }
-  THandle Event = AutoEvent();
+  THandle Event;
   TSink Sink;
   std::unique_ptr<TEventReaction> Reaction;
 };
@@ -73,23 +75,12 @@ TEST(Reactor, RefusesWhatIsNotSpecified) {
   TReactor reactor;
   TSink sink;
   const THandle event = AutoEvent();
-  const struct {
-    std::function<void()> Make;
-    const char* Text;
-  } cases[] = {{[&] { TEventReaction(nullptr, event.Get(), nullptr, sink.Event()); },
-                "Reactor must be specified"},
-               {[&] { TEventReaction(&reactor, nullptr, nullptr, sink.Event()); },
-                "Handle must be specified"},
-               {[&] { TEventReaction(&reactor, event.Get(), nullptr, nullptr); },
-                "Event must be specified"}};
-  for (const auto& c : cases) {
-    try {
-      c.Make();
-      ADD_FAILURE();
-    } catch (const Exception& e) {
-      EXPECT_STREQ(e.what(), c.Text);
-    }
-  }
+  EXPECT_EQ(MessageOf([&] { TEventReaction(nullptr, event.Get(), nullptr, sink.Event()); }),
+            "Reactor must be specified");
+  EXPECT_EQ(MessageOf([&] { TEventReaction(&reactor, nullptr, nullptr, sink.Event()); }),
+            "Handle must be specified");
+  EXPECT_EQ(MessageOf([&] { TEventReaction(&reactor, event.Get(), nullptr, nullptr); }),
+            "Event must be specified");
 }
 
 TEST(Reactor, The65thReactionStartsASecondThread) {
@@ -136,15 +127,12 @@ TEST(Reactor, DeactivatedBeforeItWasAddedItNeverEntersTheSet) {
   TReactor reactor;
   TWatched blocker(reactor);
   TWatched late(reactor);
-  std::atomic<bool> inside{false};
   std::atomic<bool> go{false};
   blocker.Sink.During = [&](TObject*) {
-    inside = true;
     while (!go) ::SleepEx(1, FALSE);  // not alertable: requests wait
   };
   blocker.Activate();
-  ::SetEvent(blocker.Event.Get());
-  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  blocker.SignalAndWait();
   late.Reaction->SetActive(true);
   EXPECT_EQ(late.Reaction->GetStatus(), rsActivating);
   late.Reaction->SetActive(false);
@@ -158,37 +146,33 @@ TEST(Reactor, DeactivatedBeforeItWasAddedItNeverEntersTheSet) {
 TEST(Reactor, AHandleThatStaysSignalledKeepsNoRequestWaiting) {
   TReactor reactor;
   TWatched other(reactor);
-  THandle always(::CreateEventA(nullptr, TRUE, TRUE, nullptr));
-  TSink sink;
-  auto reaction = std::make_unique<TEventReaction>(&reactor, always.Get(), nullptr, sink.Event());
-  reaction->SetActive(true);
-  EXPECT_TRUE(test::WaitUntil([&] { return sink.Runs > 10; }));
+  TWatched always(reactor, nullptr, THandle(::CreateEventA(nullptr, TRUE, TRUE, nullptr)));
+  always.Activate();
+  EXPECT_TRUE(test::WaitUntil([&] { return always.Sink.Runs > 10; }));
   other.Activate();
-  reaction->SetActive(false);
-  EXPECT_TRUE(test::WaitUntil([&] { return reaction->GetStatus() == rsNone; }));
+  always.Reaction->SetActive(false);
+  EXPECT_TRUE(test::WaitUntil([&] { return always.Reaction->GetStatus() == rsNone; }));
   other.SignalAndWait();
-  reaction->SetActive(true);
-  EXPECT_TRUE(test::WaitUntil([&] { return reaction->GetStatus() == rsActivated; }));
-  reaction.reset();
-  const int runs = sink.Runs;
+  always.Activate();
+  always.Reaction.reset();
+  const int runs = always.Sink.Runs;
   other.SignalAndWait();
-  EXPECT_EQ(sink.Runs, runs);
+  EXPECT_EQ(always.Sink.Runs, runs);
 }
 
 TEST(Reactor, AReactionMayDestroyOrDeactivateItselfAndOthersInItsRun) {
   TReactor reactor;
-  auto own = std::make_unique<TWatched>(reactor);
+  TWatched own(reactor);
   auto other = std::make_unique<TWatched>(reactor);
   std::atomic<bool> done{false};
-  own->Activate();
+  own.Activate();
   other->Activate();
-  TWatched* const raw = own.get();
-  raw->Sink.During = [&](TObject*) {
+  own.Sink.During = [&](TObject*) {
     other.reset();
-    raw->Reaction.reset();
+    own.Reaction.reset();
     done = true;
   };
-  ::SetEvent(raw->Event.Get());
+  ::SetEvent(own.Event.Get());
   EXPECT_TRUE(test::WaitUntil([&] { return done.load(); }));
 
   TWatched off(reactor);
@@ -211,17 +195,14 @@ TEST(Reactor, DestructionWaitsForTheRunEvenWhenTheRunWaitsAlertably) {
   TReactor reactor;
   for (const BOOL alertable : {FALSE, TRUE}) {
     TWatched watched(reactor);
-    std::atomic<bool> inside{false};
     std::atomic<bool> left{false};
     watched.Sink.During = [&](TObject*) {
-      inside = true;
       const ULONGLONG start = ::GetTickCount64();
       while (::GetTickCount64() - start < 60) ::SleepEx(5, alertable);
       left = true;
     };
     watched.Activate();
-    ::SetEvent(watched.Event.Get());
-    EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+    watched.SignalAndWait();
     watched.Reaction.reset();
     EXPECT_TRUE(left);
   }
@@ -229,33 +210,26 @@ TEST(Reactor, DestructionWaitsForTheRunEvenWhenTheRunWaitsAlertably) {
 
 TEST(Reactor, AnAbandonedMutexLeavesTheSetWithoutARun) {
   TReactor reactor;
-  THandle mutex(::CreateMutexA(nullptr, FALSE, nullptr));
-  TSink sink;
+  TWatched mutex(reactor, nullptr, THandle(::CreateMutexA(nullptr, FALSE, nullptr)));
   TWatched neighbour(reactor);
   neighbour.Activate();
-  auto own = [&](void*) { ::WaitForSingleObject(mutex.Get(), INFINITE); };
   std::atomic<bool> owned{false};
   std::atomic<bool> end{false};
-  auto hold = [&](void* p) {
-    own(p);
+  std::thread owner([&] {
+    ::WaitForSingleObject(mutex.Event.Get(), INFINITE);
     owned = true;
     test::WaitUntil([&] { return end.load(); });
-  };
-  DWORD id = 0;
-  const THandle owner(TThreadFactory::GetInstance()->CreateThread(
-      "Owner", TThreadExecutionRoutine::To(hold), nullptr, id));
+  });
   EXPECT_TRUE(test::WaitUntil([&] { return owned.load(); }));
-  TEventReaction reaction(&reactor, mutex.Get(), nullptr, sink.Event());
-  reaction.SetActive(true);
-  EXPECT_TRUE(test::WaitUntil([&] { return reaction.GetStatus() == rsActivated; }));
+  mutex.Activate();
   end = true;
-  WaitForSingleObjectAlertable(owner.Get());
+  owner.join();
   neighbour.SignalAndWait();
   neighbour.SignalAndWait();
-  EXPECT_EQ(sink.Runs, 0);
-  EXPECT_EQ(reaction.GetStatus(), rsActivated);
-  reaction.SetActive(false);
-  EXPECT_EQ(reaction.GetStatus(), rsNone);
+  EXPECT_EQ(mutex.Sink.Runs, 0);
+  EXPECT_EQ(mutex.Reaction->GetStatus(), rsActivated);
+  mutex.Reaction->SetActive(false);
+  EXPECT_EQ(mutex.Reaction->GetStatus(), rsNone);
 }
 
 TEST(Reactor, AHandleClosedUnderItEndsTheThreadWhichLetsGoOfAll) {
@@ -334,22 +308,17 @@ TEST(Reactor, RefusesWhileItEnds) {
   auto* const reactor = new TReactor;
   TWatched first(*reactor);
   std::string refused;
-  std::atomic<bool> inside{false};
   first.Sink.During = [&](TObject*) {  // keeps the reactor's destructor waiting until it is refused
-    inside = true;
-    while (refused.empty()) {
-      try {
+    do {
+      refused = MessageOf([&] {
         TWatched late(*reactor);
         late.Reaction->SetActive(true);
         ::SleepEx(1, FALSE);
-      } catch (const Exception& e) {
-        refused = e.what();
-      }
-    }
+      });
+    } while (refused == "nothing raised");
   };
   first.Activate();
-  ::SetEvent(first.Event.Get());
-  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  first.SignalAndWait();
   delete reactor;
   EXPECT_EQ(refused, "Reactor terminated");
 }

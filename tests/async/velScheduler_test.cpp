@@ -11,88 +11,84 @@
 
 #include "tests/support/support.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
-#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velDateTime.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
 namespace {
 
-struct TCounter {
+using test::MessageOf;
+
+// A task that counts its runs.
+struct TCounted {
   std::atomic<int> Runs{0};
   std::atomic<DWORD> Thread{0};
-  std::function<void(TObject*)> During;
-  void Execute(TObject* Sender) {
+  std::function<void()> During;
+  TCallbackTask Task;
+  TCounted() { Task.SetOnExecute(TTaskExecuteEvent::Bind<&TCounted::Execute>(this)); }
+  void Execute(TObject*) {
     Thread = ::GetCurrentThreadId();
     ++Runs;
-    if (During) During(Sender);
+    if (During) During();
   }
-  TTaskExecuteEvent Event() { return TTaskExecuteEvent::Bind<&TCounter::Execute>(this); }
+  bool WaitForRun(int Number) {
+    return test::WaitUntil([&] { return Runs >= Number; });
+  }
 };
 
 // Returns when the scheduler's thread has been through everything that was queued and due
 // before.
 void Settle() {
-  TCounter last;
-  TCallbackTask task;
-  task.SetOnExecute(last.Event());
-  task.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return last.Runs > 0; }));
+  TCounted last;
+  last.Task.SetActive(1);
+  EXPECT_TRUE(last.WaitForRun(1));
 }
 
 TEST(Scheduler, RunsOnceAfterTheDurationOnItsNamedThread) {
-  TCounter counter;
-  TCallbackTask task;
-  task.SetOnExecute(counter.Event());
-  task.SetDuration(100);
+  TCounted once;
+  once.Task.SetDuration(100);
   const ULONGLONG start = ::GetTickCount64();
-  task.SetActive(1);
-  task.SetActive(1);  // one activation
-  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs > 0; }));
+  once.Task.SetActive(1);
+  once.Task.SetActive(1);  // one activation
+  EXPECT_TRUE(once.WaitForRun(1));
   EXPECT_GE(::GetTickCount64() - start, 90u);
-  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(counter.Thread), "Scheduler Thread");
+  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(once.Thread), "Scheduler Thread");
   Settle();
-  EXPECT_EQ(counter.Runs, 1);
-  EXPECT_NE(task.GetActive(), 0);  // until deactivated
-  task.SetActive(0);
-  task.SetActive(0);
-  task.SetDuration(0);
-  task.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 2; }));
+  EXPECT_EQ(once.Runs, 1);
+  EXPECT_NE(once.Task.GetActive(), 0);  // until deactivated
+  once.Task.SetActive(0);
+  once.Task.SetActive(0);
+  once.Task.SetDuration(0);
+  once.Task.SetActive(1);
+  EXPECT_TRUE(once.WaitForRun(2));
 }
 
 TEST(Scheduler, RepeatsUntilDeactivated) {
-  TCounter counter;
-  TCallbackTask task;
-  task.SetOnExecute(counter.Event());
-  task.SetPeriod(5);
-  task.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs >= 5; }));
-  task.SetActive(0);
+  TCounted repeated;
+  repeated.Task.SetPeriod(5);
+  repeated.Task.SetActive(1);
+  EXPECT_TRUE(repeated.WaitForRun(5));
+  repeated.Task.SetActive(0);
   Settle();
-  const int runs = counter.Runs;
+  const int runs = repeated.Runs;
   ::SleepEx(50, TRUE);
   Settle();
-  EXPECT_EQ(counter.Runs, runs);
+  EXPECT_EQ(repeated.Runs, runs);
 }
 
 TEST(Scheduler, AnAbsoluteTimeIsUniversal) {
   SYSTEMTIME now;
   ::GetSystemTime(&now);
-  TCounter past;
-  TCounter future;
-  TCallbackTask due;
-  TCallbackTask later;
-  due.SetOnExecute(past.Event());
-  due.SetAbsoluteTime(SystemTimeToDateTime(now) - 1.0 / 1440);
-  later.SetOnExecute(future.Event());
-  later.SetAbsoluteTime(SystemTimeToDateTime(now) + 1.0 / 24);
-  later.SetActive(1);
-  due.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return past.Runs == 1; }));
-  EXPECT_EQ(future.Runs, 0);
-  due.SetAbsoluteTime(due.GetAbsoluteTime());  // the same: nothing happens, active or not
-  EXPECT_THROW(due.SetAbsoluteTime(1.0), Exception);
+  TCounted due;
+  TCounted later;
+  due.Task.SetAbsoluteTime(SystemTimeToDateTime(now) - 1.0 / 1440);
+  later.Task.SetAbsoluteTime(SystemTimeToDateTime(now) + 1.0 / 24);
+  later.Task.SetActive(1);
+  due.Task.SetActive(1);
+  EXPECT_TRUE(due.WaitForRun(1));
+  EXPECT_EQ(later.Runs, 0);
+  due.Task.SetAbsoluteTime(due.Task.GetAbsoluteTime());  // the same: nothing happens, even active
+  EXPECT_THROW(due.Task.SetAbsoluteTime(1.0), Exception);
 }
 
 TEST(Scheduler, SettersCheckAndCorrect) {
@@ -101,80 +97,55 @@ TEST(Scheduler, SettersCheckAndCorrect) {
   task.SetPeriod(-5);
   EXPECT_EQ(task.GetDuration(), 0);
   EXPECT_EQ(task.GetPeriod(), 0);
-  TCounter counter;
-  task.SetOnExecute(counter.Event());
+  EXPECT_EQ(MessageOf([&] { task.CheckTaskForExecution(); }), "Invalid event specified");
+  EXPECT_EQ(MessageOf([] { TEventTask().CheckTaskForExecution(); }), "Invalid event specified");
+  EXPECT_EQ(MessageOf([] { TMessageTask().CheckTaskForExecution(); }),
+            "Invalid window handle specified");
   task.SetDuration(1'000'000);
   task.SetActive(1);
-  for (const std::function<void()>& setter : std::initializer_list<std::function<void()>>{
-           [&] { task.SetDuration(1'000'000); }, [&] { task.SetPeriod(0); },
-           [&] { task.SetOnExecute(counter.Event()); }}) {
-    try {
-      setter();
-      ADD_FAILURE();
-    } catch (const Exception& e) {
-      EXPECT_STREQ(e.what(), "Cannot perform operation on active task");
-    }
-  }
-  TEventTask event;
-  TMessageTask message;
-  TCallbackTask callback;
-  const std::pair<TScheduledTask*, const char*> unconfigured[] = {
-      {&event, "Invalid event specified"},
-      {&message, "Invalid window handle specified"},
-      {&callback, "Invalid event specified"}};
-  for (const auto& [bare, text] : unconfigured) {
-    try {
-      bare->CheckTaskForExecution();
-      ADD_FAILURE();
-    } catch (const Exception& e) {
-      EXPECT_STREQ(e.what(), text);
-    }
-  }
+  const std::string active = "Cannot perform operation on active task";
+  EXPECT_EQ(MessageOf([&] { task.SetDuration(1'000'000); }), active);
+  EXPECT_EQ(MessageOf([&] { task.SetPeriod(0); }), active);
+  EXPECT_EQ(MessageOf([&] { task.SetOnExecute(nullptr); }), active);
 }
 
 TEST(Scheduler, DeactivatedAtOnceItDoesNotRunAndAStaleActivationArmsNothing) {
-  TCounter never;
-  TCounter once;
-  std::vector<std::unique_ptr<TCallbackTask>> tasks;
-  for (int i = 0; i < 50; ++i) {
-    auto task = std::make_unique<TCallbackTask>();
-    task->SetOnExecute(i % 2 ? once.Event() : never.Event());
-    task->SetDuration(20);
-    task->SetActive(1);
-    task->SetActive(0);
-    if (i % 2) task->SetActive(1);
-    tasks.push_back(std::move(task));
+  TCounted never[25];
+  TCounted once[25];
+  for (int i = 0; i < 25; ++i) {
+    for (TCounted* const counted : {&never[i], &once[i]}) {
+      counted->Task.SetDuration(20);
+      counted->Task.SetActive(1);
+      counted->Task.SetActive(0);
+    }
+    once[i].Task.SetActive(1);
   }
-  EXPECT_TRUE(test::WaitUntil([&] { return once.Runs == 25; }));
+  for (TCounted& counted : once) EXPECT_TRUE(counted.WaitForRun(1));
   ::SleepEx(60, TRUE);
   Settle();
-  EXPECT_EQ(once.Runs, 25);
-  EXPECT_EQ(never.Runs, 0);
+  for (const TCounted& counted : once) EXPECT_EQ(counted.Runs, 1);
+  for (const TCounted& counted : never) EXPECT_EQ(counted.Runs, 0);
 }
 
 TEST(Scheduler, AnActivationThatCannotBeArmedIsLoggedAndLeavesNothing) {
   const test::TLogSince log;
-  TCounter counter;
-  TCallbackTask task;
-  task.SetOnExecute(counter.Event());
-  task.SetAbsoluteTime(1e9);  // no date
-  task.SetActive(1);
+  TCounted counted;
+  counted.Task.SetAbsoluteTime(1e9);  // no date
+  counted.Task.SetActive(1);
   Settle();
-  task.SetActive(0);
-  task.SetDuration(1);  // replaces it
-  task.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 1; }));
+  counted.Task.SetActive(0);
+  counted.Task.SetDuration(1);  // replaces it
+  counted.Task.SetActive(1);
+  EXPECT_TRUE(counted.WaitForRun(1));
   EXPECT_TRUE(log.Holds("Sheduler error: Invalid date or time. EConvertError at "));
 }
 
 TEST(Scheduler, AnExceptionIsLoggedAndTheThreadGoesOn) {
   const test::TLogSince log;
-  TCounter counter;
-  counter.During = [](TObject*) { throw Exception("task failed"); };
-  TCallbackTask task;
-  task.SetOnExecute(counter.Event());
-  task.SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return counter.Runs == 1; }));
+  TCounted faulty;
+  faulty.During = [] { throw Exception("task failed"); };
+  faulty.Task.SetActive(1);
+  EXPECT_TRUE(faulty.WaitForRun(1));
   Settle();
   EXPECT_TRUE(log.Holds("Scheduled task completion error: task failed. Exception at "));
   EXPECT_TRUE(log.Holds("Sheduler error: task failed. Exception at "));
@@ -182,14 +153,13 @@ TEST(Scheduler, AnExceptionIsLoggedAndTheThreadGoesOn) {
 
 TEST(Scheduler, ATaskMayDestroyItself) {
   std::atomic<int> destroyed{0};
-  TCounter counter;
-  counter.During = [&](TObject* Sender) {
+  auto destroy = [&](TObject* Sender) {
     delete Sender;
     ++destroyed;
   };
   for (int i = 0; i < 20; ++i) {
     auto* task = new TCallbackTask;
-    task->SetOnExecute(counter.Event());
+    task->SetOnExecute(TTaskExecuteEvent::To(destroy));
     task->SetPeriod(1);
     task->SetActive(1);
   }
@@ -197,19 +167,15 @@ TEST(Scheduler, ATaskMayDestroyItself) {
 }
 
 TEST(Scheduler, DestructionWaitsForTheRunThatIsUnderWay) {
-  std::atomic<bool> inside{false};
   std::atomic<bool> left{false};
-  TCounter counter;
-  counter.During = [&](TObject*) {
-    inside = true;
+  auto slow = std::make_unique<TCounted>();
+  slow->During = [&] {
     ::SleepEx(50, FALSE);
     left = true;
   };
-  auto task = std::make_unique<TCallbackTask>();
-  task->SetOnExecute(counter.Event());
-  task->SetActive(1);
-  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
-  task.reset();
+  slow->Task.SetActive(1);
+  EXPECT_TRUE(slow->WaitForRun(1));
+  slow.reset();
   EXPECT_TRUE(left);
 }
 
@@ -293,36 +259,34 @@ TEST(SchedulerStress, TasksComeAndGoFromManyThreads) {
         struct TOwned {
           // A run that touches it after its end is caught by the mark.
           std::atomic<uint32_t> Mark{0xA11FE};
-          TCounter Counter;
-          TCallbackTask Task;
+          TCounted Counted;
           TOwned() {
-            Counter.During = [this](TObject*) { EXPECT_EQ(Mark, 0xA11FEu); };
-            Task.SetOnExecute(Counter.Event());
+            Counted.During = [this] { EXPECT_EQ(Mark, 0xA11FEu); };
           }
         };
         std::vector<std::unique_ptr<TOwned>> awaited;
         for (int n = 0; n < Operations; ++n) {
           auto owned = std::make_unique<TOwned>();
-          owned->Task.SetDuration(random() % 3);
-          owned->Task.SetActive(1);
+          owned->Counted.Task.SetDuration(random() % 3);
+          owned->Counted.Task.SetActive(1);
           switch (random() % 4) {
             case 0:
               awaited.push_back(std::move(owned));
               break;
             case 1:
-              owned->Task.SetActive(0);
-              owned->Task.SetActive(1);
+              owned->Counted.Task.SetActive(0);
+              owned->Counted.Task.SetActive(1);
               break;
             case 2:
               if (random() % 8 == 0) ::SleepEx(1, TRUE);
-              owned->Task.SetActive(0);
+              owned->Counted.Task.SetActive(0);
               break;
             default:
               break;  // destroyed active
           }
           if (awaited.size() >= 64 || n + 1 == Operations) {
             for (const auto& one : awaited) {
-              EXPECT_TRUE(test::WaitUntil([&] { return one->Counter.Runs == 1; }));
+              EXPECT_TRUE(test::WaitUntil([&] { return one->Counted.Runs == 1; }));
             }
             awaited.clear();
           }

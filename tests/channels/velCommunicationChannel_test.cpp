@@ -21,29 +21,18 @@ namespace {
 
 using enum TOperationKind;
 
-std::string MessageOf(const DCB& Block) {
-  TCommunicationDCB settings;
-  settings.SetXonLim(7);
-  try {
-    settings.DecodeDCB(Block);
-  } catch (const Exception& e) {
-    EXPECT_EQ(settings.GetXonLim(), 7);  // nothing was taken over
-    return e.what();
-  }
-  return "";
-}
-
 // The block as words: the flags stand in the third, in the order of the system's structure.
-std::vector<uint32_t> WordsOf(const DCB& Block) {
-  std::vector<uint32_t> words(sizeof(DCB) / 4);
-  std::memcpy(words.data(), &Block, sizeof(DCB));
+std::vector<uint32_t> WordsOf(const TCommunicationDCB& Settings) {
+  const DCB block = Settings.EncodeDCB();
+  std::vector<uint32_t> words(sizeof block / 4);
+  std::memcpy(words.data(), &block, sizeof block);
   return words;
 }
 
 TEST(CommunicationDCB, EncodesAndDecodesEachSettingInItsPlace) {
   TCommunicationDCB defaults;
   // 19200; binary, DTR and RTS on; 512 and 128; 8 bits; the bytes 17 and 19.
-  EXPECT_EQ(WordsOf(defaults.EncodeDCB()),
+  EXPECT_EQ(WordsOf(defaults),
             (std::vector<uint32_t>{28, 19200, 0x1011, 512u << 16, 0x00080080, 0x00131100, 0}));
   const struct {
     void (*Set)(TCommunicationDCB&);
@@ -69,11 +58,10 @@ TEST(CommunicationDCB, EncodesAndDecodesEachSettingInItsPlace) {
     settings.SetDtrControl(TCommDtrControl::dtrDisable);
     settings.SetRtsControl(TCommRtsControl::rtsDisable);
     set(settings);
-    const DCB block = settings.EncodeDCB();
-    EXPECT_EQ(WordsOf(block)[2], bits | 1);
+    EXPECT_EQ(WordsOf(settings)[2], bits | 1);
     TCommunicationDCB back;
-    back.DecodeDCB(block);
-    EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(block));
+    back.DecodeDCB(settings.EncodeDCB());
+    EXPECT_EQ(WordsOf(back), WordsOf(settings));
   }
   TCommunicationDCB settings;
   settings.SetBaudRate(TCommBaudRate::cbr460800);
@@ -87,35 +75,34 @@ TEST(CommunicationDCB, EncodesAndDecodesEachSettingInItsPlace) {
   settings.SetErrorChar(252);
   settings.SetEofChar(253);
   settings.SetEvtChar(254);
-  const DCB block = settings.EncodeDCB();
-  EXPECT_EQ(block.BaudRate, 460800u);
-  EXPECT_EQ(block.XonLim, 1);
-  EXPECT_EQ(block.XoffLim, 2);
-  EXPECT_EQ(block.ByteSize, 7);
-  EXPECT_EQ(block.Parity, SPACEPARITY);
-  EXPECT_EQ(block.StopBits, TWOSTOPBITS);
-  EXPECT_EQ(std::string(&block.XonChar, 5), "\xFA\xFB\xFC\xFD\xFE");
+  EXPECT_EQ(WordsOf(settings),
+            (std::vector<uint32_t>{28, 460800, 0x1011, 1u << 16, 0x04070002, 0xFCFBFA02, 0xFEFD}));
   TCommunicationDCB back;
-  back.DecodeDCB(block);
-  EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(block));
+  back.DecodeDCB(settings.EncodeDCB());
+  EXPECT_EQ(WordsOf(back), WordsOf(settings));
   back.InitializeDefault();
-  EXPECT_EQ(WordsOf(back.EncodeDCB()), WordsOf(defaults.EncodeDCB()));
+  EXPECT_EQ(WordsOf(back), WordsOf(defaults));
 }
 
 TEST(CommunicationDCB, RefusesValuesThatItHasNoNameFor) {
-  const DCB good = TCommunicationDCB().EncodeDCB();
-  EXPECT_EQ(MessageOf(good), "");
-  DCB rate = good, other = good, dtr = good, parity = good, stop = good;
-  rate.BaudRate = 921600;  // can be set all the same
-  other.BaudRate = 12345;
-  dtr.fDtrControl = 3;
-  parity.Parity = 5;
-  stop.StopBits = 3;
-  EXPECT_EQ(MessageOf(rate), "Incorrect value for baud rate");
-  EXPECT_EQ(MessageOf(other), "Incorrect value for baud rate");
-  EXPECT_EQ(MessageOf(dtr), "Incorrect value for dtr control");
-  EXPECT_EQ(MessageOf(parity), "Incorrect value for parity");
-  EXPECT_EQ(MessageOf(stop), "Incorrect value for stop bits");
+  const struct {
+    void (*Spoil)(DCB&);
+    std::string What;
+  } cases[] = {
+      {[](DCB& b) { b.BaudRate = 921600; }, "baud rate"},  // can be set all the same
+      {[](DCB& b) { b.BaudRate = 12345; }, "baud rate"},
+      {[](DCB& b) { b.fDtrControl = 3; }, "dtr control"},
+      {[](DCB& b) { b.Parity = 5; }, "parity"},
+      {[](DCB& b) { b.StopBits = 3; }, "stop bits"},
+  };
+  for (const auto& [spoil, what] : cases) {
+    TCommunicationDCB settings;
+    DCB block = settings.EncodeDCB();
+    spoil(block);
+    settings.SetXonLim(7);
+    EXPECT_EQ(test::MessageOf([&] { settings.DecodeDCB(block); }), "Incorrect value for " + what);
+    EXPECT_EQ(settings.GetXonLim(), 7);  // nothing was taken over
+  }
   TCommunicationDCB fast;
   fast.SetBaudRate(TCommBaudRate::cbr921600);
   EXPECT_EQ(fast.EncodeDCB().BaudRate, 921600u);
@@ -160,8 +147,12 @@ struct TTransfer : TTransferOperation {
     SetAutoTimeout(false);
   }
   ~TTransfer() override { Close(); }
-  bool Wait() {
-    return test::WaitUntil([this] { return !GetActive(); }) && GetSucceeded();
+  bool Wait(uint32_t Limit = 30'000) {
+    return test::WaitUntil([this] { return !GetActive(); }, Limit) && GetSucceeded();
+  }
+  bool Run() {
+    SetActive(true);
+    return Wait();
   }
   std::string Data;
 };
@@ -195,8 +186,7 @@ TEST_P(CommunicationPorts, CarryAMebibyteBothWaysAtOnce) {
   for (TTransfer* transfer : {&readForth, &readBack, &writeForth, &writeBack})
     transfer->SetActive(true);
   for (TTransfer* transfer : {&writeForth, &writeBack, &readForth, &readBack})
-    EXPECT_TRUE(test::WaitUntil([&] { return !transfer->GetActive(); }, 300'000) &&
-                transfer->GetSucceeded());
+    EXPECT_TRUE(transfer->Wait(300'000));
   EXPECT_TRUE(readForth.Data == forth);
   EXPECT_TRUE(readBack.Data == back);
 }
@@ -209,14 +199,12 @@ TEST_P(CommunicationPorts, ACancelledReadLeavesWhatComesToTheNext) {
     TTransfer cancelled(Far, okRead, std::string(5, 0));
     cancelled.SetActive(true);
     TTransfer write(Near, okWrite, message);
-    write.SetActive(true);
-    ASSERT_TRUE(write.Wait());
+    ASSERT_TRUE(write.Run());
     sent += message;
     cancelled.SetActive(false);
     got += cancelled.Data.substr(0, static_cast<size_t>(cancelled.GetTransferred()));
     TTransfer read(Far, okRead, std::string(sent.size() - got.size(), 0));
-    read.SetActive(true);
-    ASSERT_TRUE(read.Wait()) << i;
+    ASSERT_TRUE(read.Run()) << i;
     got += read.Data;
     ASSERT_EQ(got, sent);
   }
@@ -256,11 +244,8 @@ TEST_P(CommunicationPorts, AReadEndsInTime) {
   TTransfer read(Far, okRead, std::string(100, 0));
   read.SetAutoTimeout(true);
   Far.SetLatence(50);  // without it the time of a single byte comes to nothing, which is no limit
-  int whole = -1;
-  do {  // what another case has left on the line comes first
-    read.SetActive(true);
-    ++whole;
-  } while (read.Wait());
+  int whole = 0;
+  while (read.Run()) ++whole;  // what another case has left on the line comes first
   EXPECT_FALSE(read.GetActive());
   EXPECT_LT(whole, 10'000);
 }

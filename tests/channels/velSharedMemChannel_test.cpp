@@ -25,13 +25,15 @@ class TPair {
     Client().SetActive(false);
     Server().SetActive(false);
   }
-  void Activate(int32_t Size) {
-    for (TSharedMemChannel* channel : {&Server(), &Client()}) {
-      channel->SetMemoryName(Name);
-      channel->SetMemorySize(Size);
-      channel->SetMode(channel == &Server() ? cmServer : cmClient);
-      channel->SetActive(true);
-    }
+  void Activate(TSharedMemChannel& Channel, int32_t Size) const {
+    Channel.SetMemoryName(Name);
+    Channel.SetMemorySize(Size);
+    Channel.SetMode(&Channel == &Server() ? cmServer : cmClient);
+    Channel.SetActive(true);
+  }
+  void Activate(int32_t Size) const {
+    Activate(Server(), Size);
+    Activate(Client(), Size);
   }
   static TSharedMemChannel& Server() {
     static TSharedMemChannel channel;
@@ -67,37 +69,29 @@ std::vector<char> Numbers(size_t Count, char First = 0) {
   return result;
 }
 
-std::string MessageOf(TSharedMemChannel& Channel) {
-  try {
-    Channel.SetActive(true);
-  } catch (const Exception& e) {
-    return e.what();
-  }
-  return "activated";
+THandle Event(const std::string& Name) {
+  return THandle(::OpenEventA(EVENT_ALL_ACCESS, FALSE, Name.c_str()));
 }
 
 TEST(SharedMemChannel, RefusesWhatIsMissingNameFirst) {
   const TPair pair;
   TSharedMemChannel& channel = TPair::Server();
+  const auto activate = [&] { channel.SetActive(true); };
   channel.SetMemoryName("");
   channel.SetMemorySize(0);
-  EXPECT_EQ(MessageOf(channel), "Specify name of shared memory.");
+  EXPECT_EQ(test::MessageOf(activate), "Specify name of shared memory.");
   channel.SetMemoryName(pair.Name);
-  EXPECT_EQ(MessageOf(channel), "Specify size of shared memory.");
+  EXPECT_EQ(test::MessageOf(activate), "Specify size of shared memory.");
   channel.SetMemorySize(-1);
-  EXPECT_EQ(MessageOf(channel), "Specify size of shared memory.");
+  EXPECT_EQ(test::MessageOf(activate), "Specify size of shared memory.");
   EXPECT_EQ(channel.GetBandwidth(), 1048576);
-  EXPECT_EQ(channel.GetLatence(), 0);
 }
 
 TEST(SharedMemChannel, AClientNeedsAServerAndCanTryAgain) {
   TPair pair;
   TSharedMemChannel& client = TPair::Client();
-  client.SetMemoryName(pair.Name);
-  client.SetMemorySize(100);
-  client.SetMode(cmClient);
   try {
-    client.SetActive(true);
+    pair.Activate(client, 100);
     FAIL();
   } catch (const EOSError& e) {
     EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
@@ -148,8 +142,7 @@ TEST(SharedMemChannel, WakesAWriterWhenAFullBufferHasDrainedToHalf) {
   TPair pair;
   pair.Activate(16);  // holds 15; half is 8
   TPair::Client().SetActive(false);
-  const THandle wake(
-      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (pair.Name + "ReadRemoteReadyEvent").c_str()));
+  const THandle wake = Event(pair.Name + "ReadRemoteReadyEvent");
   ASSERT_TRUE(wake);
   TPair::Client().SetActive(true);
   std::vector<char> data = Numbers(15), six(6), one(1);
@@ -195,15 +188,11 @@ int RawPeer(const std::vector<std::string>& Arguments) {
   const std::string& name = Arguments.at(0);
   const TRawBlock toServer(name + "Read"), toClient(name + "Write");
   if (!toServer || !toClient || toServer.Words[0] != 100 || toClient.Words[0] != 100) return 2;
-  const THandle arrived(
-      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "WriteRemoteReadyEvent").c_str()));
-  const THandle wakeReader(
-      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "ReadReadyEvent").c_str()));
+  const THandle arrived = Event(name + "WriteRemoteReadyEvent");
+  const THandle wakeReader = Event(name + "ReadReadyEvent");
   // The events on which the two writers wait.
-  const THandle room(
-      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "ReadRemoteReadyEvent").c_str()));
-  const THandle otherRoom(
-      ::OpenEventA(EVENT_ALL_ACCESS, FALSE, (name + "WriteReadyEvent").c_str()));
+  const THandle room = Event(name + "ReadRemoteReadyEvent");
+  const THandle otherRoom = Event(name + "WriteReadyEvent");
   if (!arrived || !wakeReader || !room || !otherRoom) return 3;
   if (::WaitForSingleObject(arrived.Get(), 30'000) != WAIT_OBJECT_0) return 4;
   ::WaitForSingleObject(toClient.Mutex.Get(), INFINITE);
@@ -226,10 +215,7 @@ const test::TRole RawPeerRole("shared-memory-peer", &RawPeer);
 TEST(SharedMemChannel, SpeaksItsProtocolWithAPeerOfPlainCalls) {
   TPair pair;
   TSharedMemChannel& server = TPair::Server();
-  server.SetMemoryName(pair.Name);
-  server.SetMemorySize(100);
-  server.SetMode(cmServer);
-  server.SetActive(true);
+  pair.Activate(server, 100);
   test::TChild peer(test::RoleCommand("shared-memory-peer", {pair.Name}));
   std::vector<char> sent = Numbers(40), received(40);
   TTransfer write(server, okWrite, sent), read(server, okRead, received);

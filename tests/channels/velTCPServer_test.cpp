@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <optional>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -53,6 +53,10 @@ class TClient {
     }
     bytes.resize(got);
     return bytes;
+  }
+  /// Whether a message is answered with itself.
+  bool Echoes(const std::string& Message) const {
+    return Send(Message) && Receive(Message.size()) == Message;
   }
   bool IsClosed() const { return Receive(1).empty(); }
 
@@ -108,7 +112,6 @@ class TEchoServer : public TTCPServer {
 
 TEST(TCPServer, EchoesWholeMessagesOnItsOneThread) {
   TEchoServer server(5000);
-  EXPECT_FALSE(server.GetActive());
   server.Start();
   server.Start();
   EXPECT_TRUE(server.GetActive());
@@ -118,8 +121,7 @@ TEST(TCPServer, EchoesWholeMessagesOnItsOneThread) {
     for (int round = 1; round <= 3; ++round) {
       const std::string message = test::Noise(5000 - static_cast<size_t>(round)) +
                                   std::string(static_cast<size_t>(round), 'x');
-      ASSERT_TRUE(client.Send(message));
-      EXPECT_TRUE(client.Receive(5000) == message);
+      ASSERT_TRUE(client.Echoes(message));
       // Four pieces or more come in, four go out, and one event tells of that.
       ASSERT_TRUE(test::WaitUntil([&] { return server.Sent == round; }));
       EXPECT_GE(server.Received, 4 * round);
@@ -146,8 +148,7 @@ TEST(TCPServer, AConnectionEndsInItsOwnEventsAndTheServerGoesOn) {
   ASSERT_TRUE(refused.Send("S"));
   EXPECT_TRUE(test::WaitUntil([&] { return server.Closed == 2; }));
   ASSERT_TRUE(failed.Send("E"));  // goes to the log
-  ASSERT_TRUE(fine.Send("a"));
-  EXPECT_EQ(fine.Receive(1), "a");
+  EXPECT_TRUE(fine.Echoes("a"));
   EXPECT_EQ(server.Closed, 2);
 }
 
@@ -158,8 +159,7 @@ TEST(TCPServer, StopsWithConnectionsOpenAndStartsAgainOnThePort) {
   for (int round = 0; round < 5; ++round) {
     {
       const TClient client(server.GetPort()), silent(server.GetPort());
-      ASSERT_TRUE(client.Send("a"));
-      ASSERT_EQ(client.Receive(1), "a");
+      ASSERT_TRUE(client.Echoes("a"));
       ASSERT_TRUE(test::WaitUntil([&] { return server.Accepted == 2 * round + 2; }));
       server.Stop();
       EXPECT_EQ(server.GetConnections().GetCount(), 2 * round + 2);  // kept, but dead
@@ -178,10 +178,7 @@ TEST(TCPServer, AKeptConnectionCanBeUsedByAnotherThread) {
   auto& kept = static_cast<TTCPServerConnection&>(*server.GetConnections().GetItems(0));
   kept.Receive();
   ASSERT_TRUE(client.Send("a"));
-  ASSERT_TRUE(test::WaitUntil([&] {
-    ::SleepEx(1, TRUE);
-    return server.Sent == 1;
-  }));
+  ASSERT_TRUE(test::WaitUntil([&] { return server.Sent == 1; }));  // alertably
   EXPECT_EQ(client.Receive(1), "a");
 }
 
@@ -197,10 +194,7 @@ TEST(TCPServer, StopsWhileClientsPourIn) {
       });
     const TClient served(port);
     ASSERT_TRUE(served.Connected);
-    for (int i = 0; i < 20; ++i) {
-      ASSERT_TRUE(served.Send("a"));
-      EXPECT_EQ(served.Receive(1), "a");
-    }
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(served.Echoes("a"));
     server.Stop();
     EXPECT_FALSE(server.GetActive());
   }
@@ -232,40 +226,31 @@ TEST(TCPServer, IdleConnectionsAreClosedAndOthersServed) {
   const TClient busy(PortOf(server));
   std::vector<std::unique_ptr<TClient>> silent;
   for (int i = 0; i < 100; ++i) silent.push_back(std::make_unique<TClient>(PortOf(server)));
-  ASSERT_TRUE(test::WaitUntil(
-      [&] { return busy.Send("a") && busy.Receive(1) == "a" && server.Closed == 100; }));
+  ASSERT_TRUE(test::WaitUntil([&] { return busy.Echoes("a") && server.Closed == 100; }));
   for (const auto& client : silent) EXPECT_TRUE(client->IsClosed());
-  EXPECT_TRUE(busy.Send("b"));
-  EXPECT_EQ(busy.Receive(1), "b");
+  EXPECT_TRUE(busy.Echoes("b"));
 }
 
-/// Takes what it is told to take.
-struct TTaker {
-  explicit TTaker(TCustomTCPServer& Server) {
-    Server.OnAccept = TAcceptEvent::Bind<&TTaker::OnAccept>(this);
-  }
-  void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
+TEST(TCPServer, ASocketGoesToAChannelOrIsClosed) {
+  int count = 0;
+  TTCPChannel channel;
+  auto takeSecond = [&](TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& Taken) {
     EXPECT_FALSE(Taken);
     EXPECT_EQ(Address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
-    if (++Count == 1) return;
-    Channel.Accept(Socket, Address);
+    if (++count == 1) return;
+    channel.Accept(Socket, Address);
     Taken = true;
-    Channel.SetActive(true);
-  }
-  int Count = 0;
-  TTCPChannel Channel;
-};
-
-TEST(TCPServer, ASocketGoesToAChannelOrIsClosed) {
+    channel.SetActive(true);
+  };
   TCustomTCPServer server(0);
-  TTaker taker(server);
+  server.OnAccept = TAcceptEvent::To(takeSecond);
   server.Start();
   EXPECT_TRUE(TClient(PortOf(server)).IsClosed());
   const TClient client(PortOf(server));
-  ASSERT_TRUE(test::WaitUntil([&] { return taker.Channel.GetActive(); }));
+  ASSERT_TRUE(test::WaitUntil([&] { return channel.GetActive(); }));
   ASSERT_TRUE(client.Send("ping"));
   char bytes[4] = {};
-  const std::unique_ptr<TTransferOperation> read = taker.Channel.CreateOperation();
+  const std::unique_ptr<TTransferOperation> read = channel.CreateOperation();
   read->SetAutoTimeout(false);
   read->SetBuffer(bytes);
   read->SetSize(sizeof bytes);
@@ -276,7 +261,7 @@ TEST(TCPServer, ASocketGoesToAChannelOrIsClosed) {
   read->SetActive(true);
   EXPECT_EQ(client.Receive(4), "ping");
   server.Stop();
-  EXPECT_TRUE(taker.Channel.GetActive());
+  EXPECT_TRUE(channel.GetActive());
 }
 
 // Connections that come and go at random on eight threads, while the server closes some itself, is

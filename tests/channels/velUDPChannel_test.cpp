@@ -5,15 +5,13 @@
 
 #include <atomic>
 #include <cstdio>
-#include <numeric>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/support.hpp"
-#include "velox/foundation/velSyncUtils.hpp"
-#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
@@ -80,7 +78,11 @@ struct TListener : TSocket {
 };
 
 struct TTransfer : TIPOperation {
-  TTransfer(TChannel& Channel, TOperationKind Kind, const std::string& AData) : Data(AData) {
+  TTransfer(TChannel& Channel, TOperationKind Kind, const std::string& AData,
+            const std::string& Address = "", uint16_t Port = 0)
+      : Data(AData) {
+    SetAddress(Address);
+    SetPort(Port);
     SetChannel(&Channel);
     SetKind(Kind);
     SetBuffer(Data.data());
@@ -134,9 +136,7 @@ TEST(UDPChannel, CutsLongDatagramsAndEndsWhatCannotBeSent) {
   TSocket target(SOCK_DGRAM);
   const uint16_t port = target.Bind();
   for (const std::string address : {"localhost", "127.0.0.1", "", "127.0.0.1"}) {
-    TTransfer write(channel, okWrite, "data");
-    write.SetAddress(address);
-    write.SetPort(port);
+    TTransfer write(channel, okWrite, "data", address, port);
     const bool isAddress = address == "127.0.0.1";
     EXPECT_EQ(write.Run(), isAddress);
     EXPECT_EQ(write.GetErrorCode(), isAddress ? 0 : WSAEADDRNOTAVAIL);
@@ -153,9 +153,7 @@ TEST(UDPChannel, WritesDatagramsOfAtMostTheBlock) {
   TUDPChannel channel;
   channel.SetActive(true);
   TSocket peer(SOCK_DGRAM);
-  TTransfer write(channel, okWrite, test::Noise(4000));
-  write.SetAddress("127.0.0.1");
-  write.SetPort(peer.Bind());
+  TTransfer write(channel, okWrite, test::Noise(4000), "127.0.0.1", peer.Bind());
   ASSERT_TRUE(write.Run());
   EXPECT_EQ(write.Marks, (std::vector<int32_t>{1500, 3000, 4000}));
   EXPECT_EQ(peer.Receive(4000), write.Data);
@@ -293,12 +291,7 @@ TEST(TCPChannel, ConnectingFailsInItsOwnWords) {
 TEST(TCPChannel, IsClosedInTheEventThatTellsOfAnEnd) {
   const int32_t before = TIPOperationBuffer::GetInstanceCount();
   for (int round = 0; round < 200; ++round) {
-    const TListener listener;
-    TTCPChannel channel;
-    channel.SetStringAddress("127.0.0.1");
-    channel.SetPort(listener.Port());
-    channel.SetActive(true);
-    TSocket peer = listener.Accept();
+    TConnection c;
     struct TClosing : TTransfer {
       TClosing(TChannel& Channel, TOperationKind Kind) : TTransfer(Channel, Kind, "x") {
         SetOnComplete(TOperationNotificationEvent::Bind<&TClosing::Completed>(this));
@@ -310,31 +303,27 @@ TEST(TCPChannel, IsClosedInTheEventThatTellsOfAnEnd) {
       }
       std::atomic<bool> Done = false;
     };
-    TClosing operation(channel, round % 2 == 0 ? okRead : okWrite);
+    TClosing operation(c.Channel, round % 2 == 0 ? okRead : okWrite);
     operation.SetActive(true);
-    if (round % 4 == 0) peer.Send("y");
-    if (round % 4 == 2) peer.Close();
+    if (round % 4 == 0) c.Peer->Send("y");
+    if (round % 4 == 2) c.Peer->Close();
     ASSERT_TRUE(test::WaitUntil([&] { return operation.Done.load(); }));
-    EXPECT_FALSE(channel.GetActive());
+    EXPECT_FALSE(c.Channel.GetActive());
   }
   EXPECT_TRUE(test::WaitUntil([&] { return TIPOperationBuffer::GetInstanceCount() == before; }));
 }
 
 TEST(TCPChannel, AcceptedSocketKeepsTheChannelsOwnAddress) {
-  TListener listener;
-  TTCPChannel client, server;
-  client.SetStringAddress("127.0.0.1");
-  client.SetPort(listener.Port());
-  client.SetActive(true);
-  SOCKADDR_IN from{};
-  int length = sizeof from;
-  const SOCKET socket = ::accept(listener.Handle, reinterpret_cast<SOCKADDR*>(&from), &length);
+  TConnection c;
+  TTCPChannel server;
+  const SOCKET socket = std::exchange(c.Peer->Handle, INVALID_SOCKET);
+  const SOCKADDR_IN from = Loopback(1);
   server.Accept(socket, from);
   server.SetActive(true);
   EXPECT_EQ(test::MessageOf([&] { server.Accept(socket, from); }), "Cannot change active channel");
   TTransfer read(server, okRead, "     ");
   read.SetActive(true);
-  ASSERT_TRUE(TTransfer(client, okWrite, "12345").Run());
+  ASSERT_TRUE(TTransfer(c.Channel, okWrite, "12345").Run());
   ASSERT_TRUE(read.Wait());
   EXPECT_EQ(read.Data, "12345");
   EXPECT_EQ(read.GetAddress(), "0.0.0.0");
@@ -346,28 +335,21 @@ TEST(TCPChannel, AcceptedSocketKeepsTheChannelsOwnAddress) {
 TEST(TCPChannel, RequestsOfACallersThreadEndInItsWaits) {
   TConnection c;
   TTransfer read(c.Channel, okRead, "    ");
-  TOperationQueue& queue = *c.Channel.GetOperationQueues(okRead);
-  queue.Lock();  // so that the reactor does not take the operation first
-  read.SetActive(true);
-  queue.DoOperationQueueChanged();
-  queue.Unlock();
+  const auto drive = [&](TTransfer& Transfer) {
+    TOperationQueue& queue = *c.Channel.GetOperationQueues(okRead);
+    queue.Lock();  // so that the reactor does not take the operation first
+    Transfer.SetActive(true);
+    queue.DoOperationQueueChanged();
+    queue.Unlock();
+  };
+  drive(read);
   c.Peer->Send("mine");
-  const THandle never(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  const HANDLE handles[] = {never.Get()};
-  ASSERT_TRUE(test::WaitUntil([&] {
-    WaitAlertableOnce(handles, 10);
-    return !read.GetActive();
-  }));
+  ASSERT_TRUE(read.Wait());  // alertably
   EXPECT_EQ(read.Data, "mine");
 
   // A thread that ends leaves its request behind: the next read works all the same.
   TTransfer lost(c.Channel, okRead, "    ");
-  std::thread([&] {
-    queue.Lock();
-    lost.SetActive(true);
-    queue.DoOperationQueueChanged();
-    queue.Unlock();
-  }).join();
+  std::thread([&] { drive(lost); }).join();
   lost.SetActive(false);
   TTransfer next(c.Channel, okRead, "    ");
   next.SetActive(true);
@@ -416,9 +398,8 @@ TEST(UDPChannel, StressOfEightThreads) {
     threads.emplace_back([&, t] {
       std::mt19937 random(t);
       for (int i = 0; i < PerThread; ++i) {
-        TTransfer transfer(channel, random() % 2 == 0 ? okRead : okWrite, std::string(8, 'x'));
-        transfer.SetAddress("127.0.0.1");
-        transfer.SetPort(peerPort);
+        TTransfer transfer(channel, random() % 2 == 0 ? okRead : okWrite, std::string(8, 'x'),
+                           "127.0.0.1", peerPort);
         try {
           transfer.SetActive(true);
           if (random() % 4 == 0) test::WaitUntil([&] { return !transfer.GetActive(); }, 20);
@@ -456,9 +437,7 @@ const test::TRole UDPEcho("udp-echo", [](const std::vector<std::string>&) {
     read.SetTimeout(0);  // the limit would be shared out over the bytes
     if (!read.Run()) return 1;
     if (read.Data.substr(0, 3) == "end") return 0;
-    TTransfer write(channel, okWrite, read.Data);
-    write.SetAddress(read.GetAddress());
-    write.SetPort(read.GetPort());
+    TTransfer write(channel, okWrite, read.Data, read.GetAddress(), read.GetPort());
     if (!write.Run()) return 2;
   }
 });

@@ -20,11 +20,23 @@ using test::TRole;
 constexpr int32_t Total = 50'000;
 uint8_t ByteAt(int32_t Position) { return static_cast<uint8_t>(Position * 7 + Position / 251); }
 
+class TRing : public TSharedMemBuffer {
+ public:
+  /// Creates one of this size.
+  explicit TRing(int32_t Size) : TRing(true, test::UniqueName("velox-ring-"), Size) {}
+  /// Opens one; the number does not matter there.
+  explicit TRing(const std::string& Name) : TRing(false, Name, 1) {}
+
+ private:
+  TRing(bool Create, const std::string& Name, int32_t Size) : TSharedMemBuffer(Create) {
+    SetMemoryName(Name);
+    CreateMemory(Size);
+  }
+};
+
 /// Writes the whole sequence into a ring that another process has created.
 const TRole Producer("ring-producer", [](const std::vector<std::string>& Arguments) {
-  TSharedMemBuffer ring(false);
-  ring.SetMemoryName(Arguments[0]);
-  ring.CreateMemory(1);
+  TRing ring(Arguments[0]);
   std::vector<uint8_t> chunk(600);
   int32_t sent = 0;
   const bool done = test::WaitUntil([&] {
@@ -40,22 +52,11 @@ const TRole Producer("ring-producer", [](const std::vector<std::string>& Argumen
 
 /// Ends while it holds the lock.
 const TRole Abandoner("ring-abandoner", [](const std::vector<std::string>& Arguments) {
-  TSharedMemBuffer ring(false);
-  ring.SetMemoryName(Arguments[0]);
-  ring.CreateMemory(0);
+  TRing ring(Arguments[0]);
   ring.Lock();
   ::TerminateProcess(::GetCurrentProcess(), 5);
   return 0;
 });
-
-struct TCreated {
-  explicit TCreated(int32_t Size) {
-    Ring.SetMemoryName(Name);
-    Ring.CreateMemory(Size);
-  }
-  const std::string Name = test::UniqueName("velox-ring-");
-  TSharedMemBuffer Ring{true};
-};
 
 /// The system's error that CreateMemory raises, 0 for none.
 uint32_t CreationError(TSharedMemBuffer& Ring, int32_t Size) {
@@ -65,15 +66,6 @@ uint32_t CreationError(TSharedMemBuffer& Ring, int32_t Size) {
     return error.ErrorCode;
   }
   return 0;
-}
-
-std::string CreationMessage(TSharedMemBuffer& Ring, int32_t Size) {
-  try {
-    Ring.CreateMemory(Size);
-  } catch (const Exception& raised) {
-    return raised.what();
-  }
-  return "";
 }
 
 /// Whether another thread can have the named mutex now.
@@ -89,40 +81,40 @@ bool MutexIsFree(const std::string& Name) {
 }
 
 TEST(SharedMemBuffer, LayoutAndNamesAreAContractBetweenProcesses) {
-  TCreated created(5000);
-  const THandle mapping(::OpenFileMappingA(FILE_MAP_READ, FALSE, created.Name.c_str()));
+  TRing ring(5000);
+  const THandle mapping(::OpenFileMappingA(FILE_MAP_READ, FALSE, ring.GetMemoryName().c_str()));
   ASSERT_TRUE(mapping);
   const void* view = ::MapViewOfFile(mapping.Get(), FILE_MAP_READ, 0, 0, 5012);
   ASSERT_NE(view, nullptr);
   int32_t count = 3;
-  created.Ring.WriteData("abc", count);
+  ring.WriteData("abc", count);
   count = 1;
   char first = 0;
-  created.Ring.ReadData(&first, count);
+  ring.ReadData(&first, count);
   EXPECT_EQ(std::memcmp(view, "\x88\x13\0\0\x01\0\0\0\x03\0\0\0abc", 15), 0);
   ::UnmapViewOfFile(view);
 
-  EXPECT_TRUE(MutexIsFree(created.Name + "Mutex"));
-  created.Ring.Lock();
-  created.Ring.Lock();
-  EXPECT_EQ(created.Ring.GetCount(), 2);
-  created.Ring.Unlock();
-  EXPECT_FALSE(MutexIsFree(created.Name + "Mutex"));
-  created.Ring.Unlock();
-  EXPECT_TRUE(MutexIsFree(created.Name + "Mutex"));
-  created.Ring.Unlock();  // not held: nothing
-  EXPECT_TRUE(MutexIsFree(created.Name + "Mutex"));
+  EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
+  ring.Lock();
+  ring.Lock();
+  EXPECT_EQ(ring.GetCount(), 2);
+  ring.Unlock();
+  EXPECT_FALSE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
+  ring.Unlock();
+  EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
+  ring.Unlock();  // not held: nothing
+  EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
 }
 
 TEST(SharedMemBuffer, CarriesASequenceBetweenTwoProcesses) {
-  TCreated created(1000);
-  TChild producer(test::RoleCommand("ring-producer", {created.Name}));
+  TRing ring(1000);
+  TChild producer(test::RoleCommand("ring-producer", {ring.GetMemoryName()}));
   std::vector<uint8_t> chunk(777);
   int32_t received = 0;
   bool right = true;
   EXPECT_TRUE(test::WaitUntil([&] {
     auto count = static_cast<int32_t>(chunk.size());
-    created.Ring.ReadData(chunk.data(), count);
+    ring.ReadData(chunk.data(), count);
     for (int32_t i = 0; i < count; ++i)
       right = right && chunk[static_cast<size_t>(i)] == ByteAt(received + i);
     received += count;
@@ -133,17 +125,17 @@ TEST(SharedMemBuffer, CarriesASequenceBetweenTwoProcesses) {
 }
 
 TEST(SharedMemBuffer, LocksOutTheOtherThreadsOfAProcess) {
-  TCreated created(64);
+  TRing ring(64);
   int32_t unguarded = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 300; ++i) {
-        created.Ring.Lock();
+        ring.Lock();
         const int32_t before = unguarded;
-        created.Ring.GetCount();
+        ring.GetCount();
         unguarded = before + 1;
-        created.Ring.Unlock();
+        ring.Unlock();
       }
     });
   }
@@ -152,36 +144,34 @@ TEST(SharedMemBuffer, LocksOutTheOtherThreadsOfAProcess) {
 }
 
 TEST(SharedMemBuffer, GoesOnAfterTheHolderOfTheLockHasDied) {
-  TCreated created(64);
+  TRing ring(64);
   for (const bool process : {true, false}) {
     if (process) {
-      EXPECT_EQ(TChild(test::RoleCommand("ring-abandoner", {created.Name})).Wait(), 5u);
+      EXPECT_EQ(TChild(test::RoleCommand("ring-abandoner", {ring.GetMemoryName()})).Wait(), 5u);
     } else {
-      std::thread([&] { created.Ring.Lock(); }).join();
+      std::thread([&] { ring.Lock(); }).join();
     }
     int32_t count = 2;
-    created.Ring.WriteData("ok", count);
+    ring.WriteData("ok", count);
     EXPECT_EQ(count, 2);
-    EXPECT_TRUE(MutexIsFree(created.Name + "Mutex")) << process;
+    EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex")) << process;
   }
 }
 
 TEST(SharedMemBuffer, ReleasingGivesBackLockMemoryAndHandles) {
   const uint32_t before = test::HandleCount();
   {
-    TCreated created(64);
-    TSharedMemBuffer other(false);
-    other.SetMemoryName(created.Name);
-    other.CreateMemory(0);
-    created.Ring.Lock();
-    created.Ring.ReleaseMemory();
+    TRing ring(64);
+    TRing other(ring.GetMemoryName());
+    ring.Lock();
+    ring.ReleaseMemory();
     int32_t count = 1;
-    EXPECT_THROW(created.Ring.WriteData("x", count), Exception);
-    EXPECT_TRUE(MutexIsFree(created.Name + "Mutex"));
+    EXPECT_THROW(ring.WriteData("x", count), Exception);
+    EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
     EXPECT_EQ(other.GetSize(), 64);
-    created.Ring.SetMemoryName(test::UniqueName("velox-ring-"));
-    created.Ring.CreateMemory(32);
-    EXPECT_EQ(created.Ring.GetSize(), 32);
+    ring.SetMemoryName(test::UniqueName("velox-ring-"));
+    ring.CreateMemory(32);
+    EXPECT_EQ(ring.GetSize(), 32);
   }
   EXPECT_EQ(test::HandleCount(), before);
 }
@@ -206,22 +196,20 @@ TEST(SharedMemBuffer, AFailureMidwayKeepsWhatItGotUntilItIsReleased) {
       EXPECT_EQ(CreationError(ring, 64), static_cast<uint32_t>(ERROR_INVALID_HANDLE));
       EXPECT_TRUE(THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, name.c_str())));
     }
-    EXPECT_EQ(CreationMessage(ring, 64), "Already Allocated");
+    const auto again = [&ring] { ring.CreateMemory(64); };
+    EXPECT_EQ(test::MessageOf(again), "Already Allocated");
     ring.ReleaseMemory();
-    EXPECT_EQ(CreationMessage(ring, 32), "");
-    EXPECT_EQ(ring.GetSize(), 32);
-    EXPECT_EQ(CreationMessage(ring, 64), "Already Allocated");
+    ring.CreateMemory(32);
+    EXPECT_EQ(test::MessageOf(again), "Already Allocated");
     EXPECT_EQ(ring.GetSize(), 32);
   }
   EXPECT_EQ(test::HandleCount(), before);
 }
 
 TEST(SharedMemBuffer, AnOpenerRefusesASizeBeyondItsView) {
-  TCreated created(64);
-  TSharedMemBuffer opener(false);
-  opener.SetMemoryName(created.Name);
-  opener.CreateMemory(0);
-  const THandle mapping(::OpenFileMappingA(FILE_MAP_WRITE, FALSE, created.Name.c_str()));
+  TRing ring(64);
+  TRing opener(ring.GetMemoryName());
+  const THandle mapping(::OpenFileMappingA(FILE_MAP_WRITE, FALSE, ring.GetMemoryName().c_str()));
   auto* words =
       static_cast<volatile uint32_t*>(::MapViewOfFile(mapping.Get(), FILE_MAP_WRITE, 0, 0, 0));
   ASSERT_NE(words, nullptr);
@@ -232,7 +220,7 @@ TEST(SharedMemBuffer, AnOpenerRefusesASizeBeyondItsView) {
   char bytes[100] = "";
   EXPECT_THROW(opener.WriteData(bytes, count), Exception);
   EXPECT_THROW(opener.ReadData(bytes, count), Exception);
-  EXPECT_TRUE(MutexIsFree(created.Name + "Mutex"));
+  EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
   ::UnmapViewOfFile(const_cast<uint32_t*>(words));
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -16,6 +17,7 @@ namespace velox {
 namespace {
 
 using TBytes = std::vector<uint8_t>;
+using TRings = std::vector<TCyclicBuffer*>;
 
 template <class F>
 std::string MessageOf(F&& Action) {
@@ -71,7 +73,9 @@ void CompareWithModel(TCyclicBuffer& Writer, TCyclicBuffer& Reader, bool Overwri
     }
     ASSERT_EQ(static_cast<size_t>(Reader.GetCount()), model.size() / item) << i;
     ASSERT_EQ(Reader.GetEmpty(), model.empty()) << i;
-    ASSERT_EQ(static_cast<size_t>(Writer.GetAvailable()), room - model.size() / item) << i;
+    const size_t available = room - model.size() / item;
+    ASSERT_EQ(static_cast<size_t>(Writer.GetAvailable()), available) << i;
+    ASSERT_EQ(static_cast<size_t>(Writer.GetMaximalAvailable()), Overwritable ? room : available);
   }
 }
 
@@ -99,29 +103,12 @@ TEST(CyclicBuffer, BehavesAsItsModel) {
   }
 }
 
-TEST(CyclicBuffer, HoldsOneItemLessThanItsSize) {
-  TInternalCyclicBuffer ring;
-  ring.SetSize(8);
-  EXPECT_EQ(ring.GetAvailable(), 7);
-  EXPECT_EQ(Write(ring, "abcdefghij"), 7);
-  EXPECT_EQ(ring.GetAvailable(), 0);
-  EXPECT_EQ(ring.GetMaximalAvailable(), 0);
-  EXPECT_EQ(Write(ring, "x"), 0);
-  ring.SetOverwritable(true);
-  EXPECT_EQ(ring.GetMaximalAvailable(), 7);
-  EXPECT_EQ(Write(ring, "12345678"), 7);
-  EXPECT_EQ(Read(ring, 20), "1234567");
-  EXPECT_TRUE(ring.GetEmpty());
-}
-
 TEST(CyclicBuffer, NeedsStorageForAnythingButNothing) {
   const std::string unallocated = "Buffer have not been allocated";
   TInternalCyclicBuffer internal;
   TExternalCyclicBuffer external;
   TSharedCyclicBuffer shared(true);
-  for (TCyclicBuffer* ring :
-       {static_cast<TCyclicBuffer*>(&internal), static_cast<TCyclicBuffer*>(&external),
-        static_cast<TCyclicBuffer*>(&shared)}) {
+  for (TCyclicBuffer* ring : TRings{&internal, &external, &shared}) {
     int32_t none = 0;
     ring->ReadData(nullptr, none);
     ring->WriteData(nullptr, none);
@@ -162,8 +149,7 @@ TEST(CyclicBuffer, SizeIsBytesOfStorageAlsoForLargerItems) {
   shared.SetItemSize(4);
   internal.SetSize(16);
   shared.SetBuffer(block.data(), 12 + 16);
-  for (TCyclicBuffer* ring :
-       {static_cast<TCyclicBuffer*>(&internal), static_cast<TCyclicBuffer*>(&shared)}) {
+  for (TCyclicBuffer* ring : TRings{&internal, &shared}) {
     EXPECT_EQ(MessageOf([&] { ring->SetItemSize(2); }), "Already Allocated");
     EXPECT_EQ(ring->GetSize(), 16);
     EXPECT_EQ(ring->GetAvailable(), 15);
@@ -217,24 +203,23 @@ TEST(CyclicBuffer, EachOperationTakesTheLockOnceAndGivesItBack) {
   }
 }
 
+using TWords = std::array<uint32_t, 3>;  // size, head, tail
+
 /// A block of size 4 as a peer may leave it.
 struct TBlock {
-  uint32_t Size = 4, Head = 0, Tail = 0;
+  TWords Words = {4, 0, 0};
   char Data[4] = {'a', 'b', 'c', 'd'};
 };
 
 TEST(SharedCyclicBuffer, WordsStandAtTheirPlaces) {
-  TBlock block{77, 77, 77};
+  TBlock block{{77, 77, 77}};
   TSharedCyclicBuffer creator(true);
   creator.SetBuffer(&block, sizeof block);
-  EXPECT_EQ(block.Size, 4u);
-  EXPECT_EQ(block.Head, 0u);
-  EXPECT_EQ(block.Tail, 0u);
+  EXPECT_EQ(block.Words, (TWords{4, 0, 0}));
   Write(creator, "wxy");
   EXPECT_EQ(std::string(block.Data, 4), "wxyd");
-  EXPECT_EQ(block.Tail, 3u);
   EXPECT_EQ(Read(creator, 2), "wx");
-  EXPECT_EQ(block.Head, 2u);
+  EXPECT_EQ(block.Words, (TWords{4, 2, 3}));
   EXPECT_EQ(creator.GetHead() - reinterpret_cast<uint8_t*>(&block), 14);
 
   TSharedCyclicBuffer opener(false);
@@ -242,13 +227,11 @@ TEST(SharedCyclicBuffer, WordsStandAtTheirPlaces) {
   EXPECT_EQ(opener.GetSize(), 4);
   EXPECT_EQ(Read(opener, 9), "y");
   Write(opener, "z");  // a position at the end stays there
-  EXPECT_EQ(block.Tail, 4u);
-  EXPECT_EQ(block.Head, 3u);
+  EXPECT_EQ(block.Words, (TWords{4, 3, 4}));
   EXPECT_EQ(Read(creator, 9), "z");
-  EXPECT_EQ(block.Head, 4u);
+  EXPECT_EQ(block.Words, (TWords{4, 4, 4}));
   Write(creator, "q");
-  EXPECT_EQ(block.Tail, 1u);
-  EXPECT_EQ(block.Head, 0u);
+  EXPECT_EQ(block.Words, (TWords{4, 0, 1}));
 }
 
 TEST(SharedCyclicBuffer, OverwritingUpToTheEndLeavesTheHeadOneItemBehindIt) {
@@ -258,19 +241,19 @@ TEST(SharedCyclicBuffer, OverwritingUpToTheEndLeavesTheHeadOneItemBehindIt) {
   ring.SetOverwritable(true);
   Write(ring, "abc");
   Write(ring, "d");
-  EXPECT_EQ(block.Tail, 4u);
-  EXPECT_EQ(block.Head, 5u);
+  EXPECT_EQ(block.Words, (TWords{4, 5, 4}));
   EXPECT_EQ(ring.GetCount(), 3);
   EXPECT_EQ(Read(ring, 1), "b");
-  EXPECT_EQ(block.Head, 2u);
+  EXPECT_EQ(block.Words, (TWords{4, 2, 4}));
   EXPECT_EQ(Read(ring, 9), "cd");
 }
 
 TEST(SharedCyclicBuffer, BrokenWordsAreRefused) {
   const std::string damaged = "Shared buffer is damaged";
-  const TBlock cases[] = {{4, 6, 0},          {4, 0, 5},          {4, 0xFFFFFFFF, 0},
+  const TWords cases[] = {{4, 6, 0},          {4, 0, 5},          {4, 0xFFFFFFFF, 0},
                           {4, 0, 0x80000000}, {0x80000000, 0, 0}, {0xFFFFFFFF, 1, 1}};
-  for (TBlock block : cases) {
+  for (const TWords& words : cases) {
+    TBlock block{words};
     TSharedCyclicBuffer ring(false);
     ring.SetBuffer(&block, 0);
     EXPECT_EQ(MessageOf([&] { Read(ring, 1); }), damaged);
@@ -282,7 +265,7 @@ TEST(SharedCyclicBuffer, BrokenWordsAreRefused) {
   TBlock grown;
   TSharedCyclicBuffer creator(true);
   creator.SetBuffer(&grown, sizeof grown);
-  grown.Size = 5;
+  grown.Words[0] = 5;
   EXPECT_EQ(MessageOf([&] { Write(creator, "x"); }), damaged);
 }
 

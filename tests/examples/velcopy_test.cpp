@@ -3,14 +3,17 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
+#include <filesystem>
 #include <iterator>
-#include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
 #include "velox/runtime/velFormat.hpp"
 #include "velox/runtime/velHandle.hpp"
@@ -23,36 +26,12 @@ class TVelcopy {
  public:
   TVelcopy(const test::TTemporaryFolder& Folder, const std::string& Arguments)
       : Output_(Folder.File(test::UniqueName("output-"))) {
-    SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-    const THandle output(::CreateFileA(Output_.c_str(), GENERIC_WRITE, FILE_SHARE_READ,
-                                       &inheritable, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                       nullptr));
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = startup.hStdError = output.Get();
-    char program[MAX_PATH] = "";
-    ::GetModuleFileNameA(nullptr, program, sizeof program);
-    const std::string self = program;
-    std::string line = "\"";
-    line += self.substr(0, self.rfind('\\')) + "\\velcopy.exe\" " + Arguments;
-    PROCESS_INFORMATION information{};
-    EXPECT_TRUE(::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                 &startup, &information))
-        << line << ", error " << ::GetLastError();
-    THandle(information.hThread).Reset();
-    Process_.Reset(information.hProcess);
+    const THandle output = test::OpenStream(Output_, GENERIC_WRITE, CREATE_ALWAYS);
+    Process_ = test::StartExample("velcopy", Arguments, output, output);
   }
   ~TVelcopy() { Kill(); }
 
-  DWORD Wait() {
-    DWORD code = STILL_ACTIVE;
-    EXPECT_TRUE(test::WaitUntil(
-        [&] { return ::GetExitCodeProcess(Process_.Get(), &code) && code != STILL_ACTIVE; },
-        120'000))
-        << Output();
-    return code;
-  }
+  DWORD Wait() const { return test::AwaitExitCode(Process_, 120'000); }
   std::string Output() const { return test::ReadFileBytes(Output_); }
   bool Says(const std::string& Text) const {
     return test::WaitUntil([&] { return Output().find(Text) != std::string::npos; });
@@ -95,73 +74,86 @@ void MakeHugeFile(const std::string& Name) {
   ASSERT_TRUE(::SetEndOfFile(file.Get()));
 }
 
-bool Exists(const std::string& Name) {
-  return ::GetFileAttributesA(Name.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-std::string RandomBytes(size_t Size) {
-  std::mt19937 random(static_cast<unsigned>(Size));
-  std::string bytes(Size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes;
-}
-
 TEST(Velcopy, CopiesFilesBothWaysAtOnce) {
   const test::TTemporaryFolder folder;
   const struct {
-    size_t Size;
+    std::string Bytes;
     const char* Receiver;
     const char* Sender;
     int Directions;
-  } cases[] = {{0, "", "", 1},
-               {1, "--size 1024", "--block 1", 1},
-               {100'000, "--size 10000", "--block 4096", 1},
-               {2 << 20, "", "--block 4096 --progress bar", 2},
-               {(5 << 20) + 7, "", "--block 1048576", 2}};
+  } cases[] = {{"", "", "", 1},
+               {"x", "--size 1024", "--block 1", 1},
+               {"123456789", "", "", 1},
+               {test::Noise(100'000), "--size 10000", "--block 4096", 1},
+               {test::Noise(2 << 20), "", "--block 4096 --progress bar", 2},
+               {test::Noise((5 << 20) + 7), "", "--block 1048576", 2}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(Format("%u bytes, %s %s", static_cast<unsigned>(c.Size), c.Receiver, c.Sender));
-    const std::string from = folder.File("from"), bytes = RandomBytes(c.Size);
-    test::WriteFileBytes(from, bytes);
-    std::vector<std::unique_ptr<TVelcopy>> programs;
+    SCOPED_TRACE(
+        Format("%u bytes, %s %s", static_cast<unsigned>(c.Bytes.size()), c.Receiver, c.Sender));
+    const std::string from = folder.File("from");
+    test::WriteFileBytes(from, c.Bytes);
+    std::deque<TVelcopy> programs;
     std::vector<std::string> copies;
     for (int i = 0; i < c.Directions; ++i) {
       const std::string address = "shm:" + test::UniqueName("velcopy-");
       copies.push_back(folder.File(test::UniqueName("to-")));
-      auto receiver = std::make_unique<TVelcopy>(
+      const TVelcopy& receiver = programs.emplace_back(
           folder, "receive " + address + " " + copies.back() + " " + c.Receiver);
-      ASSERT_TRUE(receiver->Says("waiting for a sender on " + address)) << receiver->Output();
-      programs.push_back(std::move(receiver));
-      programs.push_back(
-          std::make_unique<TVelcopy>(folder, "send " + address + " " + from + " " + c.Sender));
+      ASSERT_TRUE(receiver.Says("waiting for a sender on " + address)) << receiver.Output();
+      programs.emplace_back(folder, "send " + address + " " + from + " " + c.Sender);
     }
     std::string check;
-    for (const auto& program : programs) {
-      EXPECT_EQ(program->Wait(), 0u) << program->Output();
-      const std::string output = program->Output();
+    for (const TVelcopy& program : programs) {
+      EXPECT_EQ(program.Wait(), 0u) << program.Output();
+      const std::string output = program.Output();
       const size_t at = output.find("CRC-32 ");
       ASSERT_NE(at, std::string::npos) << output;
       if (check.empty()) check = output.substr(at, 15);
       EXPECT_EQ(output.substr(at, 15), check);
-      EXPECT_EQ(output.find("100%") != std::string::npos, c.Size > 0) << output;
+      EXPECT_EQ(output.find("100%") != std::string::npos, !c.Bytes.empty()) << output;
       EXPECT_LE(Width(output), 79u) << output;
     }
+    // CRC-32/ISO-HDLC, the check value of its published catalogue entry.
+    if (c.Bytes == "123456789") {
+      const std::string output = programs.back().Output();
+      EXPECT_NE(output.find("sent 9 bytes, CRC-32 CBF43926"), std::string::npos) << output;
+    }
     for (const std::string& copy : copies) {
-      EXPECT_TRUE(test::ReadFileBytes(copy) == bytes);
-      EXPECT_FALSE(Exists(copy + ".part"));
+      EXPECT_TRUE(test::ReadFileBytes(copy) == c.Bytes);
+      EXPECT_FALSE(std::filesystem::exists(copy + ".part"));
     }
   }
+}
+
+// Binds a socket to a port that the system chooses, and gives that.
+uint16_t Bind(SOCKET Socket) {
+  SOCKADDR_IN address{};
+  address.sin_family = AF_INET;
+  int length = sizeof address;
+  EXPECT_EQ(::bind(Socket, reinterpret_cast<SOCKADDR*>(&address), length), 0);
+  ::getsockname(Socket, reinterpret_cast<SOCKADDR*>(&address), &length);
+  return ntohs(address.sin_port);
 }
 
 // A port that was free just now.
 uint16_t FreePort(int Type) {
   const SOCKET probe = ::socket(AF_INET, Type, 0);
+  const uint16_t port = Bind(probe);
+  ::closesocket(probe);
+  return port;
+}
+
+void SendTo(SOCKET Socket, const SOCKADDR_IN& Address, const std::string& Bytes) {
+  ::sendto(Socket, Bytes.data(), static_cast<int>(Bytes.size()), 0,
+           reinterpret_cast<const SOCKADDR*>(&Address), sizeof Address);
+}
+
+SOCKADDR_IN Loopback(uint16_t Port) {
   SOCKADDR_IN address{};
   address.sin_family = AF_INET;
-  int length = sizeof address;
-  ::bind(probe, reinterpret_cast<SOCKADDR*>(&address), length);
-  ::getsockname(probe, reinterpret_cast<SOCKADDR*>(&address), &length);
-  ::closesocket(probe);
-  return ntohs(address.sin_port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(Port);
+  return address;
 }
 
 /// Passes datagrams on between the one who sends to its port and the one at another port. One in
@@ -171,16 +163,10 @@ class TBadRelay {
   TBadRelay(uint16_t Target, unsigned Every)
       : Every_(Every),
         Front_(::socket(AF_INET, SOCK_DGRAM, 0)),
-        Back_(::socket(AF_INET, SOCK_DGRAM, 0)) {
-    Target_.sin_family = AF_INET;
-    Target_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    SOCKADDR_IN address = Target_;
-    for (const SOCKET socket : {Front_, Back_})
-      EXPECT_EQ(::bind(socket, reinterpret_cast<SOCKADDR*>(&address), sizeof address), 0);
-    int length = sizeof address;
-    ::getsockname(Front_, reinterpret_cast<SOCKADDR*>(&address), &length);
-    Port = ntohs(address.sin_port);
-    Target_.sin_port = htons(Target);
+        Back_(::socket(AF_INET, SOCK_DGRAM, 0)),
+        Target_(Loopback(Target)) {
+    Port = Bind(Front_);
+    Bind(Back_);
     Thread_ = std::thread([this] { Run(); });
   }
   ~TBadRelay() {
@@ -196,7 +182,7 @@ class TBadRelay {
  private:
   struct TDirection {
     SOCKET To;
-    SOCKADDR_IN* Address;
+    const SOCKADDR_IN* Address;
     std::string Held = {};
   };
 
@@ -226,8 +212,7 @@ class TBadRelay {
 
   void Pass(TDirection& Direction, std::string Datagram) {
     const auto send = [&](const std::string& Bytes) {
-      ::sendto(Direction.To, Bytes.data(), static_cast<int>(Bytes.size()), 0,
-               reinterpret_cast<const SOCKADDR*>(Direction.Address), sizeof *Direction.Address);
+      SendTo(Direction.To, *Direction.Address, Bytes);
     };
     switch (Random_() % Every_) {
       case 0:
@@ -249,7 +234,7 @@ class TBadRelay {
 
   const unsigned Every_;
   const SOCKET Front_, Back_;
-  SOCKADDR_IN Target_{};
+  const SOCKADDR_IN Target_;
   std::mt19937 Random_{5};
   std::atomic<bool> Stop_ = false;
   std::thread Thread_;
@@ -258,7 +243,7 @@ class TBadRelay {
 TEST(Velcopy, CopiesOverConnections) {
   const test::TTemporaryFolder folder;
   for (const size_t size : {size_t{0}, size_t{1}, size_t{3'000'001}}) {
-    const std::string from = folder.File("from"), to = folder.File("to"), bytes = RandomBytes(size),
+    const std::string from = folder.File("from"), to = folder.File("to"), bytes = test::Noise(size),
                       port = std::to_string(FreePort(SOCK_STREAM));
     test::WriteFileBytes(from, bytes);
     TVelcopy receiver(folder, "receive tcp:" + port + " " + to);
@@ -277,7 +262,7 @@ TEST(Velcopy, CopiesOverConnections) {
 TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
   const test::TTemporaryFolder folder;
   const std::string from = folder.File("from"), to = folder.File("to"),
-                    bytes = RandomBytes(4 << 20);
+                    bytes = test::Noise(4 << 20);
   const uint16_t port = FreePort(SOCK_DGRAM);
   test::WriteFileBytes(from, bytes);
   TVelcopy receiver(folder, "receive udp:" + std::to_string(port) + " " + to);
@@ -285,13 +270,8 @@ TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
   const TBadRelay relay(port, 20);
   // What is no packet changes nothing.
   const SOCKET stranger = ::socket(AF_INET, SOCK_DGRAM, 0);
-  SOCKADDR_IN address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  for (const int size : {0, 1, 100, 1400})
-    ::sendto(stranger, bytes.data(), size, 0, reinterpret_cast<SOCKADDR*>(&address),
-             sizeof address);
+  for (const size_t size : {0, 1, 100, 1400})
+    SendTo(stranger, Loopback(port), bytes.substr(0, size));
   TVelcopy sender(folder, "send udp:127.0.0.1:" + std::to_string(relay.Port) + " " + from);
   EXPECT_EQ(sender.Wait(), 0u) << sender.Output();
   EXPECT_EQ(receiver.Wait(), 0u) << receiver.Output();
@@ -301,24 +281,9 @@ TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
     EXPECT_GT(count, 50u);
 }
 
-TEST(Velcopy, PrintsThePublishedCheck) {
-  const test::TTemporaryFolder folder;
-  test::WriteFileBytes(folder.File("from"), "123456789");
-  const std::string address = "shm:" + test::UniqueName("velcopy-");
-  TVelcopy receiver(folder, "receive " + address + " " + folder.File("to"));
-  ASSERT_TRUE(receiver.Says("waiting"));
-  TVelcopy sender(folder, "send " + address + " " + folder.File("from"));
-  EXPECT_EQ(sender.Wait(), 0u);
-  // CRC-32/ISO-HDLC, the check value of its published catalogue entry.
-  EXPECT_NE(sender.Output().find("sent 9 bytes, CRC-32 CBF43926"), std::string::npos)
-      << sender.Output();
-}
-
 TEST(Velcopy, PrintsItsUsage) {
-  const test::TTemporaryFolder folder;
-  TVelcopy program(folder, "--help");
-  EXPECT_EQ(program.Wait(), 0u);
-  EXPECT_EQ(program.Output().find("velcopy receive ADDRESS FILE"), 0u) << program.Output();
+  const TStrings lines = test::ExampleOutput("velcopy", {"--help"});
+  EXPECT_TRUE(lines.at(0).starts_with("velcopy receive ADDRESS FILE")) << lines[0];
 }
 
 TEST(Velcopy, RefusesBadInputWithOneLine) {
@@ -365,13 +330,12 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
       {"copy shm:velcopy-x " + to, "\"copy\" is neither send nor receive; see velcopy --help"},
       {"receive shm:velcopy-x", "receive needs an address and a file; see velcopy --help"},
       {"receive shm:velcopy-x " + to + " 1", "\"1\" is one argument too many"}};
-  std::vector<std::unique_ptr<TVelcopy>> programs;
-  for (const auto& c : cases) programs.push_back(std::make_unique<TVelcopy>(folder, c.Arguments));
+  std::deque<TVelcopy> programs;
+  for (const auto& c : cases) programs.emplace_back(folder, c.Arguments);
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].Arguments);
-    EXPECT_EQ(programs[i]->Wait(), 1u);
-    ExpectError(*programs[i], "velcopy: ");
-    ExpectError(*programs[i], cases[i].Message);
+    EXPECT_EQ(programs[i].Wait(), 1u);
+    ExpectError(programs[i], cases[i].Message);
   }
   // This one reaches the receiver, which ends with it.
   TVelcopy sender(folder, "send shm:" + used + " " + file + " --block 2000");
@@ -381,13 +345,13 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
   ExpectError(receiver, "the sender gave up: blocks of 2000 bytes");
   EXPECT_EQ(test::ReadFileBytes(folder.File("other")), "good");
   for (const char* name : {"to", "to.part", "other.part"})
-    EXPECT_FALSE(Exists(folder.File(name))) << name;
+    EXPECT_FALSE(std::filesystem::exists(folder.File(name))) << name;
 }
 
 TEST(Velcopy, RefusesASecondSenderAndFinishesTheCopy) {
   const test::TTemporaryFolder folder;
   const std::string from = folder.File("from"), to = folder.File("to"),
-                    bytes = RandomBytes(12 << 20);
+                    bytes = test::Noise(12 << 20);
   test::WriteFileBytes(from, bytes);
   const std::string address = "shm:" + test::UniqueName("velcopy-");
   TVelcopy receiver(folder, "receive " + address + " " + to);
@@ -398,7 +362,7 @@ TEST(Velcopy, RefusesASecondSenderAndFinishesTheCopy) {
   TVelcopy second(folder, send);
   EXPECT_EQ(second.Wait(), 1u);
   ExpectError(second, address + " is in use by another sender");
-  EXPECT_TRUE(Exists(to + ".part")) << "the copy was too short";
+  EXPECT_TRUE(std::filesystem::exists(to + ".part")) << "the copy was too short";
   EXPECT_EQ(sender.Wait(), 0u) << sender.Output();
   EXPECT_EQ(receiver.Wait(), 0u) << receiver.Output();
   EXPECT_TRUE(test::ReadFileBytes(to) == bytes);
@@ -417,18 +381,17 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
           Receiver(Folder, "receive " + Kind + Place + " " + File) {
       test::WriteFileBytes(File, "good");
       EXPECT_TRUE(Receiver.Says("waiting"));
-      Sender = std::make_unique<TVelcopy>(Folder, "send " + Kind +
-                                                      (SocketType == 0 ? "" : "127.0.0.1:") +
-                                                      Place + " " + From + " --block 4096");
+      Sender.emplace(Folder, "send " + Kind + (SocketType == 0 ? "" : "127.0.0.1:") + Place + " " +
+                                 From + " --block 4096");
     }
     // Both print lines, as their output is no console.
-    void AwaitLines() {
+    void AwaitLines() const {
       EXPECT_TRUE(Receiver.Says(" s left")) << File << ": " << Receiver.Output();
       EXPECT_TRUE(Sender->Says(" s left")) << File << ": " << Sender->Output();
     }
     const std::string File, Place;
     TVelcopy Receiver;
-    std::unique_ptr<TVelcopy> Sender;
+    std::optional<TVelcopy> Sender;
   };
   const struct {
     const char* Kind;
@@ -437,22 +400,20 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   } kinds[] = {{"shm:", 0, " has not responded for 8 seconds"},
                {"tcp:", SOCK_STREAM, "the "},  // the system tells, in one of two ways
                {"udp:", SOCK_DGRAM, " has not responded for 8 seconds"}};
-  std::vector<std::unique_ptr<TCopy>> as, bs;
+  std::deque<TCopy> as, bs;
   for (const auto& [kind, socketType, message] : kinds) {
     SCOPED_TRACE(kind);
-    as.push_back(
-        std::make_unique<TCopy>(folder, from, std::string("a") + kind[0], kind, socketType));
-    bs.push_back(
-        std::make_unique<TCopy>(folder, from, std::string("b") + kind[0], kind, socketType));
+    as.emplace_back(folder, from, std::string("a") + kind[0], kind, socketType);
+    bs.emplace_back(folder, from, std::string("b") + kind[0], kind, socketType);
   }
   for (const auto* copies : {&as, &bs})
-    for (const auto& copy : *copies) copy->AwaitLines();
-  for (const auto& a : as) a->Receiver.Kill();
-  for (const auto& b : bs) b->Sender->Kill();
+    for (const TCopy& copy : *copies) copy.AwaitLines();
+  for (TCopy& a : as) a.Receiver.Kill();
+  for (TCopy& b : bs) b.Sender->Kill();
   const ULONGLONG start = ::GetTickCount64();
   for (size_t i = 0; i < std::size(kinds); ++i) {
     SCOPED_TRACE(kinds[i].Kind);
-    TCopy &a = *as[i], &b = *bs[i];
+    const TCopy &a = as[i], &b = bs[i];
     EXPECT_EQ(a.Sender->Wait(), 1u);
     EXPECT_EQ(b.Receiver.Wait(), 1u);
     // 8 seconds, and time for a machine with other work.
@@ -462,8 +423,8 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
     ExpectError(b.Receiver, kinds[i].Message);
     ExpectError(b.Receiver, "sender");
     for (const TCopy* copy : {&a, &b}) EXPECT_EQ(test::ReadFileBytes(copy->File), "good");
-    EXPECT_TRUE(Exists(a.File + ".part"));  // the killed can't clean up
-    EXPECT_FALSE(Exists(b.File + ".part"));
+    EXPECT_TRUE(std::filesystem::exists(a.File + ".part"));  // the killed can't clean up
+    EXPECT_FALSE(std::filesystem::exists(b.File + ".part"));
   }
 }
 

@@ -19,15 +19,12 @@ TEST(VelHex, ConvertsBothWaysAndListsBlocks) {
   image[0x10000] = 'b';
   image[0x10001] = 'c';
   test::WriteFileBytes(bin, image);
-  EXPECT_EQ(test::RunExample("velhex", {"to-hex", bin, hex}).ExitCode, 0);
+  test::ExampleOutput("velhex", {"to-hex", bin, hex});
   EXPECT_EQ(test::ReadFileBytes(hex),
-            ":01000000619E\r\n:020000040001F9\r\n:020000006263"
-            "39\r\n:00000001FF\r\n");
-  EXPECT_EQ(test::RunExample("velhex", {"to-bin", hex, back}).ExitCode, 0);
+            ":01000000619E\r\n:020000040001F9\r\n:02000000626339\r\n:00000001FF\r\n");
+  test::ExampleOutput("velhex", {"to-bin", hex, back});
   EXPECT_TRUE(test::ReadFileBytes(back) == image);
-  const auto info = test::RunExample("velhex", {"info", hex});
-  EXPECT_EQ(info.ExitCode, 0);
-  EXPECT_EQ(info.Lines,
+  EXPECT_EQ(test::ExampleOutput("velhex", {"info", hex}),
             (TStrings{"00000000  1", "00010000  2", "2 blocks, 3 bytes, image of 65538 bytes"}));
 }
 
@@ -35,7 +32,7 @@ TEST(VelHex, LeavesOtherPeoplesPartFilesAlone) {
   const test::TTemporaryFolder folder;
   const std::string out = folder.File("out.hex"), in = out + ".part";
   test::WriteFileBytes(in, "a");
-  EXPECT_EQ(test::RunExample("velhex", {"to-hex", in, out}).ExitCode, 0);
+  test::ExampleOutput("velhex", {"to-hex", in, out});
   EXPECT_EQ(test::ReadFileBytes(in), "a");
   EXPECT_EQ(test::ReadFileBytes(out), ":01000000619E\r\n:00000001FF\r\n");
 }
@@ -44,27 +41,17 @@ TEST(VelHex, RefusesInOneLineAndLeavesNoFile) {
   const test::TTemporaryFolder folder;
   const std::string in = folder.File("in.hex"), out = folder.File("out.bin");
   test::WriteFileBytes(in, ":0100000001FE\n:0100000001FF\n");
-  struct {
-    TStrings Arguments;
-    std::string Line;
-  } const cases[] = {
-      {{"to-bin", in, out}, "velhex: Line 2 : Incorrect record checksum"},
-      {{"info", in}, "velhex: Line 2 : Incorrect record checksum"},
-      {{"to-bin", folder.File("none"), out}, ""},
-      {{"to-hex", folder.File("none"), out}, ""},
-      {{"to-hex", in, folder.File("no\\such\\folder")}, ""},
-      {{"to-bin", in}, ""},
-      {{"from-bin", in, out}, ""},
-  };
-  for (const auto& each : cases) {
-    const auto run = test::RunExample("velhex", each.Arguments);
-    EXPECT_EQ(run.ExitCode, 1);
-    ASSERT_EQ(run.Lines.size(), 1u);
-    EXPECT_EQ(run.Lines[0].rfind("velhex: ", 0), 0u) << run.Lines[0];
-    EXPECT_TRUE(each.Line.empty() || run.Lines[0] == each.Line) << run.Lines[0];
+  for (const TStrings& arguments : {TStrings{"to-bin", in, out}, TStrings{"info", in}}) {
+    EXPECT_EQ(test::ExampleRefusal("velhex", arguments), "Line 2 : Incorrect record checksum");
   }
   std::filesystem::create_directory(folder.File("folder"));
-  EXPECT_EQ(test::RunExample("velhex", {"to-hex", in, folder.File("folder")}).ExitCode, 1);
+  const TStrings cases[] = {{"to-bin", folder.File("none"), out},
+                            {"to-hex", folder.File("none"), out},
+                            {"to-hex", in, folder.File("no\\such\\folder")},
+                            {"to-hex", in, folder.File("folder")},
+                            {"to-bin", in},
+                            {"from-bin", in, out}};
+  for (const TStrings& arguments : cases) test::ExampleRefusal("velhex", arguments);
   std::filesystem::remove(folder.File("folder"));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()),
                           std::filesystem::directory_iterator()),

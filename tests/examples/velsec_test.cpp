@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/examples/run_example.hpp"
@@ -15,20 +16,15 @@ namespace {
 const std::string AppID = "{5F3C7A10-0B5E-4C1A-9A77-3D2E6B7F0C53}";
 const std::string AppKey = "AppID\\" + AppID;
 
-TStrings Velsec(const TStrings& Arguments) {
-  const auto run = test::RunExample("velsec", Arguments);
-  EXPECT_EQ(run.ExitCode, 0) << (run.Lines.empty() ? "" : run.Lines[0]);
-  return run.Lines;
-}
+TStrings Velsec(const TStrings& Arguments) { return test::ExampleOutput("velsec", Arguments); }
+
+std::string Refusal(const TStrings& Arguments) { return test::ExampleRefusal("velsec", Arguments); }
 
 /// A binary value as the system's own program prints it, empty when there is none.
 std::vector<uint8_t> RegQuery(const std::string& Value) {
-  TStrings lines;
-  auto keep = [&](const std::string& line) { lines.push_back(line); };
-  ExecuteProcess("reg query \"HKCR\\" + AppKey + "\" /v " + Value, "",
-                 TProcessOutputEvent::To(keep), false, nullptr);
+  const auto run = test::RunCommand("reg query \"HKCR\\" + AppKey + "\" /v " + Value);
   std::vector<uint8_t> bytes;
-  for (const std::string& line : lines) {
+  for (const std::string& line : run.Lines) {
     const TStrings words = StrGetTokens(line, " ", true, true);
     if (words.size() != 3 || words[0] != Value) continue;
     EXPECT_EQ(words[1], "REG_BINARY");
@@ -98,13 +94,6 @@ TEST_F(VelSec, NeverWritesAnEmptyList) {
   EXPECT_TRUE(RegQuery("AccessPermission").empty());
 }
 
-void Write(const std::string& Value, const std::string& Bytes) {
-  TRegistry registry;
-  registry.SetRootKey(HKEY_CLASSES_ROOT);
-  ASSERT_TRUE(registry.OpenKey(AppKey, true));
-  registry.WriteBinaryData(Value, Bytes.data(), static_cast<int32_t>(Bytes.size()));
-}
-
 TEST_F(VelSec, ChangesBothKindsUnlessOneIsChosen) {
   const TStrings initial = Velsec({"com", AppID});
   Velsec({"com", AppID, "add", "Everyone", "deny", "remote-launch"});
@@ -122,26 +111,26 @@ TEST_F(VelSec, ChangesBothKindsUnlessOneIsChosen) {
 
 TEST_F(VelSec, DropsADamagedSetting) {
   const TStrings initial = Velsec({"com", AppID});
-  Write("AccessPermission", "damaged");
-  const auto run = test::RunExample("velsec", {"com", AppID});
-  EXPECT_EQ(run.Lines,
-            TStrings{"velsec: Cannot read the AccessPermission: Security descriptor is invalid"});
+  TRegistry registry;
+  registry.SetRootKey(HKEY_CLASSES_ROOT);
+  ASSERT_TRUE(registry.OpenKey(AppKey, true));
+  registry.WriteBinaryData("AccessPermission", "damaged", 7);
+  registry.CloseKey();
+  EXPECT_EQ(Refusal({"com", AppID}),
+            "Cannot read the AccessPermission: Security descriptor is invalid");
   EXPECT_EQ(Velsec({"com", AppID, "default"}), initial);
 }
 
 TEST_F(VelSec, TellsListsWithoutEntriesApart) {
-  const struct {
-    TSecurityDescriptorAclType Type;
-    const char* Line;
-  } cases[] = {{sdatAbsent, "  the list is absent: everyone may"},
-               {sdatPresentNull, "  the list is null: everyone may"},
-               {sdatPresentNotNull, "  the list is empty: nobody may"}};
-  for (const auto& c : cases) {
+  const std::pair<TSecurityDescriptorAclType, const char*> cases[] = {
+      {sdatAbsent, "  the list is absent: everyone may"},
+      {sdatPresentNull, "  the list is null: everyone may"},
+      {sdatPresentNotNull, "  the list is empty: nobody may"}};
+  for (const auto& [type, line] : cases) {
     TSecurityDescriptor descriptor;
-    descriptor.DaclType = c.Type;
+    descriptor.DaclType = type;
     descriptor.WriteToRegistry(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission");
-    EXPECT_EQ(Velsec({"com", AppID, "--launch"}),
-              (TStrings{"LaunchPermission of " + AppID, c.Line}));
+    EXPECT_EQ(Velsec({"com", AppID, "--launch"}), (TStrings{"LaunchPermission of " + AppID, line}));
   }
 }
 
@@ -152,12 +141,11 @@ TEST_F(VelSec, SaysThatNothingWasWritten) {
                                  TStrings{"add", "Everyone", "deny"}}) {
     TStrings arguments = {"com", AppID, "--access"};
     arguments.insert(arguments.end(), change.begin(), change.end());
-    EXPECT_EQ(test::RunExample("velsec", arguments).Lines,
-              TStrings{"velsec: The setting could not be written"});
+    EXPECT_EQ(Refusal(arguments), "The setting could not be written");
   }
   // What holds by default is not written either, though it would read the same.
-  EXPECT_EQ(test::RunExample("velsec", {"com", AppID, "--launch", "add", "SYSTEM", "allow"}).Lines,
-            TStrings{"velsec: The setting could not be written"});
+  EXPECT_EQ(Refusal({"com", AppID, "--launch", "add", "SYSTEM", "allow"}),
+            "The setting could not be written");
 }
 
 TEST_F(VelSec, ShowsFlagsAndNullLists) {
@@ -181,10 +169,7 @@ TEST_F(VelSec, ShowsFlagsAndNullLists) {
 }
 
 TEST_F(VelSec, RefusesInOneLine) {
-  const struct {
-    TStrings Arguments;
-    std::string Line;
-  } cases[] = {
+  const std::pair<TStrings, std::string> cases[] = {
       {{"com", "x"}, "Not an application identifier: x"},
       {{"com", AppID, "--launch", "add", "nobody?", "allow"}, "No account nobody?"},
       {{"com", AppID, "--launch", "add", "SYSTEM", "perhaps"},
@@ -196,11 +181,7 @@ TEST_F(VelSec, RefusesInOneLine) {
       {{"show", "Software", "Value"},
        "A key begins with HKLM\\, HKCU\\, HKCR\\ or HKU\\, not with Software"},
   };
-  for (const auto& c : cases) {
-    const auto run = test::RunExample("velsec", c.Arguments);
-    EXPECT_EQ(run.ExitCode, 1);
-    EXPECT_EQ(run.Lines, TStrings{"velsec: " + c.Line});
-  }
+  for (const auto& [arguments, line] : cases) EXPECT_EQ(Refusal(arguments), line);
   EXPECT_TRUE(RegQuery("LaunchPermission").empty());
 }
 

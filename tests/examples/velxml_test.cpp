@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
@@ -8,33 +9,27 @@
 namespace velox {
 namespace {
 
-TEST(VelXml, FormatsAFileInPlace) {
+/// What becomes of a document in its own file, and stays when it is formatted again.
+std::string Formatted(const std::string& Xml) {
   const test::TTemporaryFolder folder;
   const std::string file = folder.File("in.xml");
-  test::WriteFileBytes(
-      file,
-      "<?xml version=\"1.0\"?><a> <b x=\"1\">t</b><c>\n<d/> and <e/> </c>\n<f> x<g/>y </f></a>");
-  std::string first;
-  for (int pass = 0; pass < 2; ++pass) {
-    const auto run = test::RunExample("velxml", {file, file});
-    ASSERT_EQ(run.ExitCode, 0) << run.Lines.at(0);
-    std::string text = test::ReadFileBytes(file);
+  test::WriteFileBytes(file, Xml);
+  std::string texts[2];
+  for (std::string& text : texts) {
+    test::ExampleOutput("velxml", {file, file});
+    text = test::ReadFileBytes(file);
     std::erase(text, '\r');
-    EXPECT_NE(text.find("<a>\n\t<b x=\"1\">t</b>\n\t<c>\n\t\t<d/> and "
-                        "<e/>\n\t</c>\n\t<f>\n\t\tx<g/>y\n\t</f>\n</a>"),
-              std::string::npos)
-        << text;
-    if (pass == 0) first = text;
-    EXPECT_EQ(text, first);
   }
+  EXPECT_EQ(texts[0], texts[1]);
+  return texts[0];
 }
 
-// Blanks are indentation among elements alone; saved, loaded and formatted again, all stays.
-TEST(VelXml, KeepsBlanksOfTexts) {
-  const struct {
-    const char* Xml;
-    const char* Expected;
-  } cases[] = {
+// Blanks are indentation among elements alone.
+TEST(VelXml, FormatsAndKeepsBlanksOfTexts) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"<?xml version=\"1.0\"?><a> <b x=\"1\">t</b><c>\n<d/> and <e/> </c>\n<f> x<g/>y </f></a>",
+       "<a>\n\t<b x=\"1\">t</b>\n\t<c>\n\t\t<d/> and "
+       "<e/>\n\t</c>\n\t<f>\n\t\tx<g/>y\n\t</f>\n</a>"},
       {"<p>see <b>A</b> <i>B</i> now<q> </q></p>",
        "<p>\n\tsee <b>A</b> <i>B</i> now<q> </q>\n</p>"},
       {"<a>\n  <b> <c/> </b>\n  <!-- d -->\n</a>",
@@ -44,32 +39,18 @@ TEST(VelXml, KeepsBlanksOfTexts) {
        "<a>\n\t<b xml:space=\"preserve\"> <c xml:space=\"preserve\"> </c>  <d/></b>\n</a>"},
       {"<a xml:space='preserve'> <b/></a>", "<a xml:space=\"preserve\"> <b/></a>"},
   };
-  const test::TTemporaryFolder folder;
-  const std::string file = folder.File("in.xml");
-  for (const auto& each : cases) {
-    test::WriteFileBytes(file, each.Xml);
-    for (int pass = 0; pass < 2; ++pass) {
-      ASSERT_EQ(test::RunExample("velxml", {file, file}).ExitCode, 0) << each.Xml;
-      std::string text = test::ReadFileBytes(file);
-      std::erase(text, '\r');
-      EXPECT_NE(text.find(each.Expected), std::string::npos) << pass << ": " << text;
-    }
+  for (const auto& [xml, expected] : cases) {
+    const std::string text = Formatted(xml);
+    EXPECT_NE(text.find(expected), std::string::npos) << text;
   }
 }
 
 TEST(VelXml, BearsDeepNesting) {
-  const test::TTemporaryFolder folder;
-  const std::string file = folder.File("in.xml");
-  std::string deep;
-  for (int i = 0; i < 200; ++i) deep += "<e>";
-  deep += "t";
-  for (int i = 0; i < 200; ++i) deep += "</e>";
-  test::WriteFileBytes(file, deep);
-  ASSERT_EQ(test::RunExample("velxml", {file, file}).ExitCode, 0);
-  const std::string text = test::ReadFileBytes(file);
-  EXPECT_NE(
-      text.find("\n" + std::string(199, '\t') + "<e>t</e>\n" + std::string(198, '\t') + "</e>"),
-      std::string::npos);
+  std::string deep = "t";
+  for (int i = 0; i < 200; ++i) deep = "<e>" + deep + "</e>";
+  const std::string inner =
+      "\n" + std::string(199, '\t') + "<e>t</e>\n" + std::string(198, '\t') + "</e>";
+  EXPECT_NE(Formatted(deep).find(inner), std::string::npos);
 }
 
 TEST(VelXml, RefusesInOneLineAndLeavesTheTargetAlone) {
@@ -80,21 +61,14 @@ TEST(VelXml, RefusesInOneLineAndLeavesTheTargetAlone) {
   test::WriteFileBytes(bad, "<a>\n<b></a>");
   test::WriteFileBytes(empty, "");
   test::WriteFileBytes(out, "as it was");
-  const std::vector<std::string> cases[] = {{bad, out},
-                                            {empty, out},
-                                            {folder.Path(), out},
-                                            {folder.File("none"), out},
-                                            {good},
-                                            {good, folder.File("no\\such\\folder")}};
-  for (const auto& arguments : cases) {
-    const auto run = test::RunExample("velxml", arguments);
-    EXPECT_EQ(run.ExitCode, 1) << arguments[0];
-    ASSERT_EQ(run.Lines.size(), 1u) << arguments[0];
-    EXPECT_EQ(run.Lines[0].rfind("velxml: ", 0), 0u) << run.Lines[0];
-  }
+  EXPECT_TRUE(test::ExampleRefusal("velxml", {bad, out}).starts_with(bad + " cannot be read: "));
+  const TStrings cases[] = {{empty, out},
+                            {folder.Path(), out},
+                            {folder.File("none"), out},
+                            {good},
+                            {good, folder.File("no\\such\\folder")}};
+  for (const TStrings& arguments : cases) test::ExampleRefusal("velxml", arguments);
   EXPECT_EQ(test::ReadFileBytes(out), "as it was");
-  const std::string line = test::RunExample("velxml", {bad, out}).Lines.at(0);
-  EXPECT_EQ(line.rfind("velxml: " + bad + " cannot be read: ", 0), 0u) << line;
 }
 
 }  // namespace

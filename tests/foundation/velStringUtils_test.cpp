@@ -57,10 +57,7 @@ TEST(StringUtils, PrefixesAndDeletedCharacters) {
   EXPECT_FALSE(StrBeginWithText("a{", "a["));
   EXPECT_FALSE(StrBeginWithText("\xE4", "\xC4"));
   EXPECT_EQ(StrDeleteChars("a.b.", '.'), "ab");
-  EXPECT_EQ(StrDeleteChars("a\xFF"
-                           "b.",
-                           TCharSet().set('.').set(0xFF)),
-            "ab");
+  EXPECT_EQ(StrDeleteChars("y\xFFz.", TCharSet().set('.').set(0xFF)), "yz");
 }
 
 TEST(StringUtils, Tokens) {
@@ -78,10 +75,8 @@ TEST(StringUtils, Tokens) {
       {"a--b", "--", false, false, {"a", "b"}},
       {"ab", "", false, false, {"ab"}},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : cases)
     EXPECT_EQ(StrGetTokens(c.S, c.Delimiter, c.Trim, c.Skip), c.Result) << c.S;
-    EXPECT_EQ(Trim(c.S), Trim(Trim(c.S)));
-  }
   std::string rest = "a::b", token;
   StrGetToken(rest, "::", token);
   EXPECT_EQ(token + "|" + rest, "a|b");

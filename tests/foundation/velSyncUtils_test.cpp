@@ -112,33 +112,29 @@ void CALLBACK WaitAndCount(ULONG_PTR Counter) {
 }
 
 TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
-  std::atomic<int> counter{0};
-  std::atomic<bool> done{false};
   THandle go(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
   THandle never(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  const std::function<DWORD()> waits[] = {
-      [&] { return WaitForSingleObjectAlertable(go.Get(), "single"); },
-      [&] {
-        return WaitForMultipleObjectsAlertable(std::array{never.Get(), go.Get()}, "several");
-      },
-      [&] {
-        return WaitAlertableQuietly(std::array{never.Get(), go.Get()});
-      },
-      [&] {
-        EXPECT_THROW(SleepAlertable(), Exception);  // what ends a sleep
-        return DWORD{WAIT_IO_COMPLETION};
-      }};
-  const DWORD expected[] = {WAIT_OBJECT_0, WAIT_OBJECT_0 + 1, WAIT_OBJECT_0 + 1,
-                            WAIT_IO_COMPLETION};
-  for (size_t i = 0; i < std::size(waits); ++i) {
-    counter = 0;
-    done = false;
+  const std::array handles{never.Get(), go.Get()};
+  const struct {
+    DWORD Result;
+    std::function<DWORD()> Wait;
+  } cases[] = {
+      {WAIT_OBJECT_0, [&] { return WaitForSingleObjectAlertable(go.Get(), "single"); }},
+      {WAIT_OBJECT_0 + 1, [&] { return WaitForMultipleObjectsAlertable(handles, "several"); }},
+      {WAIT_OBJECT_0 + 1, [&] { return WaitAlertableQuietly(handles); }},
+      {WAIT_IO_COMPLETION, [&] {
+         EXPECT_THROW(SleepAlertable(), Exception);  // what ends a sleep
+         return DWORD{WAIT_IO_COMPLETION};
+       }}};
+  for (const auto& c : cases) {
+    std::atomic<int> counter{0};
+    std::atomic<bool> begun{false};
+    std::atomic<bool> done{false};
     ::ResetEvent(go.Get());
     DWORD result = 0;
-    std::atomic<bool> begun{false};
     TBody body{[&](void*) {
       begun = true;
-      result = waits[i]();
+      result = c.Wait();
       done = true;
     }};
     const THandle thread = body.Start("waiter");
@@ -149,9 +145,9 @@ TEST(AlertableWait, RunsApcsAndGoesOnWaiting) {
       EXPECT_FALSE(done);
     }
     ::SetEvent(go.Get());
-    if (expected[i] == WAIT_IO_COMPLETION) ::QueueUserAPC(&Raise, thread.Get(), 0);
+    if (c.Result == WAIT_IO_COMPLETION) ::QueueUserAPC(&Raise, thread.Get(), 0);
     WaitForSingleObjectAlertable(thread.Get());
-    EXPECT_EQ(result, expected[i]);
+    EXPECT_EQ(result, c.Result);
   }
 }
 

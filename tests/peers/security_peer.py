@@ -157,9 +157,6 @@ def main():
             if not answer.startswith("refused: ") and (words := samba_read_if_good(data))]
     wrong = [pair for pair in both if pair[0] != pair[1]]
     check(f"Samba reads {len(both)} of those, and reads them alike", both and not wrong, wrong[:3])
-    reasons = {reason: refused.count(reason) for reason in set(refused)}
-    for reason, count in sorted(reasons.items(), key=lambda item: -item[1]):
-        print(f"  {count:5} {reason}")
     finish()
 
 

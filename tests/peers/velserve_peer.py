@@ -39,8 +39,7 @@ def curl(*arguments):
 
 
 def connect(port):
-    client = socket.create_connection(("127.0.0.1", port), timeout=30)
-    return client
+    return socket.create_connection(("127.0.0.1", port), timeout=30)
 
 
 def receive_all(client):
@@ -112,7 +111,7 @@ def bears_bad_clients(port, folder, names):
         check(f"{what} is answered, then closed", status in line + b" " and b"<reset>" not in answer, line)
     for _ in range(50):  # gone in the middle of a large answer
         with connect(port) as client:
-            client.sendall(f"GET /{names[1]} HTTP/1.1\r\nHost: x\r\n\r\n".replace(names[1], names[1].replace(" ", "%20")).encode())
+            client.sendall(b"GET /" + names[1].replace(" ", "%20").encode() + b" HTTP/1.1\r\nHost: x\r\n\r\n")
             client.recv(1000)
     check("serving goes on", curl(url(port, names[0])).stdout == (folder / names[0]).read_bytes())
 
@@ -126,8 +125,7 @@ def closes_silent_clients(port, folder, names, idle):
         closed = 0
         while closed < len(clients) and time.monotonic() - start < 60:
             served.request("GET", "/" + names[0])
-            good = served.getresponse().read() == (folder / names[0]).read_bytes()
-            if not good:
+            if served.getresponse().read() != (folder / names[0]).read_bytes():
                 break
             closed = sum(is_closed(client) for client in clients)
     check("100 silent connections are closed, and one that asks is served", closed == len(clients), closed)

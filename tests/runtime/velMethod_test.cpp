@@ -24,13 +24,6 @@ TEST(Method, CallsMembersFunctionsAndCallables) {
   EXPECT_EQ(seen, 7);
 }
 
-TEST(Method, PassesReferencesThrough) {
-  auto negate = [](bool& Flag) { Flag = !Flag; };
-  bool flag = false;
-  TMethod<void(bool&)>::To(negate)(flag);
-  EXPECT_TRUE(flag);
-}
-
 TEST(Method, IsAssignedByItsCodeAndEqualByBothParts) {
   TCounter a;
   TCounter b;

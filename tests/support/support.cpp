@@ -21,6 +21,11 @@ std::map<std::string, TRoleBody>& Roles() {
   return roles;
 }
 
+std::string LogText() {
+  const std::string name = TTracer::GetInstance()->GetFileName();
+  return std::filesystem::exists(name) ? ReadFileBytes(name) : std::string();
+}
+
 }  // namespace
 
 bool WaitUntil(const std::function<bool()>& Condition, uint32_t Limit) {
@@ -136,15 +141,6 @@ void WriteFileBytes(const std::string& FileName, const std::string& Bytes) {
   file.write(Bytes.data(), static_cast<std::streamsize>(Bytes.size()));
   EXPECT_TRUE(file.good()) << FileName;
 }
-
-namespace {
-
-std::string LogText() {
-  const std::string name = TTracer::GetInstance()->GetFileName();
-  return std::filesystem::exists(name) ? ReadFileBytes(name) : std::string();
-}
-
-}  // namespace
 
 TLogSince::TLogSince() : Begin_(LogText().size()) {}
 

@@ -25,6 +25,16 @@ class TTemporaryKey {
   std::string Path_;
 };
 
+/// Appends an entry for an account to a list, which must take it.
+inline void AddAce(TAccessControlList& List, TAccessControlEntryType Type,
+                   const std::string& SidString, uint32_t Mask = 1) {
+  auto entry = std::make_unique<TAccessControlEntry>(
+      Type, TSecurityIdentifier::CreateFromSidString("", SidString));
+  entry->AccessMask = Mask;
+  ASSERT_TRUE(List.AddAce(entry.get()));
+  entry.release();
+}
+
 /// Lets nobody write into a key, for as long as it lives.
 class TReadOnlyKey {
  public:
@@ -40,10 +50,7 @@ class TReadOnlyKey {
  private:
   void Allow(uint32_t Mask) {
     TSecurityDescriptor descriptor;
-    auto entry = std::make_unique<TAccessControlEntry>(
-        aceAccessAllowed, std::make_unique<TSecurityIdentifier>("", WinWorldSid));
-    entry->AccessMask = Mask;
-    if (descriptor.GetDacl().AddAce(entry.get())) entry.release();
+    AddAce(descriptor.GetDacl(), aceAccessAllowed, "S-1-1-0", Mask);
     descriptor.DaclType = sdatPresentNotNull;
     const auto built = descriptor.BuildDescriptor(false);
     EXPECT_EQ(

@@ -70,8 +70,6 @@ TEST(ComRights, AreSplitSinceTheirServicePacks) {
   }
 }
 
-// Which permissions a mask touches: the plain one, then those for activating and launching, locally
-// and remotely.
 TEST(ComRights, HaveNames) {
   EXPECT_EQ(StringToPermissionType("allow"), ptAllow);
   EXPECT_EQ(StringToPermissionType("DENY"), ptDeny);
@@ -79,6 +77,8 @@ TEST(ComRights, HaveNames) {
   EXPECT_EQ(StringToPermissionType("den"), ptNone);
 }
 
+// Which permissions a mask touches: the plain one, then those for activating and launching, locally
+// and remotely.
 TEST(ComRights, AreTouchedByMasks) {
   const TSecurityIdentifier everyone("", WinWorldSid);
   for (const auto& [mask, touched] : std::vector<std::pair<uint32_t, std::string>>{
@@ -147,13 +147,8 @@ TEST_F(ComPermissions, AreTheServersElseTheMachinesElseTheBuiltInOnes) {
 
   TSecurityDescriptor defaults;
   defaults.DaclType = sdatPresentNotNull;
-  for (const auto type : {aceAccessAllowed, aceAccessDenied}) {
-    auto ace = std::make_unique<TAccessControlEntry>(
-        type, std::make_unique<TSecurityIdentifier>("", WinWorldSid));
-    ace->AccessMask = type == aceAccessAllowed ? 31 : 5;
-    ASSERT_TRUE(defaults.GetDacl().AddAce(ace.get()));
-    ace.release();
-  }
+  test::AddAce(defaults.GetDacl(), aceAccessAllowed, "S-1-1-0", 31);
+  test::AddAce(defaults.GetDacl(), aceAccessDenied, "S-1-1-0", 5);
   defaults.WriteToRegistry(HKEY_LOCAL_MACHINE, machine.GetCurrentPath(), "DefaultLaunchPermission");
   EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), (TEntries{"S-1-1-0 27 5"}));
   defaults.WriteToRegistry(HKEY_LOCAL_MACHINE, machine.GetCurrentPath(), "DefaultAccessPermission");
@@ -253,12 +248,9 @@ TEST_F(ComPermissions, RefuseDamagedSettings) {
     const std::unique_ptr<uint8_t[]> bytes = whole.BuildDescriptor(true);
     bytes[static_cast<size_t>(damage.Offset)] = damage.Byte;
     registry.WriteBinaryData("AccessPermission", bytes.get(), whole.GetSize());
-    try {
-      TComServerAccessPermissions permissions(AppID);
-      ADD_FAILURE() << "taken: " << damage.Offset;
-    } catch (const Exception& e) {
-      EXPECT_STREQ(e.what(), "Security descriptor is invalid");
-    }
+    EXPECT_EQ(test::MessageOf([] { TComServerAccessPermissions{AppID}; }),
+              "Security descriptor is invalid")
+        << damage.Offset;
   }
 }
 

@@ -10,6 +10,15 @@ namespace {
 
 using namespace std::string_literals;
 
+/// A key of the test's own, opened.
+class RegistryEx : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(Registry_.OpenKey(Key_.Path(), false)); }
+
+  const test::TTemporaryKey Key_;
+  TRegistryEx Registry_;
+};
+
 /// What the system's own program shows of a key: its lines without blanks at either end.
 TStrings QueryRegistry(const std::string& Path) {
   TStrings lines;
@@ -22,10 +31,7 @@ TStrings QueryRegistry(const std::string& Path) {
   return lines;
 }
 
-TEST(RegistryEx, ListsAreAppendedInStoredOrder) {
-  const test::TTemporaryKey key;
-  TRegistryEx registry;
-  ASSERT_TRUE(registry.OpenKey(key.Path(), false));
+TEST_F(RegistryEx, ListsAreAppendedInStoredOrder) {
   const std::string large(70'000, 'x');
   const struct {
     TStrings Written;
@@ -40,21 +46,18 @@ TEST(RegistryEx, ListsAreAppendedInStoredOrder) {
       {{"", ""}, {}, 1},
   };
   for (const auto& c : cases) {
-    registry.WriteStringList("list", c.Written);
-    EXPECT_EQ(registry.GetDataType("list"), DWORD{REG_MULTI_SZ});
-    EXPECT_EQ(registry.GetDataSize("list"), c.Size);
+    Registry_.WriteStringList("list", c.Written);
+    EXPECT_EQ(Registry_.GetDataType("list"), DWORD{REG_MULTI_SZ});
+    EXPECT_EQ(Registry_.GetDataSize("list"), c.Size);
     TStrings strings{"already", "here"};
-    registry.ReadStringList("list", strings);
+    Registry_.ReadStringList("list", strings);
     ASSERT_EQ(strings.size(), 2 + c.Read.size());
     EXPECT_EQ(strings[1], "here");
     EXPECT_EQ(TStrings(strings.begin() + 2, strings.end()), c.Read);
   }
 }
 
-TEST(RegistryEx, ListsThatOthersWroteEndAtTheirEnd) {
-  const test::TTemporaryKey key;
-  TRegistryEx registry;
-  ASSERT_TRUE(registry.OpenKey(key.Path(), false));
+TEST_F(RegistryEx, ListsThatOthersWroteEndAtTheirEnd) {
   const struct {
     std::wstring Stored;
     TStrings Read;
@@ -67,55 +70,44 @@ TEST(RegistryEx, ListsThatOthersWroteEndAtTheirEnd) {
   };
   for (const auto& c : cases) {
     const auto* data = reinterpret_cast<const BYTE*>(c.Stored.data());
-    ASSERT_EQ(::RegSetValueExW(registry.GetCurrentKey(), L"list", 0, REG_MULTI_SZ, data,
+    ASSERT_EQ(::RegSetValueExW(Registry_.GetCurrentKey(), L"list", 0, REG_MULTI_SZ, data,
                                static_cast<DWORD>(c.Stored.size() * sizeof(wchar_t))),
               ERROR_SUCCESS);
     TStrings strings;
-    registry.ReadStringList("list", strings);
+    Registry_.ReadStringList("list", strings);
     EXPECT_EQ(strings, c.Read);
   }
 }
 
-TEST(RegistryEx, FailuresNameTheValueOrKey) {
-  const test::TTemporaryKey key;
-  TRegistryEx registry;
-  ASSERT_TRUE(registry.OpenKey(key.Path(), false));
-  registry.WriteString("text", "abc");
+TEST_F(RegistryEx, FailuresNameTheValueOrKey) {
+  Registry_.WriteString("text", "abc");
   TStrings strings{"kept"};
-  const auto message = [](auto&& act) -> std::string {
-    try {
-      act();
-    } catch (const ERegistryException& e) {
-      return e.what();
-    }
-    return "nothing raised";
-  };
-  EXPECT_EQ(message([&] { registry.ReadStringList("text", strings); }),
+  EXPECT_EQ(test::MessageOf([&] { Registry_.ReadStringList("text", strings); }),
             "Registry data \"text\" have another type");
-  EXPECT_EQ(message([&] { registry.ReadStringList("none", strings); }),
+  EXPECT_EQ(test::MessageOf([&] { Registry_.ReadStringList("none", strings); }),
             "Cannot read registry data \"none\"");
+  EXPECT_THROW(Registry_.ReadStringList("none", strings), ERegistryException);
   EXPECT_EQ(strings, TStrings{"kept"});
-  ASSERT_TRUE(registry.OpenKeyReadOnly(""));
-  EXPECT_EQ(message([&] { registry.WriteStringList("list", strings); }),
+  ASSERT_TRUE(Registry_.OpenKeyReadOnly(""));
+  EXPECT_EQ(test::MessageOf([&] { Registry_.WriteStringList("list", strings); }),
             "Cannot write registry data \"list\"");
-  registry.SetRootKey(HKEY_LOCAL_MACHINE);
-  registry.SetRootKey(reinterpret_cast<HKEY>(1));
-  EXPECT_EQ(message([&] { TRegistryEx::WriteDefaultString(registry, "key", "x"); }),
+  Registry_.SetRootKey(HKEY_LOCAL_MACHINE);
+  Registry_.SetRootKey(reinterpret_cast<HKEY>(1));
+  EXPECT_EQ(test::MessageOf([&] { TRegistryEx::WriteDefaultString(Registry_, "key", "x"); }),
             "Cannot create registry key \"key\"");
 }
 
-TEST(RegistryEx, TheSystemsProgramSeesTheSame) {
-  const test::TTemporaryKey key;
-  TRegistryEx registry;
-  TRegistryEx::WriteDefaultString(registry, key.Path() + "\\made", "first text");
-  EXPECT_EQ(registry.GetCurrentKey(), nullptr);
-  TRegistryEx::WriteDefaultString(registry, key.Path() + "\\made", "text");
-  ASSERT_TRUE(registry.OpenKey(key.Path() + "\\made", false));
-  registry.WriteStringList("list", {"one", "", "two three"});
-  const TStrings expected = {"HKEY_CURRENT_USER\\" + registry.GetCurrentPath(),
+TEST_F(RegistryEx, TheSystemsProgramSeesTheSame) {
+  Registry_.CloseKey();
+  TRegistryEx::WriteDefaultString(Registry_, Key_.Path() + "\\made", "first text");
+  EXPECT_EQ(Registry_.GetCurrentKey(), nullptr);
+  TRegistryEx::WriteDefaultString(Registry_, Key_.Path() + "\\made", "text");
+  ASSERT_TRUE(Registry_.OpenKey(Key_.Path() + "\\made", false));
+  Registry_.WriteStringList("list", {"one", "", "two three"});
+  const TStrings expected = {"HKEY_CURRENT_USER\\" + Registry_.GetCurrentPath(),
                              "(Default)    REG_SZ    text",
                              "list    REG_MULTI_SZ    one\\0two three"};
-  EXPECT_EQ(QueryRegistry(registry.GetCurrentPath()), expected);
+  EXPECT_EQ(QueryRegistry(Registry_.GetCurrentPath()), expected);
 }
 
 }  // namespace

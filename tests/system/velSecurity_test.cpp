@@ -17,6 +17,8 @@
 namespace velox {
 namespace {
 
+using test::AddAce;
+
 using TIdentifier = std::unique_ptr<TSecurityIdentifier>;
 
 TIdentifier Account(const std::string& SidString, const std::string& SystemName = "") {
@@ -50,14 +52,6 @@ std::string Raised(const std::function<void()>& Call) {
     return e.what();
   }
   return "nothing";
-}
-
-void Add(TAccessControlList& List, TAccessControlEntryType Type, const std::string& SidString,
-         uint32_t Mask = 1) {
-  auto entry = std::make_unique<TAccessControlEntry>(Type, Account(SidString));
-  entry->AccessMask = Mask;
-  ASSERT_TRUE(List.AddAce(entry.get()));
-  entry.release();
 }
 
 std::string Hex(const uint8_t* Bytes, int32_t Size) {
@@ -162,9 +156,9 @@ TEST(AccessControlList, RefusesForeignTypesAndSecondEntries) {
 
 TEST(AccessControlList, AppendsAfterADeletion) {
   TAccessControlList list(aclDiscretionary);
-  for (const char* sid : {"S-1-1-0", "S-1-5-18", "S-1-5-4"}) Add(list, aceAccessAllowed, sid);
+  for (const char* sid : {"S-1-1-0", "S-1-5-18", "S-1-5-4"}) AddAce(list, aceAccessAllowed, sid);
   list.DeleteAce(&list.GetAce(0));
-  Add(list, aceAccessAllowed, "S-1-5-11");  // likely at the freed one's address
+  AddAce(list, aceAccessAllowed, "S-1-5-11");  // likely at the freed one's address
   EXPECT_EQ(list.GetAceIndexBySecurityIdentifier(*Account("S-1-5-11")), 2);
 }
 
@@ -174,7 +168,7 @@ TEST(SecurityDescriptor, HasTheSystemsForm) {
   descriptor.SetOwner(Account("S-1-5-18"));
   descriptor.SetOwner(TIdentifier(descriptor.GetOwner()));  // the held one: nothing happens
   descriptor.SetPrimaryGroup(Account("S-1-5-32-544"));
-  Add(descriptor.GetDacl(), aceAccessDenied, "S-1-1-0", 0x12345678);
+  AddAce(descriptor.GetDacl(), aceAccessDenied, "S-1-1-0", 0x12345678);
   descriptor.GetDacl().GetAce(0).AceFlags = 0x0B;
   descriptor.DaclType = sdatPresentNotNull;
   descriptor.SaclType = sdatPresentNull;
@@ -217,7 +211,7 @@ TEST(SecurityDescriptor, DoesNotBuildWhatItsFormCannotSay) {
   EXPECT_EQ(Raised([&] { descriptor.BuildDescriptor(true); }), "Invalid SID specified");
   descriptor.Clear();
   descriptor.DaclType = sdatPresentNotNull;
-  Add(descriptor.GetDacl(), aceAccessAllowed, "S-1-1-0");
+  AddAce(descriptor.GetDacl(), aceAccessAllowed, "S-1-1-0");
   descriptor.GetDacl().GetAce(0).SetSecurityIdentifier(nullptr);
   EXPECT_EQ(Raised([&] { descriptor.BuildDescriptor(true); }),
             "Cannot build ace - security identifier is absent");
@@ -252,8 +246,8 @@ TEST(SecurityDescriptor, BelievesNoLengthOrOffsetInABlock) {
   TSecurityDescriptor source;
   source.SetOwner(Account("S-1-5-18"));
   source.DaclType = source.SaclType = sdatPresentNotNull;
-  Add(source.GetDacl(), aceAccessAllowed, "S-1-5-18");
-  Add(source.GetSacl(), aceSystemAudit, "S-1-1-0");
+  AddAce(source.GetDacl(), aceAccessAllowed, "S-1-5-18");
+  AddAce(source.GetSacl(), aceSystemAudit, "S-1-1-0");
   const auto built = source.BuildDescriptor(true);
   const std::vector<uint8_t> good(built.get(), built.get() + source.GetSize());
   ASSERT_EQ(good.size(), 88u);  // header, list at 20, its entry at 28, list at 48, owner at 76
@@ -302,7 +296,7 @@ TEST(SecurityDescriptor, BelievesNoLengthOrOffsetInABlock) {
 
 TEST(AccessControlList, BelievesNoLengthEither) {
   TAccessControlList list(aclDiscretionary);
-  Add(list, aceAccessAllowed, "S-1-1-0");
+  AddAce(list, aceAccessAllowed, "S-1-1-0");
   std::vector<uint8_t> bytes(static_cast<size_t>(list.GetSize()));
   auto* const acl = reinterpret_cast<ACL*>(bytes.data());
   auto* const ace = reinterpret_cast<ACE_HEADER*>(acl + 1);
@@ -337,7 +331,7 @@ TEST(SecurityDescriptor, TakesNamesOfItsOwnParts) {
   TAccessControlList& list = descriptor.GetDacl();
   descriptor.SetOwner(system());
   descriptor.DaclType = sdatPresentNotNull;
-  Add(list, aceAccessAllowed, "S-1-1-0");
+  AddAce(list, aceAccessAllowed, "S-1-1-0");
   descriptor.WriteToRegistry(HKEY_CURRENT_USER, key.Path(), "Value");
   std::vector<uint8_t> bytes(static_cast<size_t>(list.GetSize()));
   list.Build(*reinterpret_cast<ACL*>(bytes.data()));
@@ -354,8 +348,8 @@ TEST(SecurityDescriptor, TakesNamesOfItsOwnParts) {
 TEST(SecurityDescriptor, DropsSecondEntriesThatItReads) {
   TSecurityDescriptor descriptor;
   descriptor.DaclType = sdatPresentNotNull;
-  Add(descriptor.GetDacl(), aceAccessAllowed, "S-1-1-0", 5);
-  Add(descriptor.GetDacl(), aceAccessDenied, "S-1-1-0", 6);
+  AddAce(descriptor.GetDacl(), aceAccessAllowed, "S-1-1-0", 5);
+  AddAce(descriptor.GetDacl(), aceAccessDenied, "S-1-1-0", 6);
   const auto built = descriptor.BuildDescriptor(true);
   built[48] = ACCESS_ALLOWED_ACE_TYPE;  // the second entry's type
   descriptor.Extract("", built.get());
@@ -368,7 +362,7 @@ TEST(SecurityDescriptor, IsKeptInTheRegistry) {
   const std::string below = key.Path() + "\\made";
   TSecurityDescriptor written, read;
   written.SetOwner(Account("S-1-5-18"));
-  Add(written.GetDacl(), aceAccessAllowed, "S-1-1-0", 5);
+  AddAce(written.GetDacl(), aceAccessAllowed, "S-1-1-0", 5);
   written.DaclType = sdatPresentNotNull;
   written.Control = 0x1000;
 
@@ -428,10 +422,10 @@ TEST(AccessControlList, ComparesWithoutTheSystem) {
   EXPECT_LT((after.dwLowDateTime - before.dwLowDateTime) / 10'000, 2'000u) << "milliseconds";
 }
 
-// ------------------------------------------------------------------- for
-// tests/peers/security_peer.py A descriptor in words: OWNER GROUP CONTROL DACL SACL, with "-" for
-// none. A list is "absent", "null" or its entries TYPE,FLAGS,MASK,SID, each followed by ";" and all
-// of them by "end".
+// --------------------------------------------------------------- for tests/peers/security_peer.py
+
+// A descriptor in words: OWNER GROUP CONTROL DACL SACL, with "-" for none. A list is "absent",
+// "null" or its entries TYPE,FLAGS,MASK,SID, each followed by ";" and all of them by "end".
 
 std::string InWords(const TSecurityIdentifier* Identifier) {
   return Identifier == nullptr ? "-" : Identifier->GetSidString();
@@ -457,8 +451,8 @@ TSecurityDescriptorAclType ListFrom(TAccessControlList& List, std::string Words)
   if (Words == "null") return sdatPresentNull;
   for (std::string entry; StrGetToken(Words, ";", entry), entry != "end";) {
     const TStrings parts = StrGetTokens(entry, ",", false, false);
-    Add(List, static_cast<TAccessControlEntryType>(std::stoul(parts.at(0))), parts.at(3),
-        std::stoul(parts.at(2)));
+    AddAce(List, static_cast<TAccessControlEntryType>(std::stoul(parts.at(0))), parts.at(3),
+           std::stoul(parts.at(2)));
     List.GetAce(List.GetAceCount() - 1).AceFlags = static_cast<uint8_t>(std::stoul(parts.at(1)));
   }
   return sdatPresentNotNull;

@@ -27,8 +27,7 @@ TOSFacts NT(uint32_t Major, uint32_t Minor, uint8_t ProductType, uint16_t SuiteM
   return facts;
 }
 
-// -----------------------------------------------------------------------------------------
-// versions
+// ---------------------------------------------------------------------------------------- versions
 
 TEST(SysInfo, VersionFollowsFromItsNumberAndTheKindOfProduct) {
   const struct {
@@ -114,8 +113,7 @@ TEST(SysInfo, WhatIsNotNT) {
   }
 }
 
-// -----------------------------------------------------------------------------------------
-// editions
+// ---------------------------------------------------------------------------------------- editions
 
 // Each row adds a bit that decides to bits that decide later.
 TEST(SysInfo, EditionsFollowFromTheSuites) {
@@ -148,8 +146,6 @@ TEST(SysInfo, EditionsFollowFromTheSuites) {
       {5, 2, work, 0x64A3, osxUnknown, "Windows NT 5.2"},
       {5, 1, server, 0x0000, osxUnknown, "Windows NT 5.1"},
       {6, 2, work, 0x0000, osxUnknown, "Windows NT 6.2"},
-      {6, 2, server, 0x0000, osxUnknown, "Windows NT 6.2"},
-      {6, 3, work, 0x0000, osxUnknown, "Windows NT 6.3"},
       {10, 0, server, 0xFFFF, osxUnknown, "Windows NT 10.0"},
       {12, 7, work, 0xFFFF, osxUnknown, "Windows NT 12.7"},
       {6, 1, 0, 0xFFFF, osxUnknown, "Windows NT 6.1"},  // no kind of product
@@ -183,110 +179,90 @@ TEST(SysInfo, EditionsOfXPFollowFromTheMetricsFirst) {
   EXPECT_EQ(DescribeOS(facts).VersionEx, osNTWorkstation);
 }
 
+// The ends of the names of a version's editions, by the product.
+using TEnds = std::map<uint32_t, const char*>;
+
 TEST(SysInfo, EditionsFollowFromTheProduct) {
+  const TEnds longhorn = {{7, "Server \"Longhorn\", Standard Edition"},
+                          {8, "Server \"Longhorn\", Datacenter Edition"},
+                          {9, "Small Business Server \"Longhorn\""},
+                          {24, "Small Business Server \"Longhorn\""},
+                          {10, "Server \"Longhorn\", Enterprise Edition"},
+                          {12, "Server \"Longhorn\", Datacenter Edition (core installation)"},
+                          {13, "Server \"Longhorn\", Standard Edition (core installation)"},
+                          {14, "Server \"Longhorn\", Enterprise Edition (core installation)"},
+                          {15, "Server \"Longhorn\", Enterprise Edition for Itanium-based Systems"},
+                          {17, "Server \"Longhorn\", Web Edition"},
+                          {18, "Server \"Longhorn\", Cluster Edition"},
+                          {19, "Server \"Longhorn\", Home Edition"},
+                          {20, "Storage Server \"Longhorn\", Express Edition"},
+                          {21, "Storage Server \"Longhorn\", Standard Edition"},
+                          {22, "Storage Server \"Longhorn\", Workgroup Edition"},
+                          {23, "Storage Server \"Longhorn\", Enterprise Edition"},
+                          {25, "Small Business Server \"Longhorn\", Premium Edition"}};
+  const TEnds server2008R2 = {{7, "Server 2008 R2 Standard"},
+                              {8, "Server 2008 R2 Datacenter"},
+                              {10, "Server 2008 R2 Enterprise"},
+                              {12, "Server 2008 R2 Datacenter (core installation)"},
+                              {13, "Server 2008 R2 Standard (core installation)"},
+                              {14, "Server 2008 R2 Enterprise (core installation)"},
+                              {15, "Server 2008 R2 Enterprise for Itanium-based Systems"},
+                              {17, "Web Server 2008 R2"},
+                              {18, "HPC Server 2008 R2"},
+                              {19, "Storage Server 2008 R2"},
+                              {20, "Storage Server 2008 R2 Express"},
+                              {21, "Storage Server 2008 R2 Standard"},
+                              {22, "Storage Server 2008 R2 Workgroup"},
+                              {23, "Storage Server 2008 R2 Enterprise"},
+                              {29, "Web Server 2008 R2 (core installation)"}};
+  const TEnds server2012R2 = {
+      {7, "Standard"}, {8, "Datacenter"}, {19, "Essentials"}, {33, "Foundation"}};
+  const TEnds vista = {{1, "Ultimate"},   {2, "Home Basic"},   {3, "Home Premium"},
+                       {4, "Enterprise"}, {5, "Home Basic N"}, {6, "Business"},
+                       {11, "Starter"},   {16, "Business N"}};
+  const TEnds seven = {{1, "Ultimate"},        {2, "Home Basic"},
+                       {3, "Home Premium"},    {4, "Enterprise"},
+                       {5, "Home Basic N"},    {11, "Starter"},
+                       {26, "Home Premium N"}, {48, "Professional"},
+                       {49, "Professional N"}, {103, "Professional with WMC"}};
+  const TEnds ten = {{4, "Enterprise"},
+                     {27, "Enterprise N"},
+                     {48, "Pro"},
+                     {49, "Pro N"},
+                     {70, "Enterprise E"},
+                     {72, "Enterprise Evaluation"},
+                     {84, "Enterprise N Evaluation"},
+                     {98, "Home N"},
+                     {99, "Home China"},
+                     {100, "Home Single Language"},
+                     {101, "Home"},
+                     {121, "Education"},
+                     {122, "Education N"},
+                     {125, "Enterprise 2015 LTSB"},
+                     {126, "Enterprise 2015 LTSB N"},
+                     {129, "Enterprise 2015 LTSB Evaluation"},
+                     {130, "Enterprise 2015 LTSB N Evaluation"}};
   const struct {
-    uint32_t Major, Minor;
-    uint8_t ProductType;
-    std::map<uint32_t, const char*> Names;
+    TOSFacts Facts;
+    std::string Begin;
+    const TEnds& Ends;
   } cases[] = {
-      {6,
-       0,
-       VER_NT_SERVER,
-       {{7, "Windows Server \"Longhorn\", Standard Edition"},
-        {8, "Windows Server \"Longhorn\", Datacenter Edition"},
-        {9, "Windows Small Business Server \"Longhorn\""},
-        {24, "Windows Small Business Server \"Longhorn\""},
-        {10, "Windows Server \"Longhorn\", Enterprise Edition"},
-        {12, "Windows Server \"Longhorn\", Datacenter Edition (core installation)"},
-        {13, "Windows Server \"Longhorn\", Standard Edition (core installation)"},
-        {14, "Windows Server \"Longhorn\", Enterprise Edition (core installation)"},
-        {15, "Windows Server \"Longhorn\", Enterprise Edition for Itanium-based Systems"},
-        {17, "Windows Server \"Longhorn\", Web Edition"},
-        {18, "Windows Server \"Longhorn\", Cluster Edition"},
-        {19, "Windows Server \"Longhorn\", Home Edition"},
-        {20, "Windows Storage Server \"Longhorn\", Express Edition"},
-        {21, "Windows Storage Server \"Longhorn\", Standard Edition"},
-        {22, "Windows Storage Server \"Longhorn\", Workgroup Edition"},
-        {23, "Windows Storage Server \"Longhorn\", Enterprise Edition"},
-        {25, "Windows Small Business Server \"Longhorn\", Premium Edition"}}},
-      {6,
-       1,
-       VER_NT_SERVER,
-       {{7, "Windows Server 2008 R2 Standard"},
-        {8, "Windows Server 2008 R2 Datacenter"},
-        {10, "Windows Server 2008 R2 Enterprise"},
-        {12, "Windows Server 2008 R2 Datacenter (core installation)"},
-        {13, "Windows Server 2008 R2 Standard (core installation)"},
-        {14, "Windows Server 2008 R2 Enterprise (core installation)"},
-        {15, "Windows Server 2008 R2 Enterprise for Itanium-based Systems"},
-        {17, "Windows Web Server 2008 R2"},
-        {18, "Windows HPC Server 2008 R2"},
-        {19, "Windows Storage Server 2008 R2"},
-        {20, "Windows Storage Server 2008 R2 Express"},
-        {21, "Windows Storage Server 2008 R2 Standard"},
-        {22, "Windows Storage Server 2008 R2 Workgroup"},
-        {23, "Windows Storage Server 2008 R2 Enterprise"},
-        {29, "Windows Web Server 2008 R2 (core installation)"}}},
-      {6,
-       3,
-       VER_NT_SERVER,
-       {{7, "Windows Server 2012 R2 Standard"},
-        {8, "Windows Server 2012 R2 Datacenter"},
-        {19, "Windows Server 2012 R2 Essentials"},
-        {33, "Windows Server 2012 R2 Foundation"}}},
-      {6,
-       0,
-       VER_NT_WORKSTATION,
-       {{1, "Windows Vista Ultimate"},
-        {2, "Windows Vista Home Basic"},
-        {3, "Windows Vista Home Premium"},
-        {4, "Windows Vista Enterprise"},
-        {5, "Windows Vista Home Basic N"},
-        {6, "Windows Vista Business"},
-        {11, "Windows Vista Starter"},
-        {16, "Windows Vista Business N"}}},
-      {6,
-       1,
-       VER_NT_WORKSTATION,
-       {{1, "Windows 7 Ultimate"},
-        {2, "Windows 7 Home Basic"},
-        {3, "Windows 7 Home Premium"},
-        {4, "Windows 7 Enterprise"},
-        {5, "Windows 7 Home Basic N"},
-        {11, "Windows 7 Starter"},
-        {26, "Windows 7 Home Premium N"},
-        {48, "Windows 7 Professional"},
-        {49, "Windows 7 Professional N"},
-        {103, "Windows 7 Professional with WMC"}}},
-      {10,
-       0,
-       VER_NT_WORKSTATION,
-       {{4, "Windows 10 Enterprise"},
-        {27, "Windows 10 Enterprise N"},
-        {48, "Windows 10 Pro"},
-        {49, "Windows 10 Pro N"},
-        {70, "Windows 10 Enterprise E"},
-        {72, "Windows 10 Enterprise Evaluation"},
-        {84, "Windows 10 Enterprise N Evaluation"},
-        {98, "Windows 10 Home N"},
-        {99, "Windows 10 Home China"},
-        {100, "Windows 10 Home Single Language"},
-        {101, "Windows 10 Home"},
-        {121, "Windows 10 Education"},
-        {122, "Windows 10 Education N"},
-        {125, "Windows 10 Enterprise 2015 LTSB"},
-        {126, "Windows 10 Enterprise 2015 LTSB N"},
-        {129, "Windows 10 Enterprise 2015 LTSB Evaluation"},
-        {130, "Windows 10 Enterprise 2015 LTSB N Evaluation"}}},
+      {NT(6, 0, VER_NT_SERVER), "Windows ", longhorn},
+      {NT(6, 1, VER_NT_SERVER), "Windows ", server2008R2},
+      {NT(6, 3, VER_NT_SERVER), "Windows Server 2012 R2 ", server2012R2},
+      {NT(6, 0, VER_NT_WORKSTATION), "Windows Vista ", vista},
+      {NT(6, 1, VER_NT_WORKSTATION), "Windows 7 ", seven},
+      {NT(10, 0, VER_NT_WORKSTATION), "Windows 10 ", ten},
   };
   for (const auto& c : cases) {
-    TOSFacts facts = NT(c.Major, c.Minor, c.ProductType);
-    const std::string version = Format("Windows NT %u.%u", c.Major, c.Minor);
+    TOSFacts facts = c.Facts;
+    const std::string version = Format("Windows NT %u.%u", facts.MajorVersion, facts.MinorVersion);
+    SCOPED_TRACE(version);
     for (facts.Product = 0; facts.Product < 256; ++facts.Product) {
-      const auto known = c.Names.find(facts.Product);
+      const auto known = c.Ends.find(facts.Product);
       const TOSDescription description = DescribeOS(facts);
-      EXPECT_EQ(description.Name, known == c.Names.end() ? version : known->second) << version;
-      EXPECT_EQ(description.VersionEx == osxUnknown, known == c.Names.end()) << version;
+      EXPECT_EQ(description.Name, known == c.Ends.end() ? version : c.Begin + known->second);
+      EXPECT_EQ(description.VersionEx == osxUnknown, known == c.Ends.end());
     }
   }
 }
@@ -299,8 +275,6 @@ TEST(SysInfo, ValuesHaveTheirNames) {
   EXPECT_STREQ(OSVersionExName(os2003R2Storage), "Windows Storage Server 2003 R2");
   EXPECT_STREQ(OSVersionExName(osLonghornForSmallBusiness),
                "Windows Server \"Longhorn\", for Small Business Edition");
-  EXPECT_STREQ(OSVersionExName(static_cast<TOSVersionEx>(104)),
-               "Windows 10 Enterprise 2015 LTSB N Evaluation");
   EXPECT_STREQ(OSVersionExName(static_cast<TOSVersionEx>(105)), "Unknown");
 }
 
@@ -356,8 +330,7 @@ TEST(SysInfo, WithoutTheLongRecordTheRegistryTells) {
   }
 }
 
-// ------------------------------------------------------------------------------------- this
-// machine
+// ------------------------------------------------------------------------------------ this machine
 
 TEST(SysInfo, ThisMachineIsDescribedAsTheSystemTells) {
   OSVERSIONINFOEXA info;
@@ -365,7 +338,6 @@ TEST(SysInfo, ThisMachineIsDescribedAsTheSystemTells) {
   TOSInfo::GetVersion(info, extended);
   EXPECT_TRUE(extended);
   const TOSInfo& own = TSystemInfo::GetInstance()->GetOSInfo();
-  EXPECT_EQ(TSystemInfo::GetInstance(), TSystemInfo::GetInstance());
   EXPECT_EQ(own.GetMajorVersion(), info.dwMajorVersion);
   EXPECT_EQ(own.GetMinorVersion(), info.dwMinorVersion);
   EXPECT_EQ(own.GetBuildNumber(), info.dwBuildNumber);
@@ -380,27 +352,24 @@ TEST(SysInfo, ThisMachineIsDescribedAsTheSystemTells) {
   }
 }
 
-/// Puts a value into a key of the machine for the life of this object.
-class TMachineValue {
- public:
-  TMachineValue(const std::string& Key, const std::string& Name) : Name_(Name) {
-    Registry_.SetRootKey(HKEY_LOCAL_MACHINE);
-    EXPECT_TRUE(Registry_.OpenKey(Key, true));
+/// Removes what the test adds to the machine's list of ports.
+struct TPortList : TRegistry {
+  TPortList() {
+    SetRootKey(HKEY_LOCAL_MACHINE);
+    EXPECT_TRUE(OpenKey("Hardware\\DeviceMap\\SerialComm", true));
   }
-  ~TMachineValue() { Registry_.DeleteValue(Name_); }
-  TRegistry& Registry() { return Registry_; }
-
- private:
-  TRegistry Registry_;
-  std::string Name_;
+  ~TPortList() override {
+    DeleteValue(Port);
+    DeleteValue(Odd);
+  }
+  const std::string Port = "\\Device\\VeloxTest0", Odd = "\\Device\\VeloxTest1";
 };
 
 TEST(SysInfo, SerialPortsAreThoseThatTheSystemLists) {
-  const std::string key = "Hardware\\DeviceMap\\SerialComm";
   const size_t before = TSystemInfo().GetComPorts().size();
-  TMachineValue port(key, "\\Device\\VeloxTest0"), odd(key, "\\Device\\VeloxTest1");
-  port.Registry().WriteString("\\Device\\VeloxTest0", "COM77");
-  odd.Registry().WriteInteger("\\Device\\VeloxTest1", 1);  // no name of a port
+  TPortList list;
+  list.WriteString(list.Port, "COM77");
+  list.WriteInteger(list.Odd, 1);  // no name of a port
   const TSystemInfo system;
   ASSERT_EQ(system.GetComPorts().size(), before + 1);
   EXPECT_EQ(std::count(system.GetComPorts().begin(), system.GetComPorts().end(), "COM77"), 1);
