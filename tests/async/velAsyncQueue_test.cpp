@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <thread>
@@ -232,6 +233,35 @@ TEST(AsynchronousCallQueue, DeactivationWaitsForWhatIsPendingAndEndsInactive) {
   queue.Activate(target.Handle(), target.Id());
   EXPECT_EQ(queue.GetState(), acqsDeactivating);
   EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "Queue is inactive");
+}
+
+TEST(AsynchronousCallQueue, ItsDestructorWaitsForAHandlerOnAnotherThread) {
+  TApcThread target;
+  TRecorder recorder;
+  auto queue = std::make_unique<TAsynchronousCallQueue>();
+  std::atomic<bool> inside{false};
+  recorder.During = [&inside, queue = queue.get()] {
+    inside = true;
+    test::WaitUntil([&] { return queue->GetState() == acqsInactive; });
+  };
+  queue->Activate(target.Handle(), target.Id());
+  queue->Queue(recorder.QueueHandler(), nullptr);
+  EXPECT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  queue.reset();
+  EXPECT_EQ(recorder.Runs, 1);
+}
+
+TEST(AsynchronousCallQueue, AHandlerThatRaisesLeavesAQueueThatItsThreadCanDestroy) {
+  TRecorder recorder;
+  recorder.During = [] { throw Exception("from the handler"); };
+  TAsynchronousCallQueue queue;
+  queue.Activate(nullptr, 0);
+  EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "from the handler");
+  EXPECT_EQ(queue.GetPending(), 0);
+  std::thread([&] { queue.Queue(recorder.QueueHandler(), nullptr); }).join();
+  const HANDLE process = ::GetCurrentProcess();  // which does not end here
+  EXPECT_EQ(MessageOf([&] { WaitAlertableOnce({&process, 1}); }), "from the handler");
+  EXPECT_EQ(queue.GetPending(), 1);  // and stays so
 }
 
 // Eight threads send 20,000 calls to two threads, through queues and through single calls that they

@@ -6,11 +6,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/support.hpp"
@@ -117,6 +119,42 @@ class TTestChannel final : public TChannel {
   const bool Synchronous_;
 };
 
+/// While one lives, the memory of destroyed operations is filled and kept; its end shows what was
+/// written there.
+class TQuarantine {
+ public:
+  TQuarantine() { SetKept(&Own_); }
+  ~TQuarantine() {
+    SetKept(nullptr);
+    for (const auto& [memory, size] : Own_) {
+      const std::string bytes(static_cast<const char*>(memory), size);
+      EXPECT_EQ(bytes.find_first_not_of(Fill), std::string::npos);
+      ::operator delete(memory);
+    }
+  }
+  TQuarantine(const TQuarantine&) = delete;
+  TQuarantine& operator=(const TQuarantine&) = delete;
+
+  static bool Take(void* Memory, size_t Size) {
+    const std::scoped_lock guard(Lock_);
+    if (Kept_ == nullptr) return false;
+    std::memset(Memory, Fill, Size);
+    Kept_->emplace_back(Memory, Size);
+    return true;
+  }
+
+ private:
+  using TBlocks = std::vector<std::pair<void*, size_t>>;
+  static void SetKept(TBlocks* Kept) {
+    const std::scoped_lock guard(Lock_);
+    Kept_ = Kept;
+  }
+  static constexpr char Fill = '\x5A';
+  static inline std::mutex Lock_;
+  static inline TBlocks* Kept_ = nullptr;
+  TBlocks Own_;
+};
+
 enum TTestEvent { teStart, teTransferred, teComplete };
 
 /// An operation without a time limit that writes its events into a common log, and runs what a case
@@ -142,6 +180,10 @@ class TTestOperation : public TTransferOperation {
 
   bool Wait() {
     return test::WaitUntil([this] { return Completions > 0; });
+  }
+
+  static void operator delete(void* Memory, size_t Size) {
+    if (!TQuarantine::Take(Memory, Size)) ::operator delete(Memory);
   }
 
   static inline std::atomic<int> Living = 0, AllCompletions = 0;
@@ -523,6 +565,7 @@ TEST(OperationQueue, WhatALaterStepDropsStaysActiveAndCanStillBeDestroyed) {
 }
 
 TEST(OperationQueue, HandlersMayDestroyCancelAndReuse) {
+  const TQuarantine quarantine;
   TTestChannel channel;
   channel.Queue().Chunk = 2;
   const int before = TTestOperation::Living;
@@ -601,6 +644,22 @@ TEST(OperationQueue, AStreamIsKeptGoingFromOnCompleteAndFreedAtItsEnd) {
   operation->SetActive(true);
   EXPECT_TRUE(test::WaitUntil([&] { return TTestOperation::Living == before; }));
   EXPECT_EQ(runs, 500);
+}
+
+TEST(OperationQueue, OneThatWouldFreeItselfIsFreedOnceWhenDestroyedBefore) {
+  const TQuarantine quarantine;
+  TTestChannel channel(false);
+  const int before = TTestOperation::Living;
+  TTestOperation head(channel, 3);
+  head.SetActive(true);
+  for (const bool isHead : {false, true}) {
+    if (isHead) head.SetActive(false);
+    auto operation = std::make_unique<TTestOperation>(channel, 3);
+    operation->SetFreeOnComplete(true);
+    operation->SetActive(true);
+    operation.reset();
+    EXPECT_EQ(TTestOperation::Living, before + 1);
+  }
 }
 
 TEST(OperationQueue, TheChannelMayBeDestroyedInAnyEvent) {
