@@ -11,6 +11,7 @@
 #include "velox/channels/velUDPChannel.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velTrace.hpp"
 #include "velox/runtime/velSystemMessage.hpp"
 
 namespace velcopy {
@@ -54,13 +55,17 @@ class TTCPLink : public TChannelLink {
   // Closing a socket with bytes unread would take back what was sent last. So this side says that
   // it sends no more, and takes what comes until the other says so too.
   void Finish() noexcept override {
-    auto& channel = static_cast<TTCPChannel&>(GetChannel());
-    if (!channel.GetActive()) return;
-    ::shutdown(channel.GetSocket(), SD_SEND);
-    StartWatchdog();
-    char rest[4096];
-    const ULONGLONG start = ::GetTickCount64();
-    while (::GetTickCount64() - start < 2000 && Carry(Reader(), rest, sizeof rest, 2)) continue;
+    try {
+      auto& channel = static_cast<TTCPChannel&>(GetChannel());
+      if (!channel.GetActive()) return;
+      ::shutdown(channel.GetSocket(), SD_SEND);
+      StartWatchdog();
+      char rest[4096];
+      const ULONGLONG start = ::GetTickCount64();
+      while (::GetTickCount64() - start < 2000 && Carry(Reader(), rest, sizeof rest, 2)) continue;
+    } catch (const Exception&) {
+      TraceException("velcopy");
+    }
   }
 };
 

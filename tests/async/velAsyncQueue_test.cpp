@@ -203,7 +203,11 @@ TEST(AsynchronousCallQueue, BoundToTheCallingThreadItRunsAtOnce) {
   queue.Queue(recorder.QueueHandler(), nullptr);
   EXPECT_EQ(recorder.Runs, 1);
   std::string inside;
-  recorder.During = [&] { inside = MessageOf([&] { queue.Wait(); }); };
+  TRecorder nested;
+  recorder.During = [&] {
+    queue.Queue(nested.QueueHandler(), nullptr);
+    inside = MessageOf([&] { queue.Wait(); });
+  };
   queue.Queue(recorder.QueueHandler(), nullptr);
   EXPECT_EQ(inside, "Queue is in call now and can be deadlocked");
   EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
@@ -252,16 +256,25 @@ TEST(AsynchronousCallQueue, ItsDestructorWaitsForAHandlerOnAnotherThread) {
 }
 
 TEST(AsynchronousCallQueue, AHandlerThatRaisesLeavesAQueueThatItsThreadCanDestroy) {
-  TRecorder recorder;
-  recorder.During = [] { throw Exception("from the handler"); };
-  TAsynchronousCallQueue queue;
-  queue.Activate(nullptr, 0);
-  EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "from the handler");
-  EXPECT_EQ(queue.GetPending(), 0);
-  std::thread([&] { queue.Queue(recorder.QueueHandler(), nullptr); }).join();
+  TRecorder raising, other;
+  raising.During = [] { throw Exception("from the handler"); };
+  auto queue = std::make_unique<TAsynchronousCallQueue>();
+  queue->Activate(nullptr, 0);
+  EXPECT_EQ(MessageOf([&] { queue->Queue(raising.QueueHandler(), nullptr); }), "from the handler");
+  EXPECT_EQ(queue->GetPending(), 0);
+  const auto queueElsewhere = [&](TRecorder& Recorder) {
+    std::thread([&] { queue->Queue(Recorder.QueueHandler(), nullptr); }).join();
+  };
   const HANDLE process = ::GetCurrentProcess();  // which does not end here
+  queueElsewhere(raising);
   EXPECT_EQ(MessageOf([&] { WaitAlertableOnce({&process, 1}); }), "from the handler");
-  EXPECT_EQ(queue.GetPending(), 1);  // and stays so
+  EXPECT_EQ(queue->GetPending(), 1);  // and stays so
+  queueElsewhere(other);
+  WaitAlertableOnce({&process, 1});
+  EXPECT_EQ(other.Runs, 1);
+  queueElsewhere(other);
+  queue.reset();
+  EXPECT_EQ(other.Runs, 2);
 }
 
 // Eight threads send 20,000 calls to two threads, through queues and through single calls that they

@@ -536,6 +536,18 @@ TEST(OperationQueue, ExceptionsStopTheRunAndLoseNothingElse) {
   channel.Queue().Unlock();
   EXPECT_TRUE(good.Wait());
 
+  // What is full when its OnTransferred raises is complete as soon as the queue looks again.
+  const test::TLogSince later;
+  bad.Do[teComplete] = nullptr;
+  bad.Do[teTransferred] = [] { throw Exception("refused by OnTransferred"); };
+  bad.Completions = good.Completions = 0;
+  bad.SetActive(true);
+  ASSERT_TRUE(test::WaitUntil([&] { return later.Holds("refused by OnTransferred"); }));
+  good.SetActive(true);
+  EXPECT_TRUE(bad.Wait());
+  EXPECT_TRUE(bad.GetSucceeded());
+  EXPECT_TRUE(good.Wait());
+
   // A pending chunk on a channel without bandwidth: no time can be computed; the chunk goes on.
   TTestChannel pending(false);
   TTestOperation operation(pending, 5);

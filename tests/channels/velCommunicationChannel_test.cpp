@@ -250,6 +250,27 @@ TEST_P(CommunicationPorts, AReadEndsInTime) {
   EXPECT_LT(whole, 10'000);
 }
 
+TEST_P(CommunicationPorts, AnOperationEndsThatThePortDoesNotTake) {
+  // The port's handle becomes one of something else, as if the device had gone.
+  const HANDLE port = Near.GetHandle();
+  ::CloseHandle(port);
+  std::vector<HANDLE> others;
+  do others.push_back(::CreateEventA(nullptr, FALSE, FALSE, nullptr));
+  while (others.back() != port && others.size() < 1000);
+  ASSERT_EQ(others.back(), port);
+  others.pop_back();  // the channel's now
+  for (const HANDLE other : others) ::CloseHandle(other);
+  for (const TOperationKind kind : {okRead, okWrite}) {
+    TTransfer first(Near, kind, "12345"), second(Near, kind, "12345");  // without time limits
+    first.SetActive(true);
+    second.SetActive(true);
+    for (TTransfer* transfer : {&first, &second}) {
+      EXPECT_FALSE(transfer->Wait());
+      EXPECT_FALSE(transfer->GetActive()) << "kind " << static_cast<int>(kind);
+    }
+  }
+}
+
 TEST_P(CommunicationPorts, SettingsReachThePortAsTheyShould) {
   const auto rate = [this] {
     DCB block{};

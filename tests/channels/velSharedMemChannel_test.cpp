@@ -103,6 +103,21 @@ TEST(SharedMemChannel, AClientNeedsAServerAndCanTryAgain) {
   EXPECT_THROW(client.SetMode(cmServer), Exception);
 }
 
+TEST(SharedMemChannel, OneDestroyedAfterAnActivationThatFailedHalfWayLeavesNothing) {
+  const std::string name = test::UniqueName("velox-channel-");
+  // In the way of the second of the channel's two blocks.
+  const THandle taken(::CreateEventA(nullptr, FALSE, FALSE, (name + "Write").c_str()));
+  {
+    TSharedMemChannel channel;
+    channel.SetMemoryName(name);
+    channel.SetMemorySize(100);
+    channel.SetMode(cmServer);
+    EXPECT_THROW(channel.SetActive(true), Exception);
+    EXPECT_TRUE(Event(name + "ReadReadyEvent"));
+  }
+  EXPECT_FALSE(Event(name + "ReadReadyEvent"));
+}
+
 TEST(SharedMemChannel, CarriesBothWaysAlsoUnderANewName) {
   for (int round = 0; round < 3; ++round) {
     TPair pair;

@@ -348,13 +348,13 @@ TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
   const THandle own(GetRealCurrentThreadHandle());
   int number = 0;
   EXPECT_NE(TraceAndQueueUserAPC(&AddOne, own.Get(), reinterpret_cast<ULONG_PTR>(&number)), 0u);
-  EXPECT_NE(TraceAndQueueUserAPC(&RaiseConvert, own.Get(), 0x12), 0u);
+  EXPECT_NE(TraceAndQueueUserAPC(&RaiseConvert, own.Get(), 0xAB), 0u);
   EXPECT_THROW(SleepAlertable(), EConvertError);
   EXPECT_EQ(number, 1);
   EXPECT_TRUE(std::regex_search(
       log.Text(),
       std::regex(
-          R"(Error  : APC = [0-9A-F]{8,16}, hThread = [0-9a-f]{8}, dwData = 00000012: inside the APC\. EConvertError)")));
+          R"(Error  : APC = [0-9A-F]{8,16}, hThread = [0-9A-F]{8}, dwData = 000000AB: inside the APC\. EConvertError)")));
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
 

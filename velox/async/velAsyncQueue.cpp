@@ -119,11 +119,12 @@ struct TAsynchronousCallQueue::TThread {
 TAsynchronousCallQueue::~TAsynchronousCallQueue() {
   StateExchange(acqsInactive);
   const std::shared_ptr<const TThread> thread = Thread_.load();
-  if (thread == nullptr) {
-    Idle_.WaitQuietly(nullptr);
-  } else if (!InCall_.load() || thread->Id != ::GetCurrentThreadId()) {
-    Idle_.WaitQuietly(thread->Handle);
-  }  // else a handler has raised on this very thread: its call stays outstanding for good
+  if (thread != nullptr && thread->Id == ::GetCurrentThreadId()) {
+    // The calls of handlers that have raised stay outstanding for good; all others come here.
+    while (Pending_.load() > Raised_.load()) ::SleepEx(1, TRUE);
+    if (Raised_.load() > 0) return;
+  }
+  Idle_.WaitQuietly(thread == nullptr ? nullptr : thread->Handle);
 }
 
 void TAsynchronousCallQueue::Activate(HANDLE AThreadHandle, DWORD AThreadId) {
@@ -162,14 +163,19 @@ void TAsynchronousCallQueue::Queue(const TAsynchronousCallQueueHandler& Handler,
   // Counted before the state is looked at, so that a Wait can't slip in between.
   Idle_.Begin();
   Pending_.fetch_add(1);
+  bool atOnce = false;
   try {
+    // In this order: while the state is active, the thread is the one it was activated for.
+    const bool active = GetState() == acqsActive;
     const std::shared_ptr<const TThread> thread = Thread_.load();
-    if (GetState() != acqsActive || thread == nullptr) throw Exception("Queue is inactive");
+    if (!active || thread == nullptr) throw Exception("Queue is inactive");
     auto call = std::make_unique<TQueuedCall>(
         thread->Handle, thread->Id,
         TAsynchronousCallHandler::Bind<&TAsynchronousCallQueue::Call>(this), Handler, AData);
+    atOnce = thread->Id == ::GetCurrentThreadId();
     QueueOwned(std::move(call));
   } catch (...) {
+    if (atOnce) --Raised_;  // not outstanding for good
     Pending_.fetch_sub(1);
     Idle_.Finish();
     throw;
@@ -180,9 +186,14 @@ void TAsynchronousCallQueue::Call(TAsynchronousCall& ACall, bool& ADestroy) {
   auto& call = static_cast<TQueuedCall&>(ACall);
   call.ForgetThread();
   ADestroy = true;
-  InCall_.store(true);
-  call.Request(*this, call.RequestData);
-  InCall_.store(false);
+  ++InCall_;
+  try {
+    call.Request(*this, call.RequestData);
+  } catch (...) {
+    ++Raised_;
+    throw;
+  }
+  --InCall_;
   FinishCall();
 }
 
@@ -194,7 +205,7 @@ void TAsynchronousCallQueue::FinishCall() noexcept {
 DWORD TAsynchronousCallQueue::Wait() {
   const std::shared_ptr<const TThread> thread = Thread_.load();
   if (thread == nullptr) return Idle_.Wait(nullptr);
-  if (InCall_.load() && thread->Id == ::GetCurrentThreadId()) {
+  if (InCall_.load() > 0 && thread->Id == ::GetCurrentThreadId()) {
     throw Exception("Queue is in call now and can be deadlocked");
   }
   return Idle_.Wait(thread->Handle);

@@ -127,7 +127,8 @@ class VELOX_API TAsynchronousCall : public TObject {
 /// exception is logged and raised on the bound thread.
 ///
 /// Threads: any may queue and wait. Handlers run on the bound thread, one at a time, in the order
-/// they were queued. Do not destroy the queue from inside a handler.
+/// they were queued; one that the bound thread itself queues runs before those. The queue must not
+/// be destroyed from inside a handler.
 class VELOX_API TAsynchronousCallQueue : public TObject {
  public:
   /// Bound to no thread yet: see Activate().
@@ -184,7 +185,8 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
       Thread_;                       // the bound thread; those who wait for it keep it meanwhile
   std::atomic<int32_t> Pending_{0};  // queued and not finished
   TPendingGate Idle_;                // open when no call is outstanding
-  std::atomic<bool> InCall_{false};
+  std::atomic<int32_t> InCall_{0};   // handlers that are under way, one inside another, or raised
+  std::atomic<int32_t> Raised_{0};   // calls that are outstanding for good
 };
 
 }  // namespace velox

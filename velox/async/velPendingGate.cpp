@@ -76,7 +76,7 @@ void TPendingGate::Leave(uint64_t Entry) noexcept {
 }
 
 template <class TWait>
-DWORD TPendingGate::WaitWith(HANDLE Thread, TWait&& WaitFor) {
+DWORD TPendingGate::WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor) {
   struct TInside {
     explicit TInside(std::atomic<int32_t>& ACount) noexcept : Count(ACount) { ++Count; }
     ~TInside() { --Count; }
@@ -100,16 +100,17 @@ DWORD TPendingGate::WaitWith(HANDLE Thread, TWait&& WaitFor) {
       registration.Released = true;
       return result;
     }
-    // Meant for a thread that waited for an earlier round and has not woken yet.
+    // Meant for a thread that waited for an earlier round and has not woken yet. That may be this
+    // one, further out, so callbacks must run here, too.
     ::ReleaseSemaphore(handles[0], 1, nullptr);
-    ::Sleep(0);
+    ::SleepEx(0, Alertable ? TRUE : FALSE);
   }
 }
 
 DWORD TPendingGate::Wait(HANDLE Thread) {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
   if (!MakeSemaphore()) RaiseLastOSError();
-  return WaitWith(Thread, [](std::span<const HANDLE> Handles) {
+  return WaitWith(Thread, true, [](std::span<const HANDLE> Handles) {
     return Handles.size() == 1 ? WaitForSingleObjectAlertable(
                                      Handles[0], "[TAsynchronousCallQueue].[WaitCallSingle]")
                                : WaitForMultipleObjectsAlertable(
@@ -121,7 +122,7 @@ DWORD TPendingGate::Wait(HANDLE Thread) {
 template <class TWait>
 DWORD TPendingGate::WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
-  if (MakeSemaphore()) return WaitWith(Thread, WaitFor);
+  if (MakeSemaphore()) return WaitWith(Thread, Alertable, WaitFor);
   while (GetPending() != 0) {
     if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0) {
       return WAIT_OBJECT_0 + 1;

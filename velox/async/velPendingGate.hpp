@@ -43,7 +43,7 @@ class VELOX_API TPendingGate {
   void Leave(uint64_t Entry) noexcept;
   bool MakeSemaphore() noexcept;
   template <class TWait>
-  DWORD WaitWith(HANDLE Thread, TWait&& WaitFor);
+  DWORD WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor);
   template <class TWait>
   DWORD WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept;
 

@@ -105,7 +105,8 @@ TReactorThread::TReactorThread() {
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first requests before its own first line.
   // No callback may run meanwhile: the reactor's lock is held.
-  Started_.WaitUnalertably(Thread_.Get());
+  // A thread that ends without having begun found no memory to remember its name.
+  if (Started_.WaitUnalertably(Thread_.Get()) != WAIT_OBJECT_0) throw EOutOfMemory();
 }
 
 TReactorThread::~TReactorThread() {
@@ -285,9 +286,8 @@ void TReactor::RegisterReaction(TReaction& AReaction) {
     if (static_cast<TReactorThread*>(Threads_.GetItems(i))->Offer(AReaction)) return;
   }
   auto thread = std::make_unique<TReactorThread>();
-  TReactorThread* const added = thread.get();
-  Threads_.Add(thread.release());
-  added->Offer(AReaction);
+  Threads_.Add(thread.get());
+  thread.release()->Offer(AReaction);
 }
 
 TReaction::TReaction(TReactor* AReactor, HANDLE AHandle) : Reactor_(AReactor), Handle_(AHandle) {

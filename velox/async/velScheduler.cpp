@@ -138,7 +138,8 @@ TScheduler::TScheduler() : FTerminateEvent(::CreateEventA(nullptr, FALSE, FALSE,
   if (!Thread_) RaiseLastOSError();
   // A thread that has not begun yet would run its first calls before its own first line.
   // No callback may run meanwhile: it could want this very singleton.
-  Started_.WaitUnalertably(Thread_.Get());
+  // A thread that ends without having begun found no memory to remember its name.
+  if (Started_.WaitUnalertably(Thread_.Get()) != WAIT_OBJECT_0) throw EOutOfMemory();
   RunningThread.store(Thread_.Get());
 }
 

@@ -53,7 +53,7 @@ void TTransferOperation::Close() noexcept {
       TraceException("[TTransferOperation.Destroy] completion error");
     }
     TOperationQueue::Detach(*this);
-  } while (Active_ && !Departed_);  // activated by an event that was running when this began
+  } while (!Departed_ && Active_);  // activated by an event that was running when this began
 }
 
 void TTransferOperation::CheckActive() const {
@@ -61,9 +61,10 @@ void TTransferOperation::CheckActive() const {
 }
 
 void TTransferOperation::SetActive(bool Value) {
+  const bool departed = Departed_;  // looked at first: it is cleared last
   if (Value == Active_) return;
   if (!Value) {
-    if (!Departed_) Channel_->DeleteOperation(*this);
+    if (!departed) Channel_->DeleteOperation(*this);
     return;
   }
   if (Size_ < 1 || Buffer_ == nullptr) {

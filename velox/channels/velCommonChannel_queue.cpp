@@ -485,8 +485,8 @@ void TOperationQueue::TakeCompleted(TBatch& Batch) {
 
 void TOperationQueue::OperationCompleted(TTransferOperation& Operation) {
   Operation.State_ = TOperationState::osComplete;
-  Operation.Departed_ = false;
   Operation.Active_ = false;
+  Operation.Departed_ = false;
   Operation.DoComplete();
 }
 
@@ -547,10 +547,14 @@ void TOperationQueue::TransferCompleted(int32_t& Index) {
 // The operation to carry now; null when there is none left, or OnStart has destroyed the queue.
 TTransferOperation* TOperationQueue::StartNextOperation() {
   TStep& step = *Step_;
-  if (!Channel_.GetActive()) return nullptr;  // those left are about to be ended
   while (step.Count < static_cast<int32_t>(Operations_.size())) {
+    if (!Channel_.GetActive()) return nullptr;  // those left are about to be ended
     TTransferOperation* const operation = Operations_[static_cast<size_t>(step.Count)];
-    if (operation->State_ != TOperationState::osPending) return operation;
+    if (operation->State_ != TOperationState::osPending) {
+      if (operation->Transferred_ < operation->Size_) return operation;
+      ++step.Count;  // an exception has ended the run that made it full
+      continue;
+    }
     step.CurrentRemoved = false;
     operation->DoStart();
     if (step.QueueDestroyed) return nullptr;

@@ -198,6 +198,12 @@ class TCommunicationOperationQueue::TRequest : public TPendingRequest {
 
   static void CALLBACK Completed(DWORD Error, DWORD Transferred, OVERLAPPED* Overlapped) noexcept;
   static void CALLBACK CompleteRefused(ULONG_PTR Request) noexcept;
+  /// Has its end told to this thread, though the port did not take it. False when that is
+  /// impossible.
+  bool TellRefused() noexcept {
+    return TraceAndQueueUserAPC(&CompleteRefused, ::GetCurrentThread(),
+                                reinterpret_cast<ULONG_PTR>(this)) != 0;
+  }
 
   const TQueueReference Target;
   TCommunicationOperationQueue* const Queue;  // may be gone; Target tells
@@ -237,7 +243,7 @@ void CALLBACK TCommunicationOperationQueue::TRequest::Completed(DWORD Error, DWO
   }
 }
 
-/// Ends a write that the port did not take.
+/// Ends a request that the port did not take.
 void CALLBACK TCommunicationOperationQueue::TRequest::CompleteRefused(ULONG_PTR Request) noexcept {
   auto* const request = reinterpret_cast<TRequest*>(Request);
   if (request->Leave(false)) return;
@@ -269,11 +275,15 @@ TCommunicationChannel& TCommunicationOperationQueue::GetPortChannel() const noex
   return static_cast<TCommunicationChannel&>(GetChannel());
 }
 
-DWORD TCommunicationOperationQueue::GetInputCount() const {
+DWORD TCommunicationOperationQueue::GetInputCount(const TTransferOperation& Operation) {
   DWORD errors = 0;
   COMSTAT status{};
-  const TForReading guard(GetPortChannel().HandleLock_);
-  if (!::ClearCommError(GetPortChannel().Handle_, &errors, &status)) RaiseLastOSError();
+  DWORD error = 0;
+  {
+    const TForReading guard(GetPortChannel().HandleLock_);
+    if (!::ClearCommError(GetPortChannel().Handle_, &errors, &status)) error = ::GetLastError();
+  }
+  if (error != 0) Fail(Operation, error);
   return status.cbInQue;
 }
 
@@ -305,10 +315,25 @@ void TCommunicationOperationQueue::StartRequest(TTransferOperation& Operation) {
   request.Pending = false;
   CurrentOperation_ = nullptr;
   RequestData_ = nullptr;
-  RaiseLastOSErrorEx(static_cast<int32_t>(error));
+  Fail(Operation, error);
 }
 
 bool TCommunicationOperationQueue::Refused(TRequest&, DWORD) { return false; }
+
+/// Nothing is going to move this operation any more, and it may have no time limit. What is raised
+/// ends the run of the queue, so it is another run that ends the operation.
+void TCommunicationOperationQueue::Fail(const TTransferOperation& Operation, DWORD Error) {
+  Failed_ = &Operation;
+  CompletedSize_ = 0;
+  if (!IsNT_) {
+    ::SetEvent(CompletionEvent_.Get());
+  } else {
+    TRequest& request = NewRequest(0);
+    request.PrepareRequest();
+    request.Pending = request.TellRefused();
+  }
+  RaiseLastOSErrorEx(static_cast<int32_t>(Error));
+}
 
 /// A request may go on after its operation is gone. Its end is awaited before the next is made, and
 /// a read leaves what it still gets to the next operation.
@@ -373,8 +398,7 @@ void TCommunicationOperationQueue::Complete(const TQueueReference& Target,
   auto* const queue = static_cast<TSelf*>(Target.Queue);
   RunOnReactor(Target,
                {Take, TProcessOperationsProcedure::Bind<&TSelf::CarryOn>(queue),
-                TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(queue),
-                TProcessOperationsProcedure::Bind<&TSelf::TransferOperationDataWhenIdle>(queue)},
+                TProcessOperationsProcedure::Bind<&TSelf::EndFailed>(queue)},
                &Completion);
 }
 
@@ -395,16 +419,18 @@ void TCommunicationOperationQueue::TakeCompletion(int32_t&, int32_t&, TObject* A
 /// Then: the bytes are booked, and the next request is made.
 void TCommunicationOperationQueue::CarryOn(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                            TObject* AParameter) {
-  if (static_cast<TCompletion*>(AParameter)->Taken)
+  if (static_cast<TCompletion*>(AParameter)->Taken || Failed_ != nullptr)
     TransferOperationData(ACompletedIndex, ACompletedCount, nullptr);
 }
 
-/// Then: an operation whose request failed goes, with what was booked.
+/// Then: an operation whose request failed goes, with what was booked. The next one is started when
+/// this one has been told so: should that fail too, it is an exception, which would drop this one.
 void TCommunicationOperationQueue::EndFailed(int32_t& ACompletedIndex, int32_t& ACompletedCount,
                                              TObject*) {
-  TTransferOperation* const operation = std::exchange(Failed_, nullptr);
-  if (operation != nullptr && GetOperationIndex(*operation) == 0)
-    TerminateOperation(ACompletedIndex, ACompletedCount, operation);
+  const TTransferOperation* const operation = std::exchange(Failed_, nullptr);
+  if (operation == nullptr || GetOperationIndex(*operation) != 0) return;
+  TerminateOperation(ACompletedIndex, ACompletedCount, const_cast<TTransferOperation*>(operation));
+  ScheduleOperationQueueChanged();
 }
 
 void TCommunicationOperationQueue::Forget() noexcept {
@@ -433,7 +459,7 @@ int32_t TCommunicationOperationQueueForReading::GetAvailableSize(
   if (IsHeldUp(Operation)) return 0;
   if (Request_ != nullptr && Request_->Taken < Request_->Received)
     return static_cast<int32_t>(Request_->Received - Request_->Taken);
-  return static_cast<int32_t>(std::max<DWORD>(1, GetInputCount()));
+  return static_cast<int32_t>(std::max<DWORD>(1, GetInputCount(Operation)));
 }
 
 bool TCommunicationOperationQueueForReading::TransferData(TTransferOperation& Operation, void* Data,
@@ -503,8 +529,7 @@ bool TCommunicationOperationQueueForWriting::Refused(TRequest& Request, DWORD Er
   const bool readable = !::IsBadReadPtr(block, Request.Size()) &&
                         !::IsBadReadPtr(&Request.Overlapped, sizeof Request.Overlapped);
   Trace(readable ? "Buffer checked" : "Buffer checking error", TTraceType::ttError);
-  return TraceAndQueueUserAPC(&TRequest::CompleteRefused, ::GetCurrentThread(),
-                              reinterpret_cast<ULONG_PTR>(&Request)) != 0;
+  return Request.TellRefused();
 }
 
 /// The driver ends a write without an error when its time is up: then it is short.

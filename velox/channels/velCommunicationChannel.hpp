@@ -344,11 +344,12 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
 
   /// A block of that size for the next request.
   TRequest& NewRequest(int32_t Size);
-  /// Makes the request for the operation. Raises EOSError.
+  /// Makes the request for the operation. When the port does not take it, raises EOSError; the
+  /// operation ends soon after.
   void StartRequest(TTransferOperation& Operation);
   /// Hands the block to the port. Whether it took it.
   virtual bool Submit(HANDLE Port, TRequest& Request) = 0;
-  /// The port did not take it. Whether its end is going to be told all the same.
+  /// The port did not take it. Whether that is no more than the end of the request, told later.
   virtual bool Refused(TRequest& Request, DWORD Error);
   /// The request has ended; RequestData_ is null when its operation is gone. Whether the operation
   /// may go on.
@@ -356,8 +357,9 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
 
   /// Whether the operation has to wait for the end of a request.
   bool IsHeldUp(const TTransferOperation& Operation) noexcept;
-  /// Bytes in the driver's input queue. Raises EOSError.
-  DWORD GetInputCount() const;
+  /// Bytes in the driver's input queue. When the port does not tell, raises EOSError; the operation
+  /// ends soon after.
+  DWORD GetInputCount(const TTransferOperation& Operation);
   TCommunicationChannel& GetPortChannel() const noexcept;
 
  private:
@@ -376,13 +378,14 @@ class VELOX_API TCommunicationOperationQueue : public TOperationQueue {
   void TakeCompletion(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
   void CarryOn(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
   void EndFailed(int32_t& ACompletedIndex, int32_t& ACompletedCount, TObject* AParameter);
+  [[noreturn]] void Fail(const TTransferOperation& Operation, DWORD Error);
   /// The port has been closed: nothing of it is for the next one.
   void Forget() noexcept;
 
   const bool IsNT_;
   THandle CompletionEvent_;  // of the older way, as the next
   std::unique_ptr<TEventReaction> CompletionReaction_;
-  TTransferOperation* Failed_ = nullptr;  // it ends as soon as what was carried is booked
+  const TTransferOperation* Failed_ = nullptr;  // it ends as soon as what was carried is booked
 
  protected:
   std::unique_ptr<TRequest, TFreeRequest> Request_;  // null until the first since opening

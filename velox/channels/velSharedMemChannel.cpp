@@ -98,6 +98,14 @@ bool TSharedMemOperationQueueForWriting::TransferData(TTransferOperation&, void*
   return done;
 }
 
+namespace {
+
+TSharedMemOperationQueue& QueueOf(const TChannel& Channel, TOperationKind Kind) {
+  return static_cast<TSharedMemOperationQueue&>(*Channel.GetOperationQueues(Kind));
+}
+
+}  // namespace
+
 // The queues are kept for the life of the process.
 TSharedMemChannel::TSharedMemChannel() {
   SetOperationQueues(TOperationKind::okRead, new TSharedMemOperationQueueForReading(*this));
@@ -105,7 +113,12 @@ TSharedMemChannel::TSharedMemChannel() {
   TSharedMemChannel::SetBandwidth(1048576);
 }
 
-TSharedMemChannel::~TSharedMemChannel() { Close(); }
+TSharedMemChannel::~TSharedMemChannel() {
+  Close();
+  // After an activation that failed half-way, one of the two still has its block.
+  for (const TOperationKind kind : {TOperationKind::okRead, TOperationKind::okWrite})
+    QueueOf(*this, kind).ReleaseMemory();
+}
 
 void TSharedMemChannel::SetMemoryName(const std::string& Value) {
   CheckActive();
@@ -121,14 +134,6 @@ void TSharedMemChannel::SetMode(TChannelMode Value) {
   CheckActive();
   Mode_ = Value;
 }
-
-namespace {
-
-TSharedMemOperationQueue& QueueOf(const TChannel& Channel, TOperationKind Kind) {
-  return static_cast<TSharedMemOperationQueue&>(*Channel.GetOperationQueues(Kind));
-}
-
-}  // namespace
 
 void TSharedMemChannel::InitializeQueues() {
   if (MemoryName_.empty()) throw Exception(messages::seSpecifyMemoryName);

@@ -57,12 +57,15 @@ unsigned __stdcall ThreadEntry(void* Start) {
   return 0;
 }
 
-// A thread of ours may run at any time from now on: the code must never go away under it.
-bool PinLibrary() noexcept {
+// A thread of ours may run at any time from now on: the code must never go away under it. Done
+// once, or a few times at first: no lock is held, since the system takes the loader's meanwhile.
+void PinLibrary() noexcept {
+  static std::atomic<bool> pinned{false};
+  if (pinned.load()) return;
   HMODULE self;
-  return ::GetModuleHandleExA(
-             GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-             reinterpret_cast<LPCSTR>(&ThreadEntry), &self) != FALSE;
+  ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<LPCSTR>(&ThreadEntry), &self);
+  pinned.store(true);
 }
 
 // How a debugger is told a thread's name: this software exception with this record as its
@@ -115,7 +118,7 @@ TObject* TThreadFactory::SingletonConstruction() { return new TThreadFactory; }
 
 HANDLE TThreadFactory::CreateThread(const std::string& Name, const TThreadExecutionRoutine& Routine,
                                     void* Parameter, DWORD& ThreadId) {
-  [[maybe_unused]] static const bool pinned = PinLibrary();
+  PinLibrary();
   std::unique_ptr<TStartRecord> record(new TStartRecord{this, Name, Routine, Parameter});
   // The id is stored where the caller wants it before the thread runs.
   static_assert(sizeof(unsigned) == sizeof(DWORD));

@@ -68,7 +68,7 @@ bool IsFull(const std::string& FileName) noexcept {
   return (int64_t{data.nFileSizeHigh} << 32) + data.nFileSizeLow >= RotationSize;
 }
 
-void Rotate(const std::string& FileName) noexcept {
+void Rotate(const std::string& FileName) {
   const std::string old = FileName + ".1";
   ::DeleteFileA(old.c_str());
   ::MoveFileA(FileName.c_str(), old.c_str());
@@ -92,6 +92,16 @@ std::string ExceptionText(std::string_view Text, const TExceptionDescription& Ra
                 static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Raised.Address)));
 }
 
+// Runs Write; a record for which there is no memory is lost.
+template <class F>
+void TryWrite(F&& Write) noexcept {
+  try {
+    Write();
+  } catch (...) {
+    // The log is the last resort: there is nobody left to tell.
+  }
+}
+
 void TraceHeapStatus(TTracer& Tracer) {
   const THeapStatus status = GetHeapStatus();
   const struct {
@@ -108,8 +118,10 @@ void TraceHeapStatus(TTracer& Tracer) {
                {"Overhead = ", status.Overhead},
                {"HeapErrorCode = ", status.HeapErrorCode}};
   for (const auto& line : lines) {
-    Tracer.Trace(Format("%s%llu", line.Label, static_cast<unsigned long long>(line.Value)),
-                 ttError);
+    TryWrite([&] {
+      Tracer.Trace(Format("%s%llu", line.Label, static_cast<unsigned long long>(line.Value)),
+                   ttError);
+    });
   }
 }
 
@@ -127,21 +139,11 @@ bool IsOutOfMemory() noexcept {
   }
 }
 
-// Runs Write; a record for which there is no memory is lost.
-template <class F>
-void TryWrite(F&& Write) noexcept {
-  try {
-    Write();
-  } catch (...) {
-    // The log is the last resort: there is nobody left to tell.
-  }
-}
-
 // Once a process: tells the state of the heaps, and ends the process if that is wanted, whether or
 // not there is memory left to tell it. Without memory for the log itself, Tracer is null.
 void HandleOutOfMemory(TTracer* Tracer) noexcept {
   if (OutOfMemoryHandled.exchange(true)) return;
-  if (Tracer != nullptr) TryWrite([&] { TraceHeapStatus(*Tracer); });
+  if (Tracer != nullptr) TraceHeapStatus(*Tracer);
   if (!TerminateOnOutOfMemoryRequired) return;
   if (Tracer != nullptr) Tracer->Trace("Application terminated due to out of memory", ttError);
   ::TerminateProcess(::GetCurrentProcess(), 1);
@@ -158,7 +160,7 @@ std::atomic<uint32_t> UserAPCCount{0};
 
 std::string DescribeUserAPC(const TUserAPC& Call) noexcept {
   try {
-    return Format("Error  : APC = %08llX, hThread = %.8llx, dwData = %.8llx",
+    return Format("Error  : APC = %08llX, hThread = %.8llX, dwData = %.8llX",
                   static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Routine)),
                   static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(Call.Thread)),
                   static_cast<unsigned long long>(Call.Data));
@@ -292,9 +294,9 @@ void TTracer::WriteRecord(std::string_view Text, const TBanner* Banner) {
   if (Banner != nullptr && BannerPending_) {
     if (!Banner->Version.empty()) lines += prefix + "Module version: " + Banner->Version + "\r\n";
     if (!Banner->Started.empty()) lines += prefix + "Module started: " + Banner->Started + "\r\n";
+    BannerPending_ = Banner->Started.empty();  // what could not be found out comes another time
   }
   lines.append(prefix).append(Text).append("\r\n");
-  BannerPending_ = false;
   WriteAll(file, lines);
 }
 

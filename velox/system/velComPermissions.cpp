@@ -183,7 +183,9 @@ int32_t TComServerPermissions::GetEntryIndexBySecurityIdentifier(
 bool TComServerPermissions::ReadFromRegistry(HKEY RootKey, const std::string& KeyName,
                                              const std::string& ValueName,
                                              TSecurityDescriptor& Descriptor) {
-  return Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
+  // Asked first: without the value the descriptor would be cleared.
+  return RegistryValueExists(RootKey, KeyName, ValueName) &&
+         Descriptor.ReadFromRegistry("", RootKey, KeyName, ValueName);
 }
 
 bool TComServerPermissions::RegistryValueExists(HKEY RootKey, const std::string& KeyName,
