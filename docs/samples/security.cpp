@@ -34,7 +34,8 @@ void AllowReading(HKEY Root, const std::string& KeyName, const std::string& Valu
 //! [descriptor]
 
 //! [launch]
-/// Lets everyone start the server from this machine, and nobody from another one.
+/// Lets everyone start the server from this machine, and from another one only those whose entries
+/// stand further up, such as the administrators.
 void AllowLocalStart(TComServerLaunchPermissions& Permissions) {
   const std::string everyone = TSecurityIdentifier::GetWellKnownAccountName("", WinWorldSid);
   Permissions.AddEntryEx("", everyone, ptAllow,  // where rights are not split

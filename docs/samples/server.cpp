@@ -50,8 +50,8 @@ class TReceiver {
  private:
   void OnAccept(TObject*, SOCKET Socket, const SOCKADDR_IN& Address, bool& IsTaken) {
     if (Channel.GetAccepted()) return;  // the server closes it
-    IsTaken = true;                     // the socket is this one's affair now
-    Channel.Accept(Socket, Address);
+    Channel.Accept(Socket, Address);    // (when this raises, too)
+    IsTaken = true;                     // the channel closes it now
     Channel.SetActive(true);
     ::SetEvent(Taken.Get());
   }

@@ -49,7 +49,7 @@ int ServeUntil(HANDLE Stop, HANDLE Work) {
         ++served;
         break;
       case WAIT_IO_COMPLETION:
-        break;  // callbacks ran; what they raised has passed here already
+        break;  // callbacks ran; what they raise comes out of the wait
       case WAIT_TIMEOUT:
         Trace("nothing to do", ttDebug);
         break;

@@ -123,8 +123,9 @@ class VELOX_API TAsynchronousCall : public TObject {
 ///     // From any thread:
 ///     queue.Queue(TAsynchronousCallQueueHandler::Bind<&TReader::Handle>(this), data);
 ///
-/// A handler that raises leaves the queue counting its call as outstanding and "in call"; the
-/// exception is logged and raised on the bound thread.
+/// A handler that raises leaves the queue counting its call as outstanding and "in call", for good:
+/// other threads' Wait() then ends with the bound thread only. The exception is logged and raised
+/// on the bound thread. Catch in the handler what it can expect.
 ///
 /// Threads: any may queue and wait. Handlers run on the bound thread, one at a time, in the order
 /// they were queued; one that the bound thread itself queues runs before those. The queue must not
@@ -137,17 +138,18 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
   ~TAsynchronousCallQueue() override;
 
   /// Binds an inactive queue to a thread; the handle is borrowed. With a null handle or id: to the
-  /// calling thread. Does nothing when the queue is not inactive.
+  /// calling thread. Does nothing when the queue is not inactive. Raises EOSError when the system
+  /// has no handle left.
   void Activate(HANDLE AThreadHandle, DWORD AThreadId);
 
   /// Stops accepting calls; with AWait returns after those outstanding have run. The queue is
   /// inactive again, and can be activated, once the last of them has run; when none was outstanding
-  /// it stays deactivating for good.
+  /// it stays deactivating until CloseHandles().
   void Deactivate(bool AWait);
 
   /// Requests one run of Handler(queue, AData) on the bound thread; does not wait. On the bound
   /// thread itself the handler runs at once, and what it raises comes out here. Raises Exception
-  /// "Queue is inactive".
+  /// "Queue is inactive", and EOSError when the system takes no call for that thread.
   void Queue(const TAsynchronousCallQueueHandler& Handler, void* AData);
 
   /// Waits until no call is outstanding (WAIT_OBJECT_0) or the bound thread has ended

@@ -65,7 +65,8 @@ enum class TReactionState : uint32_t {
 ///
 /// Promised: once the destructor has returned, Run() is not running and will not run again;
 /// destroying a reaction inside its own Run() is allowed. After SetActive(false) from another
-/// thread a run may still be under way. Asked of you: keep the handle open until
+/// thread a run may still be under way; and of a TEventReaction for a thread, methods that were on
+/// their way to it still run. Asked of you: keep the handle open until
 /// GetStatus() is rsNone again; keep Run() short, since it delays the other reactions of its
 /// thread; a class of your own calls Retire() first thing in its destructor.
 ///
@@ -91,9 +92,10 @@ class VELOX_API TReaction : public TObject {
   /// of its thread, it stays true until SetActive(false).)
   bool GetActive() const noexcept;
   /// Requests the change; the reactor's thread carries it out when it next can. Nothing happens
-  /// when it was requested already. Activating may wait, alertably, for an earlier activation that
-  /// was taken back and is still on its way: hold no lock that another Run() takes. Raises what
-  /// TReactor::RegisterReaction does.
+  /// when it was requested already, nor when it is to become active before a removal on its way has
+  /// been carried out (GetStatus() is then rsDeactivating). Activating may wait, alertably, for an
+  /// earlier activation that was taken back and is still on its way: hold no lock that another
+  /// Run() takes. Raises what TReactor::RegisterReaction does.
   void SetActive(bool Value);
 
   /// Run(), if the reaction is in a set and not leaving it.

@@ -33,8 +33,9 @@ extern VELOX_API int64_t MSTo100NS;
 ///     tick.SetActive(1);
 ///
 /// Promised: once the destructor has returned, Execute() is not running and will not run again; a
-/// task may be destroyed inside its own Execute(). After SetActive(0) a run may still be under way
-/// (of TEventTask: none), so leave the configuration of other tasks alone until it is over. Asked
+/// task may be destroyed inside its own Execute(). After SetActive(0) from another thread a run may
+/// still be under way (of a TEventTask: none): don't configure the task anew before its work has
+/// told you that it is over. Asked
 /// of you: a class of your own calls FreeInstance() first thing in its destructor; and destroy no
 /// task while you hold a lock that its Execute() takes.
 ///
@@ -58,7 +59,7 @@ class VELOX_API TScheduledTask : public TObject {
   virtual void Execute() = 0;
 
   /// Milliseconds from activation to the first run; a negative value counts as 0, at once. Replaces
-  /// an absolute time.
+  /// an absolute time, unless it is the duration that was set last.
   void SetDuration(int64_t Value);
   int64_t GetDuration() const noexcept { return Duration_; }
 
@@ -66,8 +67,9 @@ class VELOX_API TScheduledTask : public TObject {
   void SetPeriod(int32_t Value);
   int32_t GetPeriod() const noexcept { return Period_; }
 
-  /// The time of the first run, read as universal time. Replaces a duration. Setting the time that
-  /// is set already does nothing, on an active task too.
+  /// The time of the first run, read as universal time; one that has passed is at once. Replaces a
+  /// duration. Setting the time that was set last does nothing, on an active task too. What is no
+  /// date and time is told in the trace log when the task is activated, and the task does not run.
   void SetAbsoluteTime(TDateTime Value);
   TDateTime GetAbsoluteTime() const noexcept { return AbsoluteTime_; }
 

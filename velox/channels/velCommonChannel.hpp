@@ -20,14 +20,13 @@
 /// and its end.
 ///
 ///     channel.SetActive(true);
-///     TTransferOperation read;
-///     read.SetChannel(&channel);
-///     read.SetKind(TOperationKind::okRead);
-///     read.SetBuffer(data);  // before the size: a change of buffer resets it
-///     read.SetSize(sizeof data);
+///     std::unique_ptr<TTransferOperation> read = channel.CreateOperation();
+///     read->SetKind(TOperationKind::okRead);
+///     read->SetBuffer(data);
+///     read->SetSize(sizeof data);
 ///     // OnRead looks at GetSucceeded() and GetTransferred().
-///     read.SetOnComplete(TOperationNotificationEvent::Bind<&TReader::OnRead>(this));
-///     read.SetActive(true);  // returns at once
+///     read->SetOnComplete(TOperationNotificationEvent::Bind<&TReader::OnRead>(this));
+///     read->SetActive(true);  // returns at once; `read` lives on until its end
 ///
 /// A concrete channel (shared memory, a socket, a serial port) derives from TChannel and brings two
 /// queues derived from TOperationQueue that know how to move bytes.
@@ -82,8 +81,10 @@ using TProcessOperationsProcedure =
 ///
 /// In each of its events an operation may be cancelled or destroyed, in OnComplete also activated
 /// again, alone or with others. An exception from OnStart or OnTransferred ends the queue's present
-/// run: the operation stays in the queue, stopped; cancel it. An exception from OnComplete changes
-/// nothing; it reaches the canceller or, on a reactor thread, the trace log.
+/// run: the operation stays in the queue, stopped; cancel it. (One that was carried whole ends when
+/// the queue next has something to do; one that the same run had timed out or given up is dropped
+/// without OnComplete and stays active until it is destroyed.) An exception from OnComplete changes
+/// nothing. Each reaches the canceller or, on a reactor thread, the trace log.
 ///
 /// Whoever makes an operation destroys it, unless FreeOnComplete hands it to the queue; never both.
 class VELOX_API TTransferOperation : public TObject {
@@ -135,7 +136,9 @@ class VELOX_API TTransferOperation : public TObject {
   void SetSelfAllocated(bool Value);
 
   /// Time allowance of the whole operation in milliseconds, used when AutoTimeout is false; each
-  /// chunk gets its share by size. 0 (default) is no limit. A negative value is ignored.
+  /// chunk gets its share by size, and one whose share is less than 1 has no limit. (On sockets and
+  /// serial ports a read that waits is a chunk of one byte: to end it after t without a byte, give
+  /// t times the size.) 0 (default) is no limit. A negative value is ignored.
   int32_t GetTimeout() const noexcept { return Timeout_; }
   void SetTimeout(int32_t Value);
 

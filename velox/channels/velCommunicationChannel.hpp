@@ -276,7 +276,7 @@ class VELOX_API TCommunicationTimeouts : public TObject {
   uint32_t GetReadIntervalTimeout() const noexcept { return ReadIntervalTimeout_; }
   void SetReadIntervalTimeout(uint32_t Value) { Assign(ReadIntervalTimeout_, Value); }
 
-  /// Time of a whole read: so much for each byte asked for,
+  /// Time of a whole request to read: so much for each byte asked for,
   uint32_t GetReadTotalTimeoutMultiplier() const noexcept { return ReadTotalTimeoutMultiplier_; }
   void SetReadTotalTimeoutMultiplier(uint32_t Value) { Assign(ReadTotalTimeoutMultiplier_, Value); }
 
@@ -284,7 +284,7 @@ class VELOX_API TCommunicationTimeouts : public TObject {
   uint32_t GetReadTotalTimeoutConstant() const noexcept { return ReadTotalTimeoutConstant_; }
   void SetReadTotalTimeoutConstant(uint32_t Value) { Assign(ReadTotalTimeoutConstant_, Value); }
 
-  /// Time of a whole write, likewise,
+  /// Time of a whole request to write, likewise,
   uint32_t GetWriteTotalTimeoutMultiplier() const noexcept { return WriteTotalTimeoutMultiplier_; }
   void SetWriteTotalTimeoutMultiplier(uint32_t Value) {
     Assign(WriteTotalTimeoutMultiplier_, Value);
@@ -428,14 +428,22 @@ class VELOX_API TCommunicationOperationQueueForWriting : public TCommunicationOp
 /// A channel over a serial port, opened for overlapped transfers and not shared.
 ///
 /// Reads end in time as on every channel; with AutoTimeout by the bandwidth, which is that of the
-/// line settings after opening. (In the older way, with an event, a read has no time limit.) Writes
-/// are limited by the port's own timeouts, so their time limits have no effect: a write that the
-/// driver ends for its time ends the operation. Those timeouts follow the bandwidth and the
-/// latence, but reach the port only by an update:
+/// line settings after opening, and the latence. A read that waits is a chunk of one byte, whose
+/// time by the bandwidth alone comes to nothing, which is no limit: **set the latence**, or a
+/// Timeout of (wait * Size). (In the older way, with an event, a read has no time limit.) The
+/// driver's own read timeouts end no operation: a request that they end without a byte is made
+/// again, and its time begins anew.
 ///
-///     channel.GetTimeouts().BeginUpdate();
+/// Writes are limited by the driver's timeouts, so the time limits of write operations have no
+/// effect: a write that the driver ends for its time ends the operation. Those timeouts follow the
+/// bandwidth and the latence, but reach the port only by an update that changes one of them while
+/// the port is open, or that is under way when it is opened. Without one, the port keeps those that
+/// it was found with, and mostly a write has no limit. So open it like this:
+///
 ///     channel.SetLatence(500);
-///     channel.GetTimeouts().EndUpdate();
+///     channel.GetTimeouts().BeginUpdate();
+///     channel.SetActive(true);
+///     channel.GetTimeouts().EndUpdate();  // all timeouts, with those of the line settings
 ///
 /// A read that is cancelled leaves what it got to the next one. An error of the port ends the
 /// operation with what was carried.

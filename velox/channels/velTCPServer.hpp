@@ -58,7 +58,8 @@ using TTCPServerConnectionEvent = TMethod<void(TTCPServerConnection& Sender)>;
 /// Listens on a port of all local addresses, with a thread of its own that accepts.
 ///
 /// Threads: one thread at a time starts and stops. Events come on the accept thread. What they
-/// raise goes to the trace log, and the server goes on.
+/// raise goes to the trace log, and the server goes on; a connection whose event has raised before
+/// it began a transfer stays open and idle.
 class VELOX_API TCustomTCPServer : public TObject {
  public:
   /// Not listening yet. Port 0 has the system choose one when the server starts.
@@ -96,8 +97,8 @@ class VELOX_API TCustomTCPServer : public TObject {
   std::string GetServerName() const;
 
   /// Days (30.0 / 86400 is half a minute). More than 0: CheckConnections is called whenever so much
-  /// time has passed since the last call, at the latest 5 seconds late. 0 (default): never. Set it
-  /// before Start().
+  /// time has passed since the last call, at the latest 5 seconds late, by the local clock. 0
+  /// (default): never. Set it before Start().
   TDateTime GetIdleTimeout() const noexcept { return IdleTimeout_; }
   void SetIdleTimeout(TDateTime Value) noexcept { IdleTimeout_ = Value; }
 
@@ -233,7 +234,8 @@ class VELOX_API TTCPServer : public TCustomTCPServer {
  protected:
   /// Closes, from the last to the first, those without activity for longer than IdleTimeout.
   void CheckConnections() override;
-  /// Raises OnAccept, then keeps the connection, whatever the handler answers.
+  /// Raises OnAccept, then keeps the connection, whatever the handler answers: a handler must
+  /// neither close the socket nor give it to a channel.
   void DoAccept(TObject* Sender, SOCKET ASocket, const SOCKADDR_IN& AAddress,
                 bool& AChannelAccepted) override;
 
@@ -243,7 +245,8 @@ class VELOX_API TTCPServer : public TCustomTCPServer {
   virtual void ConnectionReceived(TTCPServerConnection& Connection);
   /// It has sent all.
   virtual void ConnectionSend(TTCPServerConnection& Connection);
-  /// It has ended, by its peer, an error, idleness or its Close(). Destroys it.
+  /// It has ended, by its peer, an error, idleness or its Close(). Destroys it: an override calls
+  /// this one at its end.
   virtual void ConnectionClosed(TTCPServerConnection& Connection);
 
  private:

@@ -66,8 +66,9 @@ class VELOX_API TIPOperation : public TTransferOperation {
   uint16_t GetPort() const noexcept { return Port_; }
   void SetPort(uint16_t Value);
 
-  /// The socket's error that ended the operation. 0 when there was none: also when the peer closed
-  /// the connection. Kept until the next one.
+  /// The socket's error that ended the operation; 0 when the peer's closing of the connection did.
+  /// Set by these two ends only: after another end it is still that of an earlier activation, so
+  /// look at it when GetSucceeded() is false.
   int32_t GetErrorCode() const noexcept { return ErrorCode_; }
 
  private:
@@ -367,8 +368,10 @@ class VELOX_API TTCPChannel : public TIPChannel {
   void SetConnectionTimeout(int32_t Value) noexcept { ConnectionTimeout_ = Value; }
 
   /// Takes over a connected socket, which the next activation uses, and closes one that the channel
-  /// had. The channel's addresses stay what they are. Raises Exception "Cannot change active
-  /// channel" when active.
+  /// had. From then on the channel is one for accepted sockets: it does not connect any more, and
+  /// each activation needs another socket, else it raises EOSError. Address is not used: the
+  /// channel's addresses stay what they are. Raises Exception "Cannot change active channel" when
+  /// active; the socket is then still the caller's.
   void Accept(SOCKET Socket, const SOCKADDR_IN& Address);
   bool GetAccepted() const noexcept { return Accepted_; }
 

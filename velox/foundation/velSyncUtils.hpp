@@ -114,7 +114,7 @@ VELOX_API int64_t InterlockedIncrement64(int64_t& Target, int64_t Value) noexcep
 VELOX_API int64_t InterlockedDecrement64(int64_t& Target, int64_t Value) noexcept;
 /// Waits until Target is a subset of Value's bits ((Target and Value) = Target) or equals Value,
 /// then stores Value. It spins meanwhile: another thread has to make the condition true. Returns
-/// Value.
+/// what Target held before.
 VELOX_API int64_t InterlockedAnd64(int64_t& Target, int64_t Value) noexcept;
 /// The same with a superset: (Target or Value) = Target.
 VELOX_API int64_t InterlockedOr64(int64_t& Target, int64_t Value) noexcept;

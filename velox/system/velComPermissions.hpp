@@ -155,10 +155,16 @@ class VELOX_API TComServerPermissions : public TObject {
   ~TComServerPermissions() override;
 
   /// Reads the server's own setting, else the machine's default, else takes the built-in one.
-  /// Raises Exception "Security descriptor is invalid" and what else reading a descriptor raises.
+  /// Raises Exception "Security descriptor is invalid" and what else reading a descriptor raises,
+  /// as for an account that does not exist any more. (To get rid of such a setting, delete the
+  /// value RegistryPermissionValue() of the key "AppID\{...}" below HKEY_CLASSES_ROOT.)
   void RetrieveEntries();
   /// Deletes the entries that allow and deny nothing, and writes the others as the server's own
-  /// setting: for each its denials, then its grants. When none are left it is UseDefault().
+  /// setting: for each its denials, then its grants. When none are left it is UseDefault(). Windows
+  /// takes entries in their order, so an account's denial counts against a grant to a group of its
+  /// only when its entry comes first. The setting's owner and group become the administrators;
+  /// what else a descriptor can hold, as a system list or flags of its entries, is not kept. A key
+  /// of the server that is not there is made.
   void Apply();
   /// Deletes the server's own setting, and reads again.
   void UseDefault();
