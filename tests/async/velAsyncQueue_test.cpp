@@ -172,6 +172,25 @@ TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
   EXPECT_EQ(gate.GetPending(), 0);
 }
 
+void CALLBACK FinishRound(ULONG_PTR Gate) { reinterpret_cast<TPendingGate*>(Gate)->Finish(); }
+
+// Runs in a wait for the gate, whose round it ends, and waits for another, which a callback ends.
+void CALLBACK WaitForAnotherRound(ULONG_PTR Gate) {
+  auto& gate = *reinterpret_cast<TPendingGate*>(Gate);
+  gate.Finish();
+  gate.Begin();
+  ::QueueUserAPC(&FinishRound, ::GetCurrentThread(), Gate);
+  EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+}
+
+TEST(PendingGate, CallbacksRunInAWaitInsideAWait) {
+  TPendingGate gate;
+  gate.Begin();
+  ::QueueUserAPC(&WaitForAnotherRound, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&gate));
+  EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+  EXPECT_EQ(gate.GetPending(), 0);
+}
+
 TEST(AsynchronousCallQueue, RunsInOrderOnTheBoundThreadOnly) {
   TApcThread target;
   std::vector<int> numbers(100);
