@@ -65,6 +65,12 @@ def main():
     if not shutil.which("socat"):
         cannot_run("serial ports", "there is no socat")
         return
+    try:
+        for terminal in os.openpty():
+            os.close(terminal)
+    except OSError as error:
+        cannot_run("serial ports", f"there are no pseudo-terminals: {error}")
+        return
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         with connected_ports(folder):
