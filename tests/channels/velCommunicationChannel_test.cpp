@@ -306,6 +306,18 @@ TEST_P(CommunicationPorts, SettingsReachThePortAsTheyShould) {
   timeouts.EndUpdate();
   EXPECT_EQ(constant(), before + 77);
   EXPECT_THROW(Near.SetReadBufferSize(1), Exception);
+
+  // Opened inside an update, the port gets them all.
+  Near.SetActive(false);
+  Near.SetLatence(500);
+  timeouts.BeginUpdate();
+  Near.SetActive(true);
+  timeouts.EndUpdate();
+  COMMTIMEOUTS written{};
+  EXPECT_TRUE(::GetCommTimeouts(Near.GetHandle(), &written));
+  EXPECT_EQ(written.WriteTotalTimeoutConstant, 500u);
+  EXPECT_EQ(written.WriteTotalTimeoutMultiplier, 1u);
+  EXPECT_EQ(constant(), before + 77);
 }
 
 }  // namespace

@@ -3,17 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "examples/velgost/parameter_sets.hpp"
+#include "tests/support/message_of.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
 namespace {
 
+using test::MessageOf;
 using TBytes = std::vector<uint8_t>;
 
 void Prepare(TGostCryptor& Cryptor) {
@@ -31,16 +32,6 @@ TBytes Counting(size_t Size) {
 }
 
 int32_t SizeOf(const TBytes& Bytes) { return static_cast<int32_t>(Bytes.size()); }
-
-/// What an action raises, in its words.
-std::string Complaint(const std::function<void()>& Action) {
-  try {
-    Action();
-    return "";
-  } catch (const Exception& e) {
-    return e.what();
-  }
-}
 
 class GostCryptor : public testing::Test {
  protected:
@@ -117,7 +108,7 @@ TEST_F(GostCryptor, RefusesSizes) {
   const TBytes text = Counting(16);
   for (const int32_t size : {12, 1, 7, 15, -8, -1}) {
     TBytes data = text;
-    EXPECT_EQ(Complaint([&] { Cryptor_.Crypt(data.data(), size, true); }), "Size incorrect")
+    EXPECT_EQ(MessageOf([&] { Cryptor_.Crypt(data.data(), size, true); }), "Size incorrect")
         << size;
     EXPECT_EQ(data, text);
   }
@@ -153,7 +144,7 @@ TEST_F(GostCryptor, AnInvalidTableDoesNotReplaceThePresentOne) {
       TGostSubstitutionTable table = good;
       table[broken][5] = entry;
       EXPECT_FALSE(TGostCryptor::ValidateSubstitutionTable(table));
-      EXPECT_EQ(Complaint([&] { Cryptor_.SetSubstitutionTable(table); }),
+      EXPECT_EQ(MessageOf([&] { Cryptor_.SetSubstitutionTable(table); }),
                 "Incorrect substitution table");
       EXPECT_EQ(Cryptor_.GetSubstitutionTable(), good);
       EXPECT_EQ(Cryptor_.Substitute(0xfdb97531), 0x2a196f34u);

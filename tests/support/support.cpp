@@ -84,15 +84,6 @@ void TChild::Kill() {
   ::WaitForSingleObject(Process_.Get(), INFINITE);
 }
 
-std::string MessageOf(const std::function<void()>& Action) {
-  try {
-    Action();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "nothing raised";
-}
-
 std::string Noise(size_t Size) {
   std::mt19937 random(static_cast<uint32_t>(Size));
   std::string bytes(Size, '\0');

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/message_of.hpp"
 #include "velox/runtime/velHandle.hpp"
 
 /// What the cases share: waiting for a state, children that play a part, counts of what the process
@@ -49,9 +50,6 @@ class TChild {
 
 /// The command line that runs a role in a child.
 std::string RoleCommand(const std::string& Name, const std::vector<std::string>& Arguments = {});
-
-/// What an action raises, in its words.
-std::string MessageOf(const std::function<void()>& Action);
 
 /// Bytes that look like noise; the same for the same size.
 std::string Noise(size_t Size);
