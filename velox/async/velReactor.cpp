@@ -371,23 +371,26 @@ void TReaction::Deactivated() noexcept {
 }
 
 void TReaction::Retire() noexcept {
-  const TReactorThread* const thread = Thread_.load();
+  const TReactorThread* thread = Thread_.load();
   switch (StatusExchange(rsDestroyed)) {
     case rsActivating:
       Call_.CancelQuietly();
       InSet_.Finish();
+      thread = nullptr;
       break;
     case rsActivated:
       RequestRemovalQuietly();
       break;
     case rsDestroyed:
       return;
-    case rsNone:
+    case rsNone:  // of an activation that was taken back; the reactor may be gone since
+      thread = nullptr;
+      break;
     case rsDeactivating:
       break;
   }
   TReactorThread::ForgetRunning(*this);
-  // Threads live as long as the reactor, which the reaction's owner keeps until here.
+  // Threads live as long as the reactor, which the owner of an active reaction keeps until here.
   InSet_.WaitQuietly(thread == nullptr ? nullptr : thread->GetHandle());
 }
 
