@@ -1,8 +1,8 @@
 # What `cmake --install` gives: a folder that may be moved, since everything in it is found relative to itself.
 include(CMakePackageConfigHelpers)
 
-# Headers that only sources of the library include. `./dev package` checks that nothing in them is exported, and that
-# no other header needs them.
+# Headers that only sources of the library include. `./dev package --check` sees to it that nothing in them is exported,
+# and that no other header needs them; the manual leaves them out, too.
 set(VELOX_PRIVATE_HEADERS
   async/velCallbackLink.hpp
   channels/velChannelArithmetic.hpp
