@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <numeric>
@@ -135,6 +136,22 @@ TEST_F(AsynchronousCall, AHandlerThatRaisesOnTheCallingThreadLeavesACallThatCanB
             "at once");
 }
 
+// Its memory is made useless when it is destroyed.
+struct TOnce : TAsynchronousCall {
+  using TAsynchronousCall::TAsynchronousCall;
+  static void operator delete(void* Memory, size_t Size) {
+    std::memset(Memory, 0x5A, Size);
+    ::operator delete(Memory);
+  }
+};
+
+TEST_F(AsynchronousCall, OneThatDestroysItselfCanBeWaitedFor) {
+  auto handle = [](TAsynchronousCall&, bool& ADestroy) { ADestroy = true; };
+  for (int i = 0; i < 2000; ++i) {
+    (new TOnce(target.Handle(), target.Id(), TAsynchronousCallHandler::To(handle)))->Queue(true);
+  }
+}
+
 // Each thread begins something, has another thread finish it, and waits: no wait may end before the
 // thread's own is finished, though other rounds of the gate end all the time, and every wait ends.
 TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
@@ -172,23 +189,32 @@ TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
   EXPECT_EQ(gate.GetPending(), 0);
 }
 
-void CALLBACK FinishRound(ULONG_PTR Gate) { reinterpret_cast<TPendingGate*>(Gate)->Finish(); }
+void CALLBACK RunBody(ULONG_PTR Body) { (*reinterpret_cast<std::function<void()>*>(Body))(); }
 
-// Runs in a wait for the gate, whose round it ends, and waits for another, which a callback ends.
-void CALLBACK WaitForAnotherRound(ULONG_PTR Gate) {
-  auto& gate = *reinterpret_cast<TPendingGate*>(Gate);
-  gate.Finish();
-  gate.Begin();
-  ::QueueUserAPC(&FinishRound, ::GetCurrentThread(), Gate);
-  EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
-}
-
+// What runs in a wait for the gate ends the wait's round, and waits for another, which a callback
+// ends, or which the end of a thread leaves open.
 TEST(PendingGate, CallbacksRunInAWaitInsideAWait) {
   TPendingGate gate;
-  gate.Begin();
-  ::QueueUserAPC(&WaitForAnotherRound, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&gate));
-  EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+  const auto runInWait = [&gate](std::function<void()> Body) {
+    gate.Begin();
+    ::QueueUserAPC(&RunBody, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&Body));
+    EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+  };
+  std::function<void()> finish = [&gate] { gate.Finish(); };
+  runInWait([&] {
+    gate.Finish();
+    gate.Begin();
+    ::QueueUserAPC(&RunBody, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&finish));
+    EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+  });
   EXPECT_EQ(gate.GetPending(), 0);
+  TApcThread ended;
+  ended.Stop();
+  runInWait([&] {
+    gate.Finish();
+    gate.Begin();
+    EXPECT_EQ(gate.WaitQuietly(ended.Handle()), WAIT_OBJECT_0 + 1);
+  });
 }
 
 TEST(AsynchronousCallQueue, RunsInOrderOnTheBoundThreadOnly) {
@@ -256,6 +282,24 @@ TEST(AsynchronousCallQueue, DeactivationWaitsForWhatIsPendingAndEndsInactive) {
   queue.Activate(target.Handle(), target.Id());
   EXPECT_EQ(queue.GetState(), acqsDeactivating);
   EXPECT_EQ(MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); }), "Queue is inactive");
+}
+
+TEST(AsynchronousCallQueue, RefusedRequestsDoNotKeepItDeactivating) {
+  TApcThread target;
+  TRecorder recorder;
+  TAsynchronousCallQueue queue;
+  std::jthread refused([&](const std::stop_token& Stop) {
+    while (!Stop.stop_requested())
+      MessageOf([&] { queue.Queue(recorder.QueueHandler(), nullptr); });
+  });
+  for (int i = 0; i < 200; ++i) {
+    queue.Activate(target.Handle(), target.Id());
+    queue.Queue(recorder.QueueHandler(), nullptr);
+    const int runs = recorder.Runs;
+    queue.Deactivate(true);
+    if (recorder.Runs == runs) queue.CloseHandles();  // it had run before
+    ASSERT_TRUE(test::WaitUntil([&] { return queue.GetState() == acqsInactive; }));
+  }
 }
 
 TEST(AsynchronousCallQueue, ItsDestructorWaitsForAHandlerOnAnotherThread) {

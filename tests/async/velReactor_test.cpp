@@ -227,6 +227,7 @@ TEST(Reactor, AnAbandonedMutexLeavesTheSetWithoutARun) {
   neighbour.SignalAndWait();
   neighbour.SignalAndWait();
   EXPECT_EQ(mutex.Sink.Runs, 0);
+  EXPECT_EQ(::WaitForSingleObject(mutex.Event.Get(), 0), WAIT_OBJECT_0);  // nobody owns it any more
   EXPECT_EQ(mutex.Reaction->GetStatus(), rsActivated);
   mutex.Reaction->SetActive(false);
   EXPECT_EQ(mutex.Reaction->GetStatus(), rsNone);
@@ -325,7 +326,9 @@ TEST(Reactor, RefusesWhileItEnds) {
 
 TEST(Reactor, ItsEndLetsGoOfActiveReactions) {
   auto reactor = std::make_unique<TReactor>();
-  TWatched watched(*reactor);
+  TWatched watched(*reactor), takenBack(*reactor);
+  takenBack.Reaction->SetActive(true);
+  takenBack.Reaction->SetActive(false);
   watched.Activate();
   reactor.reset();
   watched.Reaction->SetActive(false);

@@ -488,12 +488,14 @@ TEST(OperationQueue, DeactivationCompletesAllInOrder) {
   b.Do[teComplete] = [&] {
     EXPECT_EQ(test::MessageOf([&] { a.SetActive(true); }),
               "Channel is not active. Cannot perform operation.");
+    EXPECT_EQ(test::MessageOf([&] { channel.SetActive(true); }), "Channel is being deactivated");
   };
   a.SetActive(true);
   b.SetActive(true);
   ASSERT_TRUE(test::WaitUntil([&] { return channel.Queue().Pending(); }));
   channel.SetActive(false);
   EXPECT_EQ(log, (TLog{"start a", "ended a", "ended b"}));
+  channel.SetActive(true);
 }
 
 TEST(OperationQueue, ResetLetsAnOperationReceiveForEver) {
@@ -556,6 +558,31 @@ TEST(OperationQueue, ExceptionsStopTheRunAndLoseNothingElse) {
   ASSERT_TRUE(test::WaitUntil([&] { return pending.Queue().Pending(); }));
   pending.Queue().End();
   EXPECT_TRUE(operation.GetSucceeded());
+}
+
+// The chunk of the next operation is started by the run that ends in the exception: what is done
+// with it afterwards concerns that operation, not the full one that is still before it.
+TEST(OperationQueue, AnExceptionBehindAFullOperationConfusesNoChunks) {
+  for (const bool cancelled : {true, false}) {
+    TTestChannel channel(false);  // without bandwidth
+    TTestOperation full(channel, 3), next(channel, 4);
+    next.SetAutoTimeout(true);
+    full.SetActive(true);
+    next.SetActive(true);
+    TTestQueue& queue = channel.Queue();
+    ASSERT_TRUE(test::WaitUntil([&] { return queue.Pending(); }));
+    EXPECT_THROW(queue.End(), EDivByZero);
+    ASSERT_TRUE(queue.Pending());
+    if (cancelled) {
+      next.SetActive(false);
+      EXPECT_EQ(queue.Cancelled, 1);
+    } else {
+      queue.End();
+    }
+    EXPECT_TRUE(full.Wait());
+    EXPECT_EQ(full.GetTransferred(), 3);
+    EXPECT_EQ(next.GetTransferred(), cancelled ? 0 : 4);
+  }
 }
 
 TEST(OperationQueue, WhatALaterStepDropsStaysActiveAndCanStillBeDestroyed) {
@@ -633,8 +660,9 @@ TEST(OperationQueue, HandlersGiveOtherQueuesWorkAlsoWhenTheyRaise) {
 }
 
 TEST(OperationQueue, AStreamCanBeDestroyed) {
+  const TQuarantine quarantine;
   TTestChannel channel;
-  for (int i = 0; i < 200; ++i) {
+  for (int i = 0; i < 1000; ++i) {
     auto operation = std::make_unique<TTestOperation>(channel, 3);
     operation->Do[teComplete] = [stream = operation.get()] { stream->SetActive(true); };
     operation->SetActive(true);
@@ -722,6 +750,25 @@ TEST(OperationQueue, ADestructorWaitsForAnEventOnAnotherThread) {
     operation.reset();
     EXPECT_EQ(step, 3);
   }
+}
+
+TEST(OperationQueue, AChannelsDestructorWaitsForAnEventOnAnotherThread) {
+  auto channel = std::make_unique<TTestChannel>(false);
+  TTestOperation operation(*channel, 3);
+  std::atomic<bool> inside = false, destroyed = false, early = false;
+  operation.Do[teComplete] = [&] {
+    inside = true;
+    early = test::WaitUntil([&] { return destroyed.load(); }, 100);
+  };
+  operation.SetActive(true);
+  TTestQueue& queue = channel->Queue();
+  ASSERT_TRUE(test::WaitUntil([&] { return queue.Pending(); }));
+  std::jthread device([&] { queue.End(); });
+  ASSERT_TRUE(test::WaitUntil([&] { return inside.load(); }));
+  channel.reset();
+  destroyed = true;
+  device.join();
+  EXPECT_FALSE(early);
 }
 
 /// Eight threads make, cancel, destroy and reuse operations of both kinds, while a device ends the

@@ -241,6 +241,44 @@ TEST(SharedCyclicBuffer, OverwritingUpToTheEndLeavesTheHeadOneItemBehindIt) {
   EXPECT_EQ(Read(ring, 9), "cd");
 }
 
+/// Ends, like its process, when the new data has been copied and is not counted yet.
+class TDyingWriter : public TSharedCyclicBuffer {
+ public:
+  using TSharedCyclicBuffer::TSharedCyclicBuffer;
+
+ protected:
+  void SetTail(uint8_t* Value) override {
+    if (Value != GetBuffer()) throw Exception("killed");  // (the start is set when it is created)
+    TSharedCyclicBuffer::SetTail(Value);
+  }
+};
+
+TEST(SharedCyclicBuffer, AWriterThatDiesLeavesTheNewestItemsThatItDidNotOverwrite) {
+  const std::string items = "abcdefghijklmnopqrstuvwxyz";
+  for (uint32_t start = 0; start <= 16; ++start) {
+    for (uint32_t old = 0; old < 16; ++old) {
+      for (uint32_t written = 1; written < 16; ++written) {
+        struct {
+          TWords Words = {16, 0, 0};
+          char Data[16];
+        } block;
+        TSharedCyclicBuffer ring(true);
+        ring.SetBuffer(&block, sizeof block);
+        ring.SetOverwritable(true);
+        block.Words[1] = block.Words[2] = start;
+        Write(ring, items.substr(0, old));
+        TDyingWriter writer(false);
+        writer.SetBuffer(&block, 0);
+        writer.SetOverwritable(true);
+        MessageOf([&] { Write(writer, std::string(written, '!')); });
+        const uint32_t left = std::min(old, 15 - written);
+        EXPECT_EQ(Read(ring, 16), items.substr(old - left, left))
+            << start << ' ' << old << ' ' << written;
+      }
+    }
+  }
+}
+
 TEST(SharedCyclicBuffer, BrokenWordsAreRefused) {
   const std::string damaged = "Shared buffer is damaged";
   const TWords cases[] = {{4, 6, 0},          {4, 0, 5},          {4, 0xFFFFFFFF, 0},

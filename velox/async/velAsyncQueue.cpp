@@ -70,6 +70,7 @@ void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId,
     Call();
     return;
   }
+  const TPendingGate::TStay stay(Finished_);  // the handler may have the call destroy itself
   if (TraceAndQueueUserAPC(&CallEntry, AThreadHandle, reinterpret_cast<ULONG_PTR>(this)) == 0) {
     const DWORD error = ::GetLastError();
     if (!StateCompareExchange(clsFree, clsQueued)) StateCompareExchange(clsFree, clsCancelled);
@@ -129,6 +130,7 @@ TAsynchronousCallQueue::~TAsynchronousCallQueue() {
 
 void TAsynchronousCallQueue::Activate(HANDLE AThreadHandle, DWORD AThreadId) {
   if (!StateCompareExchange(acqsActivating, acqsInactive)) return;
+  CloseWhenIdle_.store(false);
   try {
     if (AThreadHandle != nullptr && AThreadId != 0) {
       Thread_.store(std::make_shared<const TThread>(TThread{AThreadHandle, AThreadId, THandle()}));
@@ -176,8 +178,7 @@ void TAsynchronousCallQueue::Queue(const TAsynchronousCallQueueHandler& Handler,
     QueueOwned(std::move(call));
   } catch (...) {
     if (atOnce) --Raised_;  // not outstanding for good
-    Pending_.fetch_sub(1);
-    Idle_.Finish();
+    Leave();
     throw;
   }
 }
@@ -197,8 +198,17 @@ void TAsynchronousCallQueue::Call(TAsynchronousCall& ACall, bool& ADestroy) {
   FinishCall();
 }
 
+// A call of a queue that is being deactivated: with the last one out it is inactive, be that this
+// one or a request that is refused just now.
 void TAsynchronousCallQueue::FinishCall() noexcept {
-  if (Pending_.fetch_sub(1) == 1 && GetState() == acqsDeactivating) CloseHandles();
+  if (GetState() == acqsDeactivating) CloseWhenIdle_.store(true);
+  Leave();
+}
+
+void TAsynchronousCallQueue::Leave() noexcept {
+  if (Pending_.fetch_sub(1) == 1 && GetState() == acqsDeactivating &&
+      CloseWhenIdle_.exchange(false))
+    CloseHandles();
   Idle_.Finish();  // the queue may be gone from here on
 }
 

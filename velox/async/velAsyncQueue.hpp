@@ -67,11 +67,12 @@ class VELOX_API TAsynchronousCall : public TObject {
   void QueueEx(HANDLE AThreadHandle, DWORD AThreadId, const TAsynchronousCallHandler& AHandler,
                bool AWait);
 
-  /// One run, on the calling thread. (What the APC does.)
+  /// One run, on the calling thread. (What the APC does: not while that is on its way.)
   void Call();
 
   /// A run that has not begun is dropped: false at once (the call is free when the dropped run
-  /// would have come). One that is under way is waited for: true. Otherwise false.
+  /// would have come). One that is under way is waited for: true. Otherwise false. Not from inside
+  /// the call's own handler, which would wait for itself.
   bool Cancel();
 
   /// Waits until no run is outstanding (WAIT_OBJECT_0) or the target thread has ended
@@ -125,7 +126,12 @@ class VELOX_API TAsynchronousCall : public TObject {
 ///
 /// A handler that raises leaves the queue counting its call as outstanding and "in call", for good:
 /// other threads' Wait() then ends with the bound thread only. The exception is logged and raised
-/// on the bound thread. Catch in the handler what it can expect.
+/// on the bound thread. (One that ran at once, inside Queue(), is counted as "in call" only.) Catch
+/// in the handler what it can expect.
+///
+/// Calls that the bound thread has not run when it ends stay outstanding, and their memory is lost.
+/// Destroy such a queue while it is bound, or at least don't wait for it after CloseHandles():
+/// the end of the thread that it was bound to ends no wait any more.
 ///
 /// Threads: any may queue and wait. Handlers run on the bound thread, one at a time, in the order
 /// they were queued; one that the bound thread itself queues runs before those. The queue must not
@@ -181,6 +187,7 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
  private:
   struct TThread;
   void FinishCall() noexcept;
+  void Leave() noexcept;
 
   std::atomic<TAsynchronousCallQueueState> State_{TAsynchronousCallQueueState::acqsInactive};
   std::atomic<std::shared_ptr<const TThread>>
@@ -189,6 +196,7 @@ class VELOX_API TAsynchronousCallQueue : public TObject {
   TPendingGate Idle_;                // open when no call is outstanding
   std::atomic<int32_t> InCall_{0};   // handlers that are under way, one inside another, or raised
   std::atomic<int32_t> Raised_{0};   // calls that are outstanding for good
+  std::atomic<bool> CloseWhenIdle_{false};  // a call has finished since the queue was deactivated
 };
 
 }  // namespace velox

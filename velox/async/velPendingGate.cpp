@@ -7,6 +7,7 @@
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velHandle.hpp"
+#include "velox/runtime/velSystemLibrary.hpp"
 
 namespace velox {
 namespace {
@@ -21,10 +22,20 @@ uint32_t Outstanding(uint64_t Word) noexcept {
 uint32_t Waiters(uint64_t Word) noexcept { return static_cast<uint32_t>(Word >> 24) & 0xFFFF; }
 uint64_t Round(uint64_t Word) noexcept { return Word / OneRound; }
 
+bool HasEnded(HANDLE Thread) noexcept {
+  return Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0;
+}
+
+TSystemFunction<BOOLEAN(NTAPI*)()> ShutdownInProgress("ntdll.dll", "RtlDllShutdownInProgress");
+
+// Whether libraries are being detached because the process ends: its other threads have been ended
+// by then, wherever they were.
+bool ProcessEnds() noexcept { return ShutdownInProgress && ShutdownInProgress() != FALSE; }
+
 }  // namespace
 
 TPendingGate::~TPendingGate() {
-  while (Inside_.load() != 0) ::Sleep(0);
+  while (Inside_.load() != 0 && !ProcessEnds()) ::Sleep(0);
   THandle(Semaphore_.load()).Reset();
 }
 
@@ -77,11 +88,7 @@ void TPendingGate::Leave(uint64_t Entry) noexcept {
 
 template <class TWait>
 DWORD TPendingGate::WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor) {
-  struct TInside {
-    explicit TInside(std::atomic<int32_t>& ACount) noexcept : Count(ACount) { ++Count; }
-    ~TInside() { --Count; }
-    std::atomic<int32_t>& Count;
-  } const inside(Inside_);
+  const TStay inside(*this);
   uint64_t entry;
   if (!Enter(entry)) return WAIT_OBJECT_0;
   struct TRegistration {
@@ -101,47 +108,50 @@ DWORD TPendingGate::WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor) {
       return result;
     }
     // Meant for a thread that waited for an earlier round and has not woken yet. That may be this
-    // one, further out, so callbacks must run here, too.
+    // one, further out, so callbacks must run here, too; and as long as it is there the wait tells
+    // nothing of the thread.
     ::ReleaseSemaphore(handles[0], 1, nullptr);
-    ::SleepEx(0, Alertable ? TRUE : FALSE);
+    if (HasEnded(Thread)) return WAIT_OBJECT_0 + 1;
+    ::SleepEx(1, Alertable ? TRUE : FALSE);
   }
 }
 
-DWORD TPendingGate::Wait(HANDLE Thread) {
+// Where the system has no semaphore left, it polls: a run that was requested has been requested,
+// and a destructor waits all the same.
+template <class TWait, class TPause>
+DWORD TPendingGate::WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor, TPause&& Pause) {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
-  if (!MakeSemaphore()) RaiseLastOSError();
-  return WaitWith(Thread, true, [](std::span<const HANDLE> Handles) {
-    return Handles.size() == 1 ? WaitForSingleObjectAlertable(
-                                     Handles[0], "[TAsynchronousCallQueue].[WaitCallSingle]")
-                               : WaitForMultipleObjectsAlertable(
-                                     Handles, "[TAsynchronousCallQueue].[WaitCallMultiple]");
-  });
-}
-
-// Where the system has no semaphore left, it polls: a destructor waits all the same.
-template <class TWait>
-DWORD TPendingGate::WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept {
-  if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
+  if (ProcessEnds()) return WAIT_OBJECT_0 + 1;
   if (MakeSemaphore()) return WaitWith(Thread, Alertable, WaitFor);
+  const TStay inside(*this);
   while (GetPending() != 0) {
-    if (Thread != nullptr && ::WaitForSingleObject(Thread, 0) == WAIT_OBJECT_0) {
-      return WAIT_OBJECT_0 + 1;
-    }
-    ::SleepEx(1, Alertable ? TRUE : FALSE);
+    if (HasEnded(Thread)) return WAIT_OBJECT_0 + 1;
+    Pause();
   }
   return WAIT_OBJECT_0;
 }
 
+DWORD TPendingGate::Wait(HANDLE Thread) {
+  const auto wait = [](std::span<const HANDLE> Handles) {
+    return Handles.size() == 1 ? WaitForSingleObjectAlertable(
+                                     Handles[0], "[TAsynchronousCallQueue].[WaitCallSingle]")
+                               : WaitForMultipleObjectsAlertable(
+                                     Handles, "[TAsynchronousCallQueue].[WaitCallMultiple]");
+  };
+  return WaitOrPoll(Thread, true, wait, [] { WaitAlertableOnce({}, 1); });
+}
+
 DWORD TPendingGate::WaitQuietly(HANDLE Thread) noexcept {
-  return WaitOrPoll(Thread, true,
-                    [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); });
+  const auto wait = [](std::span<const HANDLE> Handles) { return WaitAlertableQuietly(Handles); };
+  return WaitOrPoll(Thread, true, wait, [] { ::SleepEx(1, TRUE); });
 }
 
 DWORD TPendingGate::WaitUnalertably(HANDLE Thread) noexcept {
-  return WaitOrPoll(Thread, false, [](std::span<const HANDLE> Handles) {
+  const auto wait = [](std::span<const HANDLE> Handles) {
     return ::WaitForMultipleObjects(static_cast<DWORD>(Handles.size()), Handles.data(), FALSE,
                                     INFINITE);
-  });
+  };
+  return WaitOrPoll(Thread, false, wait, [] { ::Sleep(1); });
 }
 
 }  // namespace velox

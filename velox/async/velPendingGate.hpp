@@ -30,13 +30,26 @@ class VELOX_API TPendingGate {
   int32_t GetPending() const noexcept;
 
   /// Waits alertably until nothing is outstanding (WAIT_OBJECT_0) or, when Thread is not null, that
-  /// thread has ended (WAIT_OBJECT_0 + 1), for it was the one to call Finish. Raises what callbacks
-  /// let escape, and EOSError.
+  /// thread has ended (WAIT_OBJECT_0 + 1), for it was the one to call Finish. (When the process
+  /// ends all others have.) Raises what callbacks let escape.
   DWORD Wait(HANDLE Thread);
   /// The same for destructors: raises nothing.
   DWORD WaitQuietly(HANDLE Thread) noexcept;
   /// The same, and no callback runs meanwhile.
   DWORD WaitUnalertably(HANDLE Thread) noexcept;
+
+  /// While one lives, the gate's destructor waits: for a thread that is about to wait for an object
+  /// that may destroy itself.
+  class TStay {
+   public:
+    explicit TStay(TPendingGate& AGate) noexcept : Inside_(AGate.Inside_) { ++Inside_; }
+    ~TStay() { --Inside_; }
+    TStay(const TStay&) = delete;
+    TStay& operator=(const TStay&) = delete;
+
+   private:
+    std::atomic<int32_t>& Inside_;
+  };
 
  private:
   bool Enter(uint64_t& Entry) noexcept;
@@ -44,8 +57,8 @@ class VELOX_API TPendingGate {
   bool MakeSemaphore() noexcept;
   template <class TWait>
   DWORD WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor);
-  template <class TWait>
-  DWORD WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor) noexcept;
+  template <class TWait, class TPause>
+  DWORD WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor, TPause&& Pause);
 
   // What is outstanding, how many threads wait for its end, and how often it has come to an end.
   // The Finish that makes the first 0 takes the second, counts the third up, and releases the
@@ -53,7 +66,7 @@ class VELOX_API TPendingGate {
   // it on.
   std::atomic<uint64_t> Word_{0};
   std::atomic<HANDLE> Semaphore_{nullptr};  // made by the first wait
-  std::atomic<int32_t> Inside_{0};          // threads in a wait
+  std::atomic<int32_t> Inside_{0};          // threads in a wait, or about to
 };
 
 }  // namespace velox

@@ -37,6 +37,9 @@ class TReactorThread : public TObject {
   TReactorThread();
   ~TReactorThread() override;
 
+  /// Returns when the thread has ended.
+  void Stop() noexcept;
+
   /// Takes the reaction if there is a place, and requests that it be added. By the registering
   /// thread.
   bool Offer(TReaction& Reaction);
@@ -109,7 +112,9 @@ TReactorThread::TReactorThread() {
   if (Started_.WaitUnalertably(Thread_.Get()) != WAIT_OBJECT_0) throw EOutOfMemory();
 }
 
-TReactorThread::~TReactorThread() {
+TReactorThread::~TReactorThread() { Stop(); }
+
+void TReactorThread::Stop() noexcept {
   Terminated_.store(true);
   while (TraceAndQueueUserAPC(&WakeUp, Thread_.Get(), 0) == 0 && !HasEnded()) ::Sleep(10);
   const HANDLE thread = Thread_.Get();
@@ -205,7 +210,9 @@ void TReactorThread::WaitAndRun() {
     if (index < static_cast<DWORD>(Count_)) RunReaction(*Reactions_[index]);
   } else if (result >= WAIT_ABANDONED_0 && result < WAIT_ABANDONED_0 + MostReactions) {
     const DWORD index = result - WAIT_ABANDONED_0;
-    if (index < static_cast<DWORD>(Count_)) RemoveAt(static_cast<int32_t>(index));
+    if (index >= static_cast<DWORD>(Count_)) return;
+    ::ReleaseMutex(Handles_[index]);  // the wait has made it this thread's
+    RemoveAt(static_cast<int32_t>(index));
   } else if (result == WAIT_TIMEOUT) {
     Trace("Timeout exausted ??? in [TReactorThread.Run][Wait]", ttError);
   }
@@ -276,6 +283,9 @@ TReactor::~TReactor() {
     const std::scoped_lock guard(Lock_);
     Terminating_.store(true);
   }
+  // A reaction that still runs on one thread may destroy one of another.
+  for (int32_t i = Threads_.GetCount(); i-- > 0;)
+    static_cast<TReactorThread*>(Threads_.GetItems(i))->Stop();
   Threads_.Clear();
 }
 
@@ -314,7 +324,8 @@ void TReaction::SetActive(bool Value) {
     try {
       RequestRemoval();
     } catch (...) {
-      StatusCompareExchange(rsActivated, rsDeactivating);
+      // Being destroyed meanwhile? Then that waits for what is requested here.
+      if (!StatusCompareExchange(rsActivated, rsDeactivating)) return RequestRemovalQuietly();
       throw;
     }
   }

@@ -21,7 +21,8 @@ class TReactorThread;
 /// another thread when all are full. Threads live as long as the reactor. Programs use the one of
 /// GetInstance().
 ///
-/// Threads: any may register; one destroys, when no reaction is being activated any more.
+/// Threads: any may register; one that is not the reactor's destroys, when no other thread
+/// activates, deactivates or destroys a reaction any more.
 class VELOX_API TReactor : public TObject {
  public:
   /// The one of the process, made on first use by SingletonConstruction.
@@ -61,7 +62,7 @@ enum class TReactionState : uint32_t {
 /// and calls Run() whenever the wait is satisfied by it. The handle stays in the set afterwards:
 /// use an auto-reset handle, or reset it in Run(), or Run() is called again at once. Of several
 /// signalled handles the one registered first is served first. A mutex whose owner ended is taken
-/// out of the set, and its reaction does not run.
+/// out of the set and released, and its reaction does not run.
 ///
 /// Promised: once the destructor has returned, Run() is not running and will not run again;
 /// destroying a reaction inside its own Run() is allowed. After SetActive(false) from another
@@ -93,9 +94,10 @@ class VELOX_API TReaction : public TObject {
   bool GetActive() const noexcept;
   /// Requests the change; the reactor's thread carries it out when it next can. Nothing happens
   /// when it was requested already, nor when it is to become active before a removal on its way has
-  /// been carried out (GetStatus() is then rsDeactivating). Activating may wait, alertably, for an
-  /// earlier activation that was taken back and is still on its way: hold no lock that another
-  /// Run() takes. Raises what TReactor::RegisterReaction does.
+  /// been carried out (GetStatus() is then rsDeactivating). Both may wait, alertably, for the last
+  /// request to arrive: hold no lock that another Run() takes. Activating raises what
+  /// TReactor::RegisterReaction does; deactivating raises EOSError when the system takes no request
+  /// for the thread, and the reaction stays active.
   void SetActive(bool Value);
 
   /// Run(), if the reaction is in a set and not leaving it.

@@ -240,7 +240,7 @@ void TScheduledTask::SetActive(int32_t Value) {
   const std::scoped_lock guard(Link_->Lock);
   const int32_t old = Active_.exchange(Value);
   if (old == Value) return;
-  Link_->ActivationCall = nullptr;
+  const TAsynchronousCall* const former = std::exchange(Link_->ActivationCall, nullptr);
   if (scheduler == nullptr) {
     CancelTimer();
     return;
@@ -252,7 +252,7 @@ void TScheduledTask::SetActive(int32_t Value) {
     call->QueueTo(*scheduler);  // frees itself
   } catch (...) {
     delete call;  // not queued, or left by an exception on this thread
-    Link_->ActivationCall = nullptr;
+    Link_->ActivationCall = former;
     Active_.exchange(old);
     throw;
   }

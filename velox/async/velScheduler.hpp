@@ -32,12 +32,12 @@ extern VELOX_API int64_t MSTo100NS;
 ///     tick.SetPeriod(250);     // then four a second
 ///     tick.SetActive(1);
 ///
-/// Promised: once the destructor has returned, Execute() is not running and will not run again; a
-/// task may be destroyed inside its own Execute(). After SetActive(0) from another thread a run may
-/// still be under way (of a TEventTask: none): don't configure the task anew before its work has
-/// told you that it is over. Asked
-/// of you: a class of your own calls FreeInstance() first thing in its destructor; and destroy no
-/// task while you hold a lock that its Execute() takes.
+/// Promised: once the destructor has returned, Execute() is not running and will not run again (but
+/// see TMessageTask); a task may be destroyed inside its own Execute(). After SetActive(0) from
+/// another thread a run may still be under way (of a TEventTask: none): don't configure the task
+/// anew before its work has told you that it is over. Asked of you: a class of your own calls
+/// FreeInstance() first thing in its destructor; and destroy no task while you hold a lock that its
+/// Execute() takes.
 ///
 /// Threads: any may call; setters and destruction by one thread at a time.
 class VELOX_API TScheduledTask : public TObject {
@@ -69,7 +69,8 @@ class VELOX_API TScheduledTask : public TObject {
 
   /// The time of the first run, read as universal time; one that has passed is at once. Replaces a
   /// duration. Setting the time that was set last does nothing, on an active task too. What is no
-  /// date and time is told in the trace log when the task is activated, and the task does not run.
+  /// date and time of the system, which begins with 1601, is told in the trace log when the task is
+  /// activated, and the task does not run.
   void SetAbsoluteTime(TDateTime Value);
   TDateTime GetAbsoluteTime() const noexcept { return AbsoluteTime_; }
 
@@ -78,10 +79,10 @@ class VELOX_API TScheduledTask : public TObject {
   /// What an activation runs on the scheduler's thread.
   void StartAsync(TAsynchronousCall& ACall, bool& ADestroy);
 
- protected:
-  /// Raises Exception when the task is active.
+  /// Raises Exception "Cannot perform operation on active task" when the task is active.
   void CheckActive() const;
 
+ protected:
   /// Deactivates the task for good: no callback reaches it any more, and one that runs on the
   /// scheduler's thread is waited for (unless this is that callback). What late callbacks may still
   /// touch is freed by the last of them.
@@ -108,7 +109,8 @@ class VELOX_API TScheduledTask : public TObject {
   std::shared_ptr<TScheduledTaskLink> Link_;  // shared with callbacks on their way
 };
 
-/// Signals an event.
+/// Signals an event, under the task's lock: see ExecutesUnderLock(), which a class with an
+/// Execute() of its own overrides too.
 class VELOX_API TEventTask : public TScheduledTask {
  public:
   /// Inactive, without an event.
@@ -131,6 +133,8 @@ class VELOX_API TEventTask : public TScheduledTask {
 };
 
 /// Sends a window message and waits for its being handled; the scheduler's thread waits meanwhile.
+/// Destroying the task does not wait for that: a message that is on its way arrives all the same,
+/// so what its parameters point to must live on.
 class VELOX_API TMessageTask : public TScheduledTask {
  public:
   /// Inactive, without a window.

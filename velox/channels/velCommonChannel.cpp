@@ -46,14 +46,12 @@ void TTransferOperation::Close() noexcept {
     }
     WatchThread_ = 0;
   }
-  do {
-    try {
-      SetActive(false);
-    } catch (...) {
-      TraceException("[TTransferOperation.Destroy] completion error");
-    }
-    TOperationQueue::Detach(*this);
-  } while (!Departed_ && Active_);  // activated by an event that was running when this began
+  try {
+    SetActive(false);
+  } catch (...) {
+    TraceException("[TTransferOperation.Destroy] completion error");
+  }
+  TOperationQueue::Detach(*this);
 }
 
 void TTransferOperation::CheckActive() const {
@@ -61,10 +59,9 @@ void TTransferOperation::CheckActive() const {
 }
 
 void TTransferOperation::SetActive(bool Value) {
-  const bool departed = Departed_;  // looked at first: it is cleared last
   if (Value == Active_) return;
   if (!Value) {
-    if (!departed) Channel_->DeleteOperation(*this);
+    if (!Departed_) Channel_->DeleteOperation(*this);
     return;
   }
   if (Size_ < 1 || Buffer_ == nullptr) {
@@ -74,7 +71,6 @@ void TTransferOperation::SetActive(bool Value) {
     throw Exception(messages::seSpecifyChannel);
   }
   if (!Channel_->GetActive()) throw Exception(messages::seChannelIsNotActive);
-  Transferred_ = 0;
   Channel_->AddOperation(*this);
 }
 
@@ -173,12 +169,22 @@ TChannel::~TChannel() = default;
 void TChannel::SetActive(bool Value) {
   if (Value == Active_) return;
   if (Value) {
+    if (Finalizing_) throw Exception("Channel is being deactivated");
     InitializeQueues();
     Active_ = true;
     if (OnActivate) OnActivate(this);
     return;
   }
   if (OnDeactivate) OnDeactivate(this);
+  Deactivate();
+}
+
+void TChannel::Deactivate() {
+  struct TFinalizing {
+    explicit TFinalizing(std::atomic<bool>& AFlag) noexcept : Flag(AFlag) { Flag = true; }
+    ~TFinalizing() { Flag = false; }
+    std::atomic<bool>& Flag;
+  } const finalizing(Finalizing_);
   Active_ = false;
   FinalizeQueues();
 }
@@ -189,10 +195,10 @@ void TChannel::Close() noexcept {
   } catch (...) {
     TraceException("[TChannel.Destroy] deactivation error");
   }
-  if (!Active_.exchange(false)) return;
+  if (!Active_) return;
   // OnDeactivate raised.
   try {
-    FinalizeQueues();
+    Deactivate();
   } catch (...) {
     TraceException("[TChannel.Destroy] deactivation error");
   }

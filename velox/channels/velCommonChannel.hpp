@@ -77,7 +77,8 @@ using TProcessOperationsProcedure =
 /// reactor thread; for a cancelled operation the canceller's own. OnStart and OnTransferred run
 /// with the queue locked: they must be short, and must not wait for a thread that uses the same
 /// queue. OnComplete runs with no lock held (unless the operation is cancelled from inside an
-/// OnStart or OnTransferred).
+/// OnStart or OnTransferred). No event may wait for other operations: their queues may be this
+/// thread's to drive.
 ///
 /// In each of its events an operation may be cancelled or destroyed, in OnComplete also activated
 /// again, alone or with others. An exception from OnStart or OnTransferred ends the queue's present
@@ -105,8 +106,8 @@ class VELOX_API TTransferOperation : public TObject {
   /// operation." (the size is below 1, or there is no buffer); "Specify channel for operation.
   /// Cannot perform operation."; "Channel is not active. Cannot perform operation."; "Incorrect
   /// parameters" (the operation is not of the channel's GetOperationClass()). False cancels:
-  /// on return OnComplete has run, on the calling thread. An operation whose end another thread is
-  /// just reporting is left to that thread. Does nothing when the value is the present one.
+  /// on return OnComplete has run, on the calling thread. An operation whose end is just being
+  /// reported, on whatever thread, is left to that. Does nothing when the value is the present one.
   void SetActive(bool Value);
 
   /// Carries read or write. Default okRead.
@@ -231,7 +232,9 @@ struct TQueueReference {
 ///
 /// Threads: one thread at a time configures, activates and deactivates; operations may be activated
 /// and cancelled on any thread meanwhile. Deactivating or destroying the channel in an operation's
-/// OnComplete is allowed; no other thread may be using it then.
+/// OnComplete is allowed; no other thread may be using it then. Destroying it is not, in an event
+/// that its own deactivation raises: GetActive() is false in such an OnComplete, and OnDeactivate
+/// is one. The destructor returns when no event of an operation runs on another thread any more.
 class VELOX_API TChannel : public TObject {
  public:
   /// The channel is inactive by now: see Close().
@@ -246,8 +249,10 @@ class VELOX_API TChannel : public TObject {
  public:
   /// Switching on: opens the medium, then raises OnActivate. When opening fails the exception
   /// passes and the channel stays inactive. Switching off: raises OnDeactivate, then completes all
-  /// queued operations (their OnComplete runs on the calling thread) and closes the medium. Does
-  /// nothing when the value is the present one.
+  /// queued operations (their OnComplete runs on the calling thread, but for those whose transfer
+  /// ends just then) and closes the medium. While that is under way, in an OnComplete that it
+  /// raises, switching on raises Exception "Channel is being deactivated". Does nothing when the
+  /// value is the present one.
   virtual void SetActive(bool Value);
   bool GetActive() const noexcept { return Active_; }
 
@@ -302,11 +307,13 @@ class VELOX_API TChannel : public TObject {
 
  private:
   friend class TTransferOperation;
+  void Deactivate();
   void AddOperation(TTransferOperation& Operation);
   void DeleteOperation(TTransferOperation& Operation);
   TQueueReference ReferTo(TOperationKind Kind) const;
 
   std::atomic<bool> Active_ = false;
+  std::atomic<bool> Finalizing_ = false;       // FinalizeQueues is under way
   mutable SRWLOCK QueuesLock_ = SRWLOCK_INIT;  // guards the next
   std::array<TOperationQueue*, 2> OperationQueues_{};
   std::atomic<int32_t> Latence_ = 0;
@@ -343,13 +350,17 @@ class VELOX_API TOperationQueue : public TObject {
   void Unlock() noexcept;
 
   /// Appends an operation and has it carried in its turn. (TTransferOperation::SetActive checks and
-  /// calls it.)
+  /// calls it.) Does nothing when the operation is being destroyed; raises Exception "Channel is
+  /// not active. Cannot perform operation.".
   void AddOperation(TTransferOperation& Operation);
   /// Takes an operation out, stopping its transfer when it is the head, and completes it on the
   /// calling thread. Ignores one that is not in the queue.
   void CancelOperation(TTransferOperation& Operation);
   /// Completes every operation, head first, on the calling thread.
   void Finalize();
+  /// Waits, alertably, until no event of its operations runs on another thread that drives the
+  /// queue. For one that takes no more operations.
+  void WaitForTurns() noexcept;
 
   /// Has the reactor look for work soon. Costs a system call only when no such look is due already.
   void ScheduleOperationQueueChanged();
@@ -377,7 +388,7 @@ class VELOX_API TOperationQueue : public TObject {
   /// that wraps). 0 starts none, so a wait for a medium with nothing available has no limit.
   virtual void StartTimeoutTask(TTransferOperation& Operation);
 
-  /// The size of the chunk in transfer, and whether it is pending.
+  /// The size of the chunk in transfer (0 inside TransferData), and whether it is pending.
   int32_t GetTransferSize() const noexcept { return TransferSize_; }
   bool GetTransferPending() const noexcept { return TransferPending_; }
 
@@ -387,10 +398,10 @@ class VELOX_API TOperationQueue : public TObject {
   /// Stops the clock; drops a timeout that has fired and was not handled yet. Under the lock.
   void FinishTimeoutTask();
 
-  /// Completes what is queued, refuses new operations and ends the reactions, so that no thread
-  /// calls into the queue any more. Exceptions of handlers go to the trace log. The destructor of a
-  /// concrete class calls it first, while the class's own part still exists; later calls do
-  /// nothing.
+  /// Completes what is queued, refuses new operations and ends the reactions; returns when no other
+  /// thread is at work with the queue any more. Exceptions of handlers go to the trace log. The
+  /// destructor of a concrete class calls it first, while the class's own part still exists; later
+  /// calls do nothing.
   void Close() noexcept;
 
   /// The one place where operations leave the queue. Runs the procedures in order under the lock,
@@ -455,10 +466,11 @@ class VELOX_API TOperationQueue : public TObject {
                               TObject* AParameter);
 
   void TransferCompleted(int32_t& Index);
+  int32_t GetHead() const noexcept;
   TTransferOperation* StartNextOperation();
   void TransferChunk(TTransferOperation& Operation);
   void TakeCompleted(TBatch& Batch);
-  void StartTimer();
+  void StartTimer(uint64_t Now);
 
   /// Makes sure that no completion of the operation is due or running elsewhere (see
   /// TTransferOperation::Close).

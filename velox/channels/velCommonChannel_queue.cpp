@@ -105,6 +105,7 @@ struct TQueueShared {
   /// system.
   std::atomic<uint64_t> Signals{0};
   std::atomic<bool> Closed{false};  // set under Lock, for good
+  TPendingGate Turns;               // the turns under way, on whatever thread
   bool Gone = false;                // guarded by Lock: the queue is being destroyed
 };
 
@@ -125,11 +126,24 @@ void Signal(const TQueueReference& Target) noexcept {
 
 // One reaction run. Signals that come during the run are taken by the run itself.
 struct TOperationQueue::TTurn {
-  explicit TTurn(TShared& AShared) noexcept
-      : Shared(AShared), Seen(AShared.Signals.fetch_add(1) + 1) {}
+  explicit TTurn(TShared& AShared) noexcept : Shared(AShared), Outer(std::exchange(Current, this)) {
+    Shared.Turns.Begin();
+    Seen = Shared.Signals.fetch_add(1) + 1;
+  }
   ~TTurn() {
     // Left by an exception: what was signalled since is work for the next run.
     if (!Ended && !Shared.Signals.compare_exchange_strong(Seen, TShared::Cleared(Seen))) HandOver();
+    Current = Outer;
+    if (!Left) Shared.Turns.Finish();
+  }
+
+  /// Waits until the turns of other threads are over. Those further up the calling thread do
+  /// nothing more with the channel and its operations, and nobody needs to wait for them.
+  static void WaitForOthers(TShared& AShared) noexcept {
+    for (TTurn* turn = Current; turn != nullptr; turn = turn->Outer) {
+      if (&turn->Shared == &AShared && !std::exchange(turn->Left, true)) AShared.Turns.Finish();
+    }
+    AShared.Turns.WaitQuietly(nullptr);
   }
 
   /// True when nothing was signalled since the last look; the run is over then.
@@ -151,9 +165,15 @@ struct TOperationQueue::TTurn {
   }
 
   TShared& Shared;
-  uint64_t Seen;
+  TTurn* const Outer;  // the one inside which this one runs
+  uint64_t Seen = 0;
   bool Ended = false;
+  bool Left = false;  // not counted any more
+
+  static thread_local TTurn* Current;  // of the calling thread
 };
+
+thread_local TOperationQueue::TTurn* TOperationQueue::TTurn::Current = nullptr;
 
 // The procedures at work under the lock. An event raised by one of them may cancel operations or
 // destroy the queue, that is, start another step inside this one, which then has to correct what
@@ -331,7 +351,10 @@ void TOperationQueue::Close() noexcept {
   TimeoutReaction_.reset();
   QueueChangedReaction_.reset();
   TimeoutTask_.reset();
+  WaitForTurns();
 }
+
+void TOperationQueue::WaitForTurns() noexcept { TTurn::WaitForOthers(*Shared_); }
 
 void TOperationQueue::Lock() noexcept { Shared_->Lock.lock(); }
 
@@ -359,14 +382,19 @@ void TOperationQueue::AddOperation(const TReference& Target, TTransferOperation&
     // The channel becomes inactive before its queues are emptied, so nothing slips in behind that.
     if (Target.Shared->Closed || !Target.Queue->Channel_.GetActive())
       throw Exception(messages::seChannelIsNotActive);
-    if (Operation.Closing_) return;
     std::vector<TTransferOperation*>& operations = Target.Queue->Operations_;
     const size_t count = operations.size();
     if (count == operations.capacity()) operations.reserve(count * 11 / 10 + 10);
+    Operation.Departed_ = false;
+    Operation.Active_ = true;
+    if (Operation.Closing_) {  // its destructor sees that it is active, or is seen here
+      Operation.Active_ = false;
+      return;
+    }
     operations.push_back(&Operation);
     ++Operation.Activations_;
+    Operation.Transferred_ = 0;
     Operation.State_ = TOperationState::osPending;
-    Operation.Active_ = true;
   }
   Signal(Target);
 }
@@ -486,7 +514,6 @@ void TOperationQueue::TakeCompleted(TBatch& Batch) {
 void TOperationQueue::OperationCompleted(TTransferOperation& Operation) {
   Operation.State_ = TOperationState::osComplete;
   Operation.Active_ = false;
-  Operation.Departed_ = false;
   Operation.DoComplete();
 }
 
@@ -509,6 +536,7 @@ void TOperationQueue::TransferOperationData(int32_t&, int32_t& ACompletedCount, 
     if (outer->Transferring) return;
   }
   step.Transferring = true;
+  ACompletedCount = GetHead();
   TransferSize_ = TransferPending_ ? GetActualCompletedSize() : 0;
   TransferPending_ = false;
   for (;;) {
@@ -524,6 +552,17 @@ void TOperationQueue::TransferOperationData(int32_t&, int32_t& ACompletedCount, 
 void TOperationQueue::TransferOperationDataWhenIdle(int32_t& ACompletedIndex,
                                                     int32_t& ACompletedCount, TObject* AParameter) {
   if (!TransferPending_) TransferOperationData(ACompletedIndex, ACompletedCount, AParameter);
+}
+
+// Position of the operation that is carried or is next. Those before it are full: an exception has
+// ended the run that made them so, before they left the queue.
+int32_t TOperationQueue::GetHead() const noexcept {
+  const auto head =
+      std::find_if(Operations_.begin(), Operations_.end(), [](const TTransferOperation* Operation) {
+        return Operation->State_ != TOperationState::osTransferring ||
+               Operation->Transferred_ < Operation->Size_;
+      });
+  return static_cast<int32_t>(head - Operations_.begin());
 }
 
 // Books TransferSize_ bytes on the operation at Index, and steps over the operation when it is
@@ -550,11 +589,7 @@ TTransferOperation* TOperationQueue::StartNextOperation() {
   while (step.Count < static_cast<int32_t>(Operations_.size())) {
     if (!Channel_.GetActive()) return nullptr;  // those left are about to be ended
     TTransferOperation* const operation = Operations_[static_cast<size_t>(step.Count)];
-    if (operation->State_ != TOperationState::osPending) {
-      if (operation->Transferred_ < operation->Size_) return operation;
-      ++step.Count;  // an exception has ended the run that made it full
-      continue;
-    }
+    if (operation->State_ != TOperationState::osPending) return operation;
     step.CurrentRemoved = false;
     operation->DoStart();
     if (step.QueueDestroyed) return nullptr;
@@ -597,18 +632,20 @@ int32_t TOperationQueue::GetChunkTimeout(const TTransferOperation& Operation, in
 void TOperationQueue::ArmTimeoutTask(int32_t Timeout) {
   TimeoutArmed_ = Timeout != 0;
   if (!TimeoutArmed_) return;
-  TimeoutDue_ = PreciseMilliseconds() + static_cast<uint64_t>(std::max(Timeout, 0));
-  StartTimer();
+  const uint64_t now = PreciseMilliseconds();
+  TimeoutDue_ = now + static_cast<uint64_t>(std::max(Timeout, 0));
+  StartTimer(now);
 }
 
 // The timer is left alone when it fires before it is needed: it is started anew then. So a queue
-// whose chunks are done in time sets it once in a while, not for each of them.
-void TOperationQueue::StartTimer() {
-  if (TimerDue_ != 0 && TimerDue_ <= TimeoutDue_) return;
+// whose chunks are done in time sets it once in a while, not for each of them. (One that is overdue
+// may have failed: the scheduler can tell that to the trace log only.)
+void TOperationQueue::StartTimer(uint64_t Now) {
+  if (TimerDue_ > Now && TimerDue_ <= TimeoutDue_) return;
   TimerDue_ = 0;
   TimeoutTask_->SetActive(0);
   ::ResetEvent(TimeoutEvent_.Get());
-  const auto left = static_cast<int64_t>(TimeoutDue_ - PreciseMilliseconds());
+  const auto left = static_cast<int64_t>(TimeoutDue_ - Now);
   TimeoutTask_->SetDuration(std::max<int64_t>(0, left));
   TimeoutTask_->SetActive(1);
   TimerDue_ = TimeoutDue_;
@@ -621,8 +658,10 @@ void TOperationQueue::TerminateTimedOutOperation(int32_t& ACompletedIndex, int32
                                                  TObject*) {
   TimerDue_ = 0;
   if (!TimeoutArmed_) return;
-  if (PreciseMilliseconds() < TimeoutDue_) return StartTimer();
-  TerminateOperationByIndex(ACompletedIndex, ACompletedCount, nullptr);
+  const uint64_t now = PreciseMilliseconds();
+  if (now < TimeoutDue_) return StartTimer(now);
+  TerminateOperationByIndex(ACompletedIndex, ACompletedCount,
+                            reinterpret_cast<TObject*>(static_cast<intptr_t>(GetHead())));
 }
 
 void TOperationQueue::TerminateOperation(int32_t& ACompletedIndex, int32_t& ACompletedCount,
@@ -637,7 +676,7 @@ void TOperationQueue::TerminateOperationByIndex(int32_t& ACompletedIndex, int32_
   ACompletedIndex = static_cast<int32_t>(reinterpret_cast<intptr_t>(AParameter));
   ACompletedCount = 0;
   if (ACompletedIndex < 0 || ACompletedIndex >= static_cast<int32_t>(Operations_.size())) return;
-  if (ACompletedIndex == 0) {
+  if (ACompletedIndex == GetHead()) {
     FinishTimeoutTask();
     CancelTransfer();
   }

@@ -49,6 +49,8 @@ void TSharedMemOperationQueue::CreateMemory(const std::string& Name, int32_t Siz
   ReadyReaction_->SetActive(true);
 }
 
+void TSharedMemOperationQueue::IgnoreRemote() noexcept { ReadyReaction_.reset(); }
+
 void TSharedMemOperationQueue::ReleaseMemory() noexcept {
   ReadyReaction_.reset();  // without the lock, which the reaction may be waiting for
   Lock();
@@ -116,8 +118,11 @@ TSharedMemChannel::TSharedMemChannel() {
 TSharedMemChannel::~TSharedMemChannel() {
   Close();
   // After an activation that failed half-way, one of the two still has its block.
-  for (const TOperationKind kind : {TOperationKind::okRead, TOperationKind::okWrite})
-    QueueOf(*this, kind).ReleaseMemory();
+  for (const TOperationKind kind : {TOperationKind::okRead, TOperationKind::okWrite}) {
+    TSharedMemOperationQueue& queue = QueueOf(*this, kind);
+    queue.ReleaseMemory();
+    queue.WaitForTurns();
+  }
 }
 
 void TSharedMemChannel::SetMemoryName(const std::string& Value) {
@@ -143,8 +148,13 @@ void TSharedMemChannel::InitializeQueues() {
   const std::string toClient = MemoryName_ + "Write";
   QueueOf(*this, TOperationKind::okRead)
       .CreateMemory(server ? toServer : toClient, MemorySize_, Mode_);
-  QueueOf(*this, TOperationKind::okWrite)
-      .CreateMemory(server ? toClient : toServer, MemorySize_, Mode_);
+  try {
+    QueueOf(*this, TOperationKind::okWrite)
+        .CreateMemory(server ? toClient : toServer, MemorySize_, Mode_);
+  } catch (...) {
+    QueueOf(*this, TOperationKind::okRead).IgnoreRemote();
+    throw;
+  }
 }
 
 void TSharedMemChannel::FinalizeQueues() {

@@ -20,9 +20,13 @@ enum class TChannelMode : uint8_t {
 /// lock between the processes is held.
 class VELOX_API TSharedMemOperationQueue : public TOperationQueue {
  public:
-  /// Opens the direction's kernel objects. Raises EOSError; what was made by then is kept until the
-  /// next call, or ReleaseMemory.
+  /// Opens the direction's kernel objects. Raises EOSError; the events, when made by then, are kept
+  /// until the next call, or ReleaseMemory. Raises Exception "Incorrect parameters" for a size
+  /// above 2,147,483,635.
   void CreateMemory(const std::string& Name, int32_t Size, TChannelMode Mode);
+  /// Does nothing any more when the other end wakes this one: of an activation that went no
+  /// further.
+  void IgnoreRemote() noexcept;
   /// Closes them. Waits for the reaction on the event to end, unless called from inside it.
   void ReleaseMemory() noexcept;
 
@@ -89,7 +93,8 @@ class VELOX_API TSharedMemOperationQueueForWriting : public TSharedMemOperationQ
 ///     channel.SetMode(TChannelMode::cmClient);
 ///     channel.SetActive(true);
 ///
-/// It favours a live producer over a slow consumer: a writer never waits. A reader that falls
+/// It favours a live producer over a slow consumer: a writer never waits (but for ever when the
+/// server's memory is of one byte, which holds none). A reader that falls
 /// behind by the buffer's capacity or more loses the oldest bytes it has not read. Who must not
 /// lose any has the reader acknowledge through the other direction, and keeps less than the
 /// capacity outstanding.
@@ -106,8 +111,9 @@ class VELOX_API TSharedMemOperationQueueForWriting : public TSharedMemOperationQ
 /// waits on "MWriteRemoteReadyEvent", the server on "MWriteReadyEvent".
 ///
 /// The setters raise Exception "Cannot change active channel" when active. Activation raises
-/// Exception "Specify name of shared memory." or "Specify size of shared memory.", and EOSError
-/// when the system refuses: of the client, when there is no server.
+/// Exception "Specify name of shared memory." or "Specify size of shared memory.", "Incorrect
+/// parameters" for a server's size above 2,147,483,635, and EOSError when the system refuses: of
+/// the client, when there is no server.
 ///
 /// Cost: the two queues, with their four reactions, exist from construction on and are kept when
 /// the channel is destroyed, until the process ends. So use a channel again (with another name, if

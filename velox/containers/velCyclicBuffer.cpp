@@ -1,6 +1,7 @@
 #include "velox/containers/velCyclicBuffer.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "velox/runtime/velException.hpp"
@@ -111,16 +112,23 @@ void TCyclicBuffer::WriteData(const void* Buffer, int32_t& Count) {
     uint8_t* const firstPart = first > 0 ? Part(at, at.Tail, first) : nullptr;
     uint8_t* const startPart = beyond > 0 ? Part(at, 0, beyond) : nullptr;
     const auto* source = static_cast<const uint8_t*>(Buffer);
-    if (beyond > 0) std::memcpy(startPart, source + first, static_cast<size_t>(beyond));
-    if (first > 0) std::memcpy(firstPart, source, static_cast<size_t>(first));
-
     ptrdiff_t tail = at.Tail + bytes;
     if (tail > at.End) tail -= at.End;
-    SetTail(Buffer_ + tail);
     ptrdiff_t head = at.Head;
-    if (at.Size - old <= count) head = tail + ItemSize_;  // the write has reached the oldest item
+    if (at.Size - old <= count) head = tail + ItemSize_;  // the write reaches the oldest item
     if (head == at.End) head = 0;
-    if (head != at.Head) SetHead(Advance(Buffer_, head));
+
+    // The oldest items are given up before they are overwritten, and the new ones counted when they
+    // are there: a process may be ended anywhere in between, and another one goes on with the ring.
+    // (With the tail at the end, a head at the start would mean a full ring.)
+    const ptrdiff_t early = head == 0 && at.Tail == at.End ? at.End : head;
+    if (early != at.Head) SetHead(Advance(Buffer_, early));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (beyond > 0) std::memcpy(startPart, source + first, static_cast<size_t>(beyond));
+    if (first > 0) std::memcpy(firstPart, source, static_cast<size_t>(first));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    SetTail(Buffer_ + tail);
+    if (head != early) SetHead(Advance(Buffer_, head));
   }
   Count = static_cast<int32_t>(count);
 }

@@ -24,7 +24,10 @@ namespace velox {
 ///
 /// Before there is storage, reading and writing raise Exception "Buffer have not been allocated".
 /// Positions outside the storage, which only a damaged shared block can hold, raise Exception;
-/// nothing outside is ever touched.
+/// nothing outside is ever touched. (A TSharedCyclicBuffer by itself has to believe the capacity
+/// that stands in a block which it takes as it is; TSharedMemBuffer knows better.) Sizes of less
+/// than nothing, and blocks too small for what they begin with, raise Exception "Incorrect
+/// parameters".
 ///
 /// Threads: TSharedMemBuffer locks by itself; callers of the others serialise.
 class VELOX_API TCyclicBuffer : public TObject {
@@ -207,7 +210,8 @@ class VELOX_API TSharedCyclicBuffer : public TCyclicBuffer {
 ///     ring.CreateMemory(65536);  // there, the number does not matter
 ///
 /// The mutex is named as the mapping with "Mutex" appended. It is held during each operation;
-/// waiting for it has no limit. A mutex whose holder has died counts as free.
+/// waiting for it has no limit. A mutex whose holding process has ended counts as free, and what
+/// the ring then holds is what that process left whole. No thread may end while it holds the lock.
 ///
 /// Threads: any, between CreateMemory and ReleaseMemory.
 class VELOX_API TSharedMemBuffer : public TSharedCyclicBuffer {
