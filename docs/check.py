@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
-"""Looks at what Doxygen has made.
+"""Looks at the documentation: at what Doxygen has made, and at the samples of code in the headers.
 
-    check.py names XML    counts the public names, and lists those without a description
-    check.py links HTML   follows each link and each picture of the pages; lists those that lead nowhere
+    check.py names XML      counts the public names, and lists those without a description
+    check.py links HTML     follows each link and each picture of the pages; lists those that lead nowhere
+    check.py samples ROOT   looks for the public headers' samples in what is compiled; lists those that are not there
 """
 import html.parser
 import pathlib
+import re
 import sys
 import urllib.parse
 import xml.etree.ElementTree
@@ -71,6 +73,45 @@ def check_links(folder):
     return not broken
 
 
+# A block of a comment that stands further in than the text around it, with the blank lines inside it.
+BLOCK = re.compile(r"^[ \t]*///     .*(\n[ \t]*///(     .*|[ \t]*$))*", re.MULTILINE)
+# What makes it code: a line that ends like one of C++. Tables and forms of text have none.
+CODE = re.compile(r"[;{}][ \t]*(//.*)?$", re.MULTILINE)
+
+
+def words(text):
+    """The words and signs with one blank around each: where lines begin and end is the formatter's affair."""
+    return " " + " ".join(re.findall(r"\w+|[^\w\s]", text)) + " "
+
+
+def public_headers(root):
+    installed = (root / "cmake/VeloxInstall.cmake").read_text(encoding="utf-8")
+    private = re.search(r"set\(VELOX_PRIVATE_HEADERS([^)]*)", installed)[1].split()
+    return sorted(set(root.glob("velox/**/*.hpp")) - {root / "velox" / name for name in private})
+
+
+def check_samples(root):
+    """A sample counts as compiled when it stands in a source, to the letter and with nothing in between."""
+    compiled = [words(source.read_text(encoding="utf-8"))
+                for folder in ("docs/samples", "examples", "tests") for source in root.glob(f"{folder}/**/*.cpp")]
+    count, lost, others = 0, [], 0
+    for header in public_headers(root):
+        text = header.read_text(encoding="utf-8")
+        for block in BLOCK.finditer(text):
+            if not CODE.search(block[0]):
+                others += 1
+                continue
+            count += 1
+            sample = words(re.sub(r"^[ \t]*///", "", block[0], flags=re.MULTILINE))
+            if not any(sample in source for source in compiled):
+                line = text.count("\n", 0, block.start()) + 1
+                lost.append(f"{header.relative_to(root)}:{line}")
+    for place in lost:
+        print(f"{place}: this sample is compiled nowhere")
+    print(f"{count} samples in headers, {count - len(lost)} compiled; {others} indented blocks are no code")
+    return not lost
+
+
 if __name__ == "__main__":
     what, where = sys.argv[1], pathlib.Path(sys.argv[2])
-    sys.exit(0 if {"names": check_names, "links": check_links}[what](where) else 1)
+    sys.exit(0 if {"names": check_names, "links": check_links, "samples": check_samples}[what](where) else 1)

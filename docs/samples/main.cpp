@@ -15,6 +15,9 @@ int main() {
     samples::RunErrors();
     samples::RunSecurity();
     samples::RunInstaller();
+    samples::RunThreadsOfHeaders();
+    samples::RunDataOfHeaders();
+    samples::RunSystemOfHeaders();
     std::puts("all samples went well");
     return 0;
   } catch (const std::exception& e) {

@@ -3,8 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// The pages of the documentation show pieces of these sources. The program made of them runs each
-/// sample, and ends with exit code 1 when one does not do what its page says.
+/// The pages of the documentation show pieces of these sources, and so do the headers
+/// (header_*.cpp). The program made of them runs each sample, and ends with exit code 1 when one
+/// does not do what its page says.
 namespace samples {
 
 void RunThreads();
@@ -18,6 +19,9 @@ void RunCodecs();
 void RunErrors();
 void RunSecurity();
 void RunInstaller();
+void RunThreadsOfHeaders();
+void RunDataOfHeaders();
+void RunSystemOfHeaders();
 
 /// Ends the program when a sample went wrong.
 inline void Expect(bool Condition, const char* What) {

@@ -28,21 +28,22 @@
 ///
 ///     class TEchoServer : public TTCPServer {
 ///      public:
-///       using TTCPServer::TTCPServer;
-///       ~TEchoServer() override { Stop(); }
+///       explicit TEchoServer(uint16_t Port) : TTCPServer(Port) {}
+///       ~TEchoServer() override { Stop(); }  // the overrides below run until then
 ///
 ///      protected:
 ///       void ConnectionAccepted(TTCPServerConnection& Connection) override {
 ///         Connection.Receive();
 ///       }
+///
+///       // What is received stands in the buffer behind the answer that was sent last.
 ///       void ConnectionReceived(TTCPServerConnection& Connection) override {
-///         const int32_t answered = Connection.GetDataPosition();  // the last answer's bytes
+///         const int32_t answered = Connection.GetDataPosition();
 ///         Connection.Send(Connection.GetData().data() + answered,
 ///                         Connection.GetDataSize() - answered);
 ///       }
-///       void ConnectionSend(TTCPServerConnection& Connection) override {
-///         Connection.Receive();
-///       }
+///
+///       void ConnectionSend(TTCPServerConnection& Connection) override { Connection.Receive(); }
 ///     };
 namespace velox {
 

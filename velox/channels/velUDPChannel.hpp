@@ -37,7 +37,7 @@
 ///     operation.SetPort(5001);
 ///     operation.SetSelfAllocated(true);
 ///     operation.SetSize(100);
-///     ...
+///     std::memcpy(operation.GetBuffer(), bytes, 100);
 ///     operation.SetActive(true);
 namespace velox {
 

@@ -13,9 +13,9 @@
 /// function that any thread may call. A signed value is treated as its bit pattern; the result has
 /// the argument's type, so mind that a plain literal is an `int` of 32 bits.
 ///
-///     BSwap(uint16_t{0x1122})    // 0x2211
-///     Reverse(uint16_t{0x8408})  // 0x1021
-///     Rol(uint8_t{0x81}, 1)      // 0x03
+///     static_assert(BSwap(uint16_t{0x1122}) == 0x2211);
+///     static_assert(Reverse(uint16_t{0x8408}) == 0x1021);
+///     static_assert(Rol(uint8_t{0x81}, 1) == 0x03);
 namespace velox {
 
 /// The integers that rotate: 8, 16 or 32 bits, signed or not.

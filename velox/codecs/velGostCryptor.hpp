@@ -36,7 +36,7 @@ using TGostSubstitutionTable = std::array<TGostSubstitutionVector, 8>;
 ///
 ///     TGostCryptor cryptor;
 ///     cryptor.SetSubstitutionTable(table);
-///     cryptor.Key = {0xffeeddcc, 0xbbaa9988, ...};
+///     cryptor.Key = key;  // eight words of 32 bits
 ///     cryptor.CryptInCipherFeedbackMode(text.data(), size, iv, true);
 class VELOX_API TGostCryptor : public TObject {
  public:

@@ -315,7 +315,7 @@ using TMD5Digest = std::array<uint8_t, 16>;
 ///
 ///     TMD5Digest digest;
 ///     TMD5::CalculateForStringThreadSafe("abc", digest);
-///     TMD5::ToString(digest);  // "900150983CD24FB0D6963F7D28E17F72"
+///     const std::string text = TMD5::ToString(digest);  // "900150983CD24FB0D6963F7D28E17F72"
 ///
 /// MD5 is no protection against anyone who wants two files to look the same; it finds accidental
 /// changes.

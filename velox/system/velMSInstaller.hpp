@@ -27,7 +27,10 @@
 ///     extern "C" __declspec(dllexport) UINT __stdcall CheckPort(MSIHANDLE Session) {
 ///       TMSIInstaller installer(Session);
 ///       try {
-///         installer.SetPropertyValue("PORTSTATE", StateOf(installer.GetPropertyValue("PORT")));
+///         const std::string port = installer.GetPropertyValue("PORT");
+///         const bool valid =
+///             !port.empty() && port.find_first_not_of("0123456789") == std::string::npos;
+///         installer.SetPropertyValue("PORTVALID", valid ? "1" : "");  // empty removes it
 ///         return ERROR_SUCCESS;
 ///       } catch (const std::exception& e) {
 ///         return installer.HandleException(e, 25001, MB_OK | MB_ICONERROR, {e.what()});

@@ -15,7 +15,7 @@
 ///
 ///     const TSystemInfo* system = TSystemInfo::GetInstance();
 ///     Print(system->GetOSInfo().GetName());
-///     if (system->GetOSInfo().GetVersion() >= TOSVersion::osVista) …
+///     if (system->GetOSInfo().GetVersion() >= TOSVersion::osVista) Print("Vista or later");
 ///     for (const std::string& port : system->GetComPorts()) Print(port);
 ///
 /// The version is the one that GetVersionExA reports: to a program whose manifest does not name a
