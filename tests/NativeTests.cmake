@@ -1,7 +1,6 @@
 # The cases of the portable modules, built for the development machine.
 set(VELOX_NATIVE_TESTS
   native/main.cpp
-  native/zlib_reference_test.cpp
   codecs/velZLib_test.cpp
   containers/velAVLTree_test.cpp
   containers/velCyclicBuffer_test.cpp
@@ -15,13 +14,10 @@ set(VELOX_NATIVE_TESTS
   native/velIntelHex_srecord_test.cpp
   codecs/velBinary_test.cpp
   codecs/velHash_test.cpp
-  runtime/velMethod_test.cpp
   runtime/velObject_test.cpp
-  runtime/velStream_test.cpp
 )
 add_executable(velox_native_tests ${VELOX_NATIVE_TESTS})
 target_link_libraries(velox_native_tests PRIVATE velox velox_options gtest)
-target_compile_definitions(velox_native_tests PRIVATE VELOX_TESTS_DIRECTORY="${CMAKE_CURRENT_SOURCE_DIR}")
 
 # Other implementations to compare with, where they are installed.
 find_path(GCRYPT_INCLUDE gcrypt.h)

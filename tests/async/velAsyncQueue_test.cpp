@@ -170,20 +170,16 @@ TEST(PendingGate, NoWaitEndsEarlyAndEveryWaitEnds) {
       ::Sleep(0);
     }
   });
-  std::vector<std::thread> waiters;
-  for (int t = 0; t < Threads; ++t) {
-    waiters.emplace_back([&, t] {
-      for (int n = 0; n < 300; ++n) {
-        std::atomic<bool> done{false};
-        gate.Begin();
-        handed[t] = &done;
-        EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
-        EXPECT_TRUE(done);
-      }
-      --running;
-    });
-  }
-  for (std::thread& waiter : waiters) waiter.join();
+  test::RunThreads(Threads, [&](int t) {
+    for (int n = 0; n < 300; ++n) {
+      std::atomic<bool> done{false};
+      gate.Begin();
+      handed[t] = &done;
+      EXPECT_EQ(gate.WaitQuietly(nullptr), WAIT_OBJECT_0);
+      EXPECT_TRUE(done);
+    }
+    --running;
+  });
   finisher.join();
   gate.Finish();  // one too many changes nothing
   EXPECT_EQ(gate.GetPending(), 0);
@@ -354,38 +350,34 @@ TEST(AsyncStress, NoCallIsLostOrDoubledAndNothingIsLeft) {
     std::atomic<int> called{0};
     TRecorder viaQueue;
     TRecorder viaCall;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < Threads; ++t) {
-      senders.emplace_back([&, t] {
-        std::minstd_rand random(static_cast<unsigned>(t + 1));
-        for (int n = 0; n < Operations; ++n) {
-          const size_t target = random() % 2;
-          switch (random() % 4) {
-            case 0: {
-              TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
-                                     viaCall.Handler());
-              call.Queue(random() % 2 == 0);
-              if (random() % 2 == 0) call.Cancel();
-              call.WaitForFinished();
-              EXPECT_EQ(call.GetState(), clsFree);
-              ++called;
-              break;
-            }
-            case 1: {
-              TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
-                                     viaCall.Handler());
-              call.Queue(false);
-              ++called;  // destroyed at once: it may or may not have run
-              break;
-            }
-            default:
-              ++queued;
-              queues[target].Queue(viaQueue.QueueHandler(), nullptr);
+    test::RunThreads(Threads, [&](int t) {
+      std::minstd_rand random(static_cast<unsigned>(t + 1));
+      for (int n = 0; n < Operations; ++n) {
+        const size_t target = random() % 2;
+        switch (random() % 4) {
+          case 0: {
+            TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
+                                   viaCall.Handler());
+            call.Queue(random() % 2 == 0);
+            if (random() % 2 == 0) call.Cancel();
+            call.WaitForFinished();
+            EXPECT_EQ(call.GetState(), clsFree);
+            ++called;
+            break;
           }
+          case 1: {
+            TAsynchronousCall call(targets[target].Handle(), targets[target].Id(),
+                                   viaCall.Handler());
+            call.Queue(false);
+            ++called;  // destroyed at once: it may or may not have run
+            break;
+          }
+          default:
+            ++queued;
+            queues[target].Queue(viaQueue.QueueHandler(), nullptr);
         }
-      });
-    }
-    for (std::thread& sender : senders) sender.join();
+      }
+    });
     for (TAsynchronousCallQueue& queue : queues) EXPECT_EQ(queue.Wait(), WAIT_OBJECT_0);
     EXPECT_EQ(viaQueue.Runs, queued);
     EXPECT_LE(viaCall.Runs, called);

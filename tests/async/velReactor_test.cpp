@@ -342,40 +342,36 @@ TEST(ReactorStress, ReactionsComeAndGoFromManyThreads) {
   constexpr int Threads = 8;
   const auto round = [](int Operations) {
     TReactor reactor;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-      threads.emplace_back([&reactor, t, Operations] {
-        std::minstd_rand random(static_cast<unsigned>(t + 1));
-        for (int n = 0; n < Operations; ++n) {
-          TWatched watched(reactor);
-          watched.Reaction->SetActive(true);
-          switch (random() % 4) {
-            case 0:
-              watched.SignalAndWait();
-              break;
-            case 1:
-              ::SetEvent(watched.Event.Get());
-              watched.Reaction->SetActive(false);
-              if (random() % 2) watched.Reaction->SetActive(true);
-              break;
-            case 2: {
-              std::atomic<bool> gone{false};
-              watched.Sink.During = [&](TObject*) {
-                watched.Reaction.reset();
-                gone = true;
-              };
-              ::SetEvent(watched.Event.Get());
-              EXPECT_TRUE(test::WaitUntil([&] { return gone.load(); }));
-              break;
-            }
-            default:
-              ::SetEvent(watched.Event.Get());
-              break;  // destroyed active, its signal on the way
+    test::RunThreads(Threads, [&reactor, Operations](int t) {
+      std::minstd_rand random(static_cast<unsigned>(t + 1));
+      for (int n = 0; n < Operations; ++n) {
+        TWatched watched(reactor);
+        watched.Reaction->SetActive(true);
+        switch (random() % 4) {
+          case 0:
+            watched.SignalAndWait();
+            break;
+          case 1:
+            ::SetEvent(watched.Event.Get());
+            watched.Reaction->SetActive(false);
+            if (random() % 2) watched.Reaction->SetActive(true);
+            break;
+          case 2: {
+            std::atomic<bool> gone{false};
+            watched.Sink.During = [&](TObject*) {
+              watched.Reaction.reset();
+              gone = true;
+            };
+            ::SetEvent(watched.Event.Get());
+            EXPECT_TRUE(test::WaitUntil([&] { return gone.load(); }));
+            break;
           }
+          default:
+            ::SetEvent(watched.Event.Get());
+            break;  // destroyed active, its signal on the way
         }
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
+      }
+    });
   };
   round(50);
   const uint32_t handles = test::HandleCount();

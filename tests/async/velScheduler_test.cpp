@@ -252,48 +252,44 @@ TEST(MessageTask, SendsItsParametersAndMayBeDestroyedByTheReceiver) {
 TEST(SchedulerStress, TasksComeAndGoFromManyThreads) {
   constexpr int Threads = 8;
   const auto round = [](int Operations) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-      threads.emplace_back([t, Operations] {
-        std::minstd_rand random(static_cast<unsigned>(t + 1));
-        struct TOwned {
-          // A run that touches it after its end is caught by the mark.
-          std::atomic<uint32_t> Mark{0xA11FE};
-          TCounted Counted;
-          TOwned() {
-            Counted.During = [this] { EXPECT_EQ(Mark, 0xA11FEu); };
-          }
-        };
-        std::vector<std::unique_ptr<TOwned>> awaited;
-        for (int n = 0; n < Operations; ++n) {
-          auto owned = std::make_unique<TOwned>();
-          owned->Counted.Task.SetDuration(random() % 3);
-          owned->Counted.Task.SetActive(1);
-          switch (random() % 4) {
-            case 0:
-              awaited.push_back(std::move(owned));
-              break;
-            case 1:
-              owned->Counted.Task.SetActive(0);
-              owned->Counted.Task.SetActive(1);
-              break;
-            case 2:
-              if (random() % 8 == 0) ::SleepEx(1, TRUE);
-              owned->Counted.Task.SetActive(0);
-              break;
-            default:
-              break;  // destroyed active
-          }
-          if (awaited.size() >= 64 || n + 1 == Operations) {
-            for (const auto& one : awaited) {
-              EXPECT_TRUE(test::WaitUntil([&] { return one->Counted.Runs == 1; }));
-            }
-            awaited.clear();
-          }
+    test::RunThreads(Threads, [Operations](int t) {
+      std::minstd_rand random(static_cast<unsigned>(t + 1));
+      struct TOwned {
+        // A run that touches it after its end is caught by the mark.
+        std::atomic<uint32_t> Mark{0xA11FE};
+        TCounted Counted;
+        TOwned() {
+          Counted.During = [this] { EXPECT_EQ(Mark, 0xA11FEu); };
         }
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
+      };
+      std::vector<std::unique_ptr<TOwned>> awaited;
+      for (int n = 0; n < Operations; ++n) {
+        auto owned = std::make_unique<TOwned>();
+        owned->Counted.Task.SetDuration(random() % 3);
+        owned->Counted.Task.SetActive(1);
+        switch (random() % 4) {
+          case 0:
+            awaited.push_back(std::move(owned));
+            break;
+          case 1:
+            owned->Counted.Task.SetActive(0);
+            owned->Counted.Task.SetActive(1);
+            break;
+          case 2:
+            if (random() % 8 == 0) ::SleepEx(1, TRUE);
+            owned->Counted.Task.SetActive(0);
+            break;
+          default:
+            break;  // destroyed active
+        }
+        if (awaited.size() >= 64 || n + 1 == Operations) {
+          for (const auto& one : awaited) {
+            EXPECT_TRUE(test::WaitUntil([&] { return one->Counted.Runs == 1; }));
+          }
+          awaited.clear();
+        }
+      }
+    });
   };
   round(50);
   Settle();

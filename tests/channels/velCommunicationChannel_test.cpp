@@ -4,17 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "tests/support/support.hpp"
-#include "velox/runtime/velException.hpp"
+#include "tests/channels/transfer.hpp"
 
 namespace velox {
 namespace {
@@ -138,24 +133,7 @@ TEST(CommunicationChannel, TimeoutsFollowBandwidthAndLatence) {
 
 // --- A pair of connected ports ---
 
-struct TTransfer : TTransferOperation {
-  TTransfer(TChannel& Channel, TOperationKind Kind, std::string AData) : Data(std::move(AData)) {
-    SetChannel(&Channel);
-    SetKind(Kind);
-    SetBuffer(Data.data());
-    SetSize(static_cast<int32_t>(Data.size()));
-    SetAutoTimeout(false);
-  }
-  ~TTransfer() override { Close(); }
-  bool Wait(uint32_t Limit = 30'000) {
-    return test::WaitUntil([this] { return !GetActive(); }, Limit) && GetSucceeded();
-  }
-  bool Run() {
-    SetActive(true);
-    return Wait();
-  }
-  std::string Data;
-};
+using TTransfer = test::TTransfer<>;
 
 /// Both ends of the line, each with the way of telling the end of requests that the case is for.
 class CommunicationPorts : public testing::TestWithParam<bool> {
@@ -212,31 +190,11 @@ TEST_P(CommunicationPorts, ACancelledReadLeavesWhatComesToTheNext) {
 }
 
 TEST_P(CommunicationPorts, OperationsComeAndGoAtRandom) {
-  std::vector<std::thread> threads;
-  std::atomic<int> done = 0;
-  for (uint32_t t = 0; t < 8; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937 random(t);
-      for (int i = 0; i < 300; ++i) {
-        TTransfer transfer(random() % 2 == 0 ? Near : Far, random() % 2 == 0 ? okRead : okWrite,
-                           std::string(1 + random() % 50, 'x'));
-        try {
-          transfer.SetActive(true);
-          if (random() % 4 == 0) test::WaitUntil([&] { return !transfer.GetActive(); }, 10);
-          if (random() % 2 == 0) transfer.SetActive(false);
-        } catch (const Exception& e) {
-          EXPECT_STREQ(e.what(), "Channel is not active. Cannot perform operation.");
-        }
-        ++done;
-      }
-    });
-  }
-  while (done < 8 * 300) {
-    Near.SetActive(false);
-    Near.SetActive(true);
-    ::Sleep(20);
-  }
-  for (std::thread& thread : threads) thread.join();
+  test::StressWhileSwitching(Near, 300, [&](std::mt19937& Random) {
+    return std::make_unique<TTransfer>(Random() % 2 == 0 ? Near : Far,
+                                       Random() % 2 == 0 ? okRead : okWrite,
+                                       std::string(1 + Random() % 50, 'x'));
+  });
 }
 
 TEST_P(CommunicationPorts, AReadEndsInTime) {

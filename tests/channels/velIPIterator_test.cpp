@@ -44,6 +44,11 @@ TEST(IPIterator, ExpandsAndRefuses) {
       {"10.0.0.6;255.255.255.252", "10.0.0.5 10.0.0.6"},
       {"192.168.1.254-192.168.1.255", "192.168.1.254"},
       {"10.255.255.254-10.255.255.255", "10.255.255.254"},
+      {"126.255.255.253-126.255.255.255", "126.255.255.253 126.255.255.254"},
+      {"128.0.255.255, 191.255.0.1, 191.255.0.0", "191.255.0.1"},
+      {"192.0.0.1, 192.0.0.0, 223.255.255.255", "192.0.0.1"},
+      {"0.0.0.1", "Invalid address \"0.0.0.1\""},
+      {"255.255.255.255", "Invalid address \"255.255.255.255\""},
       {"10.0.0.1;255.255.255.254", ""},
       {"10.0.0.2, 10.0.0.1-10.0.0.3, 10.0.0.4", "10.0.0.2 10.0.0.1 10.0.0.3 10.0.0.4"},
       {"0xA.0.0.010", "10.0.0.8"},
@@ -113,26 +118,6 @@ TEST(IPIterator, RoutineStopsAndCannotChangeTheList) {
   EXPECT_FALSE(iterator.GetEnumerating());
   EXPECT_THROW(iterator.SetAddresses("10.0.0.1, bad, 10.0.0.2"), Exception);
   EXPECT_EQ(iterator.GetRanges().GetCount(), 1);
-}
-
-TEST(IPIterator, ClassesAndMasks) {
-  const struct {
-    uint32_t Address;
-    int32_t Class;
-    uint32_t Mask;
-    bool Valid;
-  } cases[] = {
-      {0x00000001, 0, 0xFFFFFFFF, false}, {0x01000000, 1, 0xFF000000, false},
-      {0x7EFFFFFE, 1, 0xFF000000, true},  {0x7F000001, 0, 0xFFFFFFFF, false},
-      {0x8000FFFF, 2, 0xFFFF0000, false}, {0xBFFF0001, 2, 0xFFFF0000, true},
-      {0xC0000001, 3, 0xFFFFFF00, true},  {0xDFFFFFFF, 3, 0xFFFFFF00, false},
-      {0xE0000001, 0, 0xFFFFFFFF, false}, {0xFFFFFFFF, 0, 0xFFFFFFFF, false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(TIPAddressIterator::GetNetClass(c.Address), c.Class) << c.Address;
-    EXPECT_EQ(TIPAddressIterator::GetNetMask(c.Address), c.Mask) << c.Address;
-    EXPECT_EQ(TIPAddressIterator::IsAddressValid(c.Address), c.Valid) << c.Address;
-  }
 }
 
 }  // namespace

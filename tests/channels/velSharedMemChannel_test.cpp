@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <numeric>
 #include <string>
-#include <vector>
 
-#include "tests/support/support.hpp"
+#include "tests/channels/transfer.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
@@ -46,26 +44,11 @@ class TPair {
   const std::string Name;
 };
 
-struct TTransfer : TTransferOperation {
-  TTransfer(TChannel& Channel, TOperationKind Kind, std::vector<char>& Data) {
-    SetChannel(&Channel);
-    SetKind(Kind);
-    SetBuffer(Data.data());
-    SetSize(static_cast<int32_t>(Data.size()));
-    SetOnTransferred(TOperationTransferEvent::Bind<&TTransfer::Moved>(this));
-  }
-  ~TTransfer() override { Close(); }
-  bool Run() {
-    SetActive(true);
-    return test::WaitUntil([this] { return !GetActive(); }) && GetSucceeded();
-  }
-  void Moved(TObject*, bool&) { ++Chunks; }
-  std::atomic<int> Chunks = 0;
-};
+using TTransfer = test::TTransfer<>;
 
-std::vector<char> Numbers(size_t Count, char First = 0) {
-  std::vector<char> result(Count);
-  std::iota(result.begin(), result.end(), First);
+std::string Numbers(size_t Count, char First = 0) {
+  std::string result(Count, First);
+  for (size_t i = 0; i < Count; ++i) result[i] = static_cast<char>(First + i);
   return result;
 }
 
@@ -90,12 +73,7 @@ TEST(SharedMemChannel, RefusesWhatIsMissingNameFirst) {
 TEST(SharedMemChannel, AClientNeedsAServerAndCanTryAgain) {
   TPair pair;
   TSharedMemChannel& client = TPair::Client();
-  try {
-    pair.Activate(client, 100);
-    FAIL();
-  } catch (const EOSError& e) {
-    EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-  }
+  EXPECT_EQ(test::ErrorCodeOf([&] { pair.Activate(client, 100); }), ERROR_FILE_NOT_FOUND);
   EXPECT_FALSE(client.GetActive());
   pair.Activate(100);
   EXPECT_THROW(client.SetMemorySize(1), Exception);
@@ -125,18 +103,15 @@ TEST(SharedMemChannel, CarriesBothWaysAlsoUnderANewName) {
     for (const bool fromClient : {true, false}) {
       TChannel& from = fromClient ? TPair::Client() : TPair::Server();
       TChannel& to = fromClient ? TPair::Server() : TPair::Client();
-      std::vector<char> sent = Numbers(700, static_cast<char>(round)), received(700);
-      TTransfer read(to, okRead, received), first(from, okWrite, sent);
+      const std::string sent = Numbers(700, static_cast<char>(round));
+      TTransfer read(to, okRead, std::string(700, ' '));
       read.SetActive(true);
-      first.SetSize(300);
-      ASSERT_TRUE(first.Run());
+      ASSERT_TRUE(TTransfer(from, okWrite, sent.substr(0, 300)).Run());
       ASSERT_TRUE(test::WaitUntil([&] { return read.GetTransferred() == 300; }));
       EXPECT_TRUE(read.GetActive());  // until the rest arrives
-      first.SetBuffer(sent.data() + 300);
-      first.SetSize(400);
-      ASSERT_TRUE(first.Run());
-      ASSERT_TRUE(test::WaitUntil([&] { return !read.GetActive(); }));
-      EXPECT_EQ(received, sent);
+      ASSERT_TRUE(TTransfer(from, okWrite, sent.substr(300)).Run());
+      ASSERT_TRUE(read.Wait());
+      EXPECT_EQ(read.Data, sent);
     }
   }
 }
@@ -144,13 +119,12 @@ TEST(SharedMemChannel, CarriesBothWaysAlsoUnderANewName) {
 TEST(SharedMemChannel, AWriterNeverWaitsAndTheReaderGetsTheNewest) {
   TPair pair;
   pair.Activate(64);  // holds 63
-  std::vector<char> sent = Numbers(200), received(63);
-  TTransfer write(TPair::Client(), okWrite, sent);
+  TTransfer write(TPair::Client(), okWrite, Numbers(200));
   ASSERT_TRUE(write.Run());
-  EXPECT_EQ(write.Chunks, 4);  // 63, 63, 63, 11
-  TTransfer read(TPair::Server(), okRead, received);
+  EXPECT_EQ(write.Marks, (std::vector<int32_t>{63, 126, 189, 200}));
+  TTransfer read(TPair::Server(), okRead, std::string(63, ' '));
   ASSERT_TRUE(read.Run());
-  EXPECT_EQ(received, Numbers(63, static_cast<char>(137)));
+  EXPECT_EQ(read.Data, Numbers(63, static_cast<char>(137)));
 }
 
 TEST(SharedMemChannel, WakesAWriterWhenAFullBufferHasDrainedToHalf) {
@@ -160,22 +134,18 @@ TEST(SharedMemChannel, WakesAWriterWhenAFullBufferHasDrainedToHalf) {
   const THandle wake = Event(pair.Name + "ReadRemoteReadyEvent");
   ASSERT_TRUE(wake);
   TPair::Client().SetActive(true);
-  std::vector<char> data = Numbers(15), six(6), one(1);
-  TTransfer write(TPair::Client(), okWrite, data);
-  ASSERT_TRUE(write.Run());
+  ASSERT_TRUE(TTransfer(TPair::Client(), okWrite, Numbers(15)).Run());
   TPair::Client().SetActive(false);  // no one else takes the signal
-  TTransfer readSix(TPair::Server(), okRead, six), readOne(TPair::Server(), okRead, one);
-  ASSERT_TRUE(readSix.Run());
+  ASSERT_TRUE(TTransfer(TPair::Server(), okRead, "123456").Run());
   EXPECT_EQ(::WaitForSingleObject(wake.Get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
-  ASSERT_TRUE(readOne.Run());
+  ASSERT_TRUE(TTransfer(TPair::Server(), okRead, "1").Run());
   EXPECT_EQ(::WaitForSingleObject(wake.Get(), 0), static_cast<DWORD>(WAIT_OBJECT_0));
 }
 
 TEST(SharedMemChannel, EndsItsOperationsWhenDeactivated) {
   TPair pair;
   pair.Activate(64);
-  std::vector<char> data(8);
-  TTransfer a(TPair::Server(), okRead, data), b(TPair::Server(), okRead, data);
+  TTransfer a(TPair::Server(), okRead, "12345678"), b(TPair::Server(), okRead, "12345678");
   a.SetActive(true);
   b.SetActive(true);
   TPair::Server().SetActive(false);
@@ -232,12 +202,11 @@ TEST(SharedMemChannel, SpeaksItsProtocolWithAPeerOfPlainCalls) {
   TSharedMemChannel& server = TPair::Server();
   pair.Activate(server, 100);
   test::TChild peer(test::RoleCommand("shared-memory-peer", {pair.Name}));
-  std::vector<char> sent = Numbers(40), received(40);
-  TTransfer write(server, okWrite, sent), read(server, okRead, received);
+  TTransfer write(server, okWrite, Numbers(40)), read(server, okRead, std::string(40, ' '));
   read.SetActive(true);
   ASSERT_TRUE(write.Run());
-  EXPECT_TRUE(test::WaitUntil([&] { return !read.GetActive(); }));
-  EXPECT_EQ(received, Numbers(40, 1));
+  EXPECT_TRUE(read.Wait());
+  EXPECT_EQ(read.Data, Numbers(40, 1));
   EXPECT_EQ(peer.Wait(), 0u);
 }
 

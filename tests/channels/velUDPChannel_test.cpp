@@ -5,70 +5,22 @@
 
 #include <atomic>
 #include <cstdio>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "tests/support/support.hpp"
+#include "tests/channels/transfer.hpp"
+#include "tests/support/sockets.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
 namespace {
 
 using enum TOperationKind;
-
-SOCKADDR_IN Loopback(uint16_t Port) {
-  SOCKADDR_IN address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(Port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-/// A plain socket, closed at the end.
-struct TSocket {
-  explicit TSocket(int Type) : Handle(::socket(AF_INET, Type, 0)) {}
-  explicit TSocket(SOCKET AHandle) : Handle(AHandle) {}
-  TSocket(TSocket&& Other) noexcept : Handle(std::exchange(Other.Handle, INVALID_SOCKET)) {}
-  ~TSocket() { Close(); }
-  void Close() {
-    if (Handle != INVALID_SOCKET) ::closesocket(std::exchange(Handle, INVALID_SOCKET));
-  }
-  uint16_t Bind() {
-    SOCKADDR_IN address = Loopback(0);
-    ::bind(Handle, reinterpret_cast<SOCKADDR*>(&address), sizeof address);
-    return Port();
-  }
-  uint16_t Port() const { return PortOf(Handle); }
-  static uint16_t PortOf(SOCKET Socket) {
-    SOCKADDR_IN address{};
-    int length = sizeof address;
-    ::getsockname(Socket, reinterpret_cast<SOCKADDR*>(&address), &length);
-    return ntohs(address.sin_port);
-  }
-  void SendTo(uint16_t Port, const std::string& Data) const {
-    const SOCKADDR_IN to = Loopback(Port);
-    ::sendto(Handle, Data.data(), static_cast<int>(Data.size()), 0,
-             reinterpret_cast<const SOCKADDR*>(&to), sizeof to);
-  }
-  void Send(const std::string& Data) const {
-    ::send(Handle, Data.data(), static_cast<int>(Data.size()), 0);
-  }
-  std::string Receive(size_t Size) const {
-    std::string data;
-    char block[4096];
-    while (data.size() < Size) {
-      const int got = ::recv(Handle, block, sizeof block, 0);
-      if (got <= 0) break;
-      data.append(block, static_cast<size_t>(got));
-    }
-    return data;
-  }
-  SOCKET Handle;
-};
-
+using test::Loopback;
+using test::PortOf;
+using test::TSocket;
 struct TListener : TSocket {
   TListener() : TSocket(SOCK_STREAM) {
     Bind();
@@ -77,58 +29,23 @@ struct TListener : TSocket {
   TSocket Accept() const { return TSocket(::accept(Handle, nullptr, nullptr)); }
 };
 
-struct TTransfer : TIPOperation {
+struct TTransfer : test::TTransfer<TIPOperation> {
   TTransfer(TChannel& Channel, TOperationKind Kind, const std::string& AData,
             const std::string& Address = "", uint16_t Port = 0)
-      : Data(AData) {
+      : test::TTransfer<TIPOperation>(Channel, Kind, AData) {
     SetAddress(Address);
     SetPort(Port);
-    SetChannel(&Channel);
-    SetKind(Kind);
-    SetBuffer(Data.data());
-    SetSize(static_cast<int32_t>(Data.size()));
-    SetAutoTimeout(false);
-    SetOnTransferred(TOperationTransferEvent::Bind<&TTransfer::Moved>(this));
   }
-  ~TTransfer() override { Close(); }
-  bool Run() {
-    SetActive(true);
-    return Wait();
-  }
-  bool Wait() {
-    return test::WaitUntil([this] { return !GetActive(); }) && GetSucceeded();
-  }
-  void Moved(TObject*, bool&) { Marks.push_back(GetTransferred()); }
-  std::string Data;
-  std::vector<int32_t> Marks;
 };
-
-TEST(UDPChannel, LongDatagramIsReadInPiecesAndTellsItsSender) {
-  TUDPChannel channel;
-  channel.SetActive(true);
-  EXPECT_EQ(test::MessageOf([&] { channel.SetPort(1); }), "Cannot change active channel");
-  TSocket peer(SOCK_DGRAM);
-  const uint16_t port = peer.Bind();
-  const std::string sent = test::Noise(300);
-  peer.SendTo(TSocket::PortOf(channel.GetSocket()), sent);
-  std::string got;
-  for (int i = 0; i < 3; ++i) {
-    TTransfer read(channel, okRead, std::string(100, ' '));
-    ASSERT_TRUE(read.Run()) << i;
-    EXPECT_EQ(read.GetAddress(), "127.0.0.1");
-    EXPECT_EQ(read.GetPort(), port);
-    got += read.Data;
-  }
-  EXPECT_EQ(got, sent);
-}
 
 TEST(UDPChannel, CutsLongDatagramsAndEndsWhatCannotBeSent) {
   TUDPChannel channel;
   channel.SetActive(true);
+  EXPECT_EQ(test::MessageOf([&] { channel.SetPort(1); }), "Cannot change active channel");
   const TSocket peer(SOCK_DGRAM);
   TTransfer read(channel, okRead, std::string(1500, '\0'));
   read.SetActive(true);
-  peer.SendTo(TSocket::PortOf(channel.GetSocket()), test::Noise(2000));
+  peer.SendTo(PortOf(channel.GetSocket()), test::Noise(2000));
   ASSERT_TRUE(read.Wait());
   EXPECT_EQ(read.GetErrorCode(), 0);
   EXPECT_TRUE(read.Data == test::Noise(2000).substr(0, 1500));
@@ -176,7 +93,7 @@ TEST(UDPChannel, ReadEndsAfterItsTimeAlsoBehindAnotherOnesReceive) {
   // The receive that the first one began goes to the next operation.
   TTransfer next(channel, okRead, std::string(5, ' '));
   next.SetActive(true);
-  TSocket(SOCK_DGRAM).SendTo(TSocket::PortOf(channel.GetSocket()), "hello");
+  TSocket(SOCK_DGRAM).SendTo(PortOf(channel.GetSocket()), "hello");
   ASSERT_TRUE(next.Wait());
   EXPECT_EQ(next.Data, "hello");
 }
@@ -188,10 +105,9 @@ TEST(UDPChannel, MulticastGroupIsJoinedAndABadOneOnlyTraced) {
   TTransfer read(channel, okRead, std::string(3, ' '));
   read.SetActive(true);
   TSocket sender(SOCK_DGRAM);
-  SOCKADDR_IN group = Loopback(TSocket::PortOf(channel.GetSocket()));
+  SOCKADDR_IN group = Loopback(PortOf(channel.GetSocket()));
   group.sin_addr.s_addr = ::inet_addr("239.1.2.3");
-  const bool sent =
-      ::sendto(sender.Handle, "abc", 3, 0, reinterpret_cast<SOCKADDR*>(&group), sizeof group) == 3;
+  const bool sent = sender.SendTo(group, "abc");
   if (sent) {
     EXPECT_TRUE(read.Wait());
   } else {
@@ -210,7 +126,7 @@ class TConnection {
  public:
   TConnection() {
     Channel.SetStringAddress("localhost");
-    Channel.SetPort(Listener_.Port());
+    Channel.SetPort(PortOf(Listener_.Handle));
     Channel.SetActive(true);
     Peer = std::make_unique<TSocket>(Listener_.Accept());
   }
@@ -221,22 +137,6 @@ class TConnection {
   TListener Listener_;
 };
 
-TEST(TCPChannel, BothWaysAndInPieces) {
-  TConnection c;
-  TTransfer write(c.Channel, okWrite, test::Noise(4000));
-  ASSERT_TRUE(write.Run());
-  EXPECT_EQ(write.Marks, (std::vector<int32_t>{1500, 3000, 4000}));
-  EXPECT_EQ(c.Peer->Receive(4000), write.Data);
-
-  TTransfer read(c.Channel, okRead, std::string(100'000, ' '));
-  read.SetActive(true);
-  const std::string sent = test::Noise(100'000);
-  c.Peer->Send(sent);
-  ASSERT_TRUE(read.Wait());
-  EXPECT_EQ(read.Data, sent);
-  EXPECT_EQ(read.GetAddress(), "127.0.0.1");
-}
-
 TEST(TCPChannel, PeerThatClosesEndsTheReadWithWhatCame) {
   TConnection c;
   TTransfer read(c.Channel, okRead, std::string(10, ' '));
@@ -246,6 +146,7 @@ TEST(TCPChannel, PeerThatClosesEndsTheReadWithWhatCame) {
   c.Peer->Close();
   EXPECT_FALSE(read.Wait());
   EXPECT_EQ(read.GetTransferred(), 4);
+  EXPECT_EQ(read.GetAddress(), "127.0.0.1");
   EXPECT_EQ(read.GetErrorCode(), 0);
   EXPECT_FALSE(TTransfer(c.Channel, okRead, "x").Run());  // and each one after it, at once
 }
@@ -255,16 +156,11 @@ TEST(TCPChannel, ConnectingFailsInItsOwnWords) {
   channel.SetStringAddress("127.0.0.1");
   {
     TListener gone;
-    channel.SetPort(gone.Port());
+    channel.SetPort(PortOf(gone.Handle));
   }
   for (const int32_t limit : {0, 5000}) {
     channel.SetConnectionTimeout(limit);
-    try {
-      channel.SetActive(true);
-      ADD_FAILURE();
-    } catch (const EOSError& e) {
-      EXPECT_EQ(e.ErrorCode, static_cast<uint32_t>(WSAECONNREFUSED));
-    }
+    EXPECT_EQ(test::ErrorCodeOf([&] { channel.SetActive(true); }), WSAECONNREFUSED);
     EXPECT_FALSE(channel.GetActive());
   }
   EXPECT_THROW(channel.SetStringAddress("no.such.host.invalid"), EOSError);
@@ -272,19 +168,18 @@ TEST(TCPChannel, ConnectingFailsInItsOwnWords) {
   // A server that doesn't answer: its backlog is full.
   TListener busy;
   std::vector<TSocket> waiting;
-  const SOCKADDR_IN address = Loopback(busy.Port());
   for (int i = 0; i < 8; ++i) {
     waiting.emplace_back(SOCK_STREAM);
     u_long nonBlocking = 1;
     ::ioctlsocket(waiting.back().Handle, static_cast<long>(FIONBIO), &nonBlocking);
-    ::connect(waiting.back().Handle, reinterpret_cast<const SOCKADDR*>(&address), sizeof address);
+    waiting.back().Connect(PortOf(busy.Handle));
   }
   channel.SetStringAddress("127.0.0.1");
-  channel.SetPort(busy.Port());
+  channel.SetPort(PortOf(busy.Handle));
   channel.SetConnectionTimeout(500);
   const uint64_t start = ::GetTickCount64();
   EXPECT_EQ(test::MessageOf([&] { channel.SetActive(true); }),
-            "Connection timeout (127.0.0.1:" + std::to_string(busy.Port()) + ")");
+            "Connection timeout (127.0.0.1:" + std::to_string(channel.GetPort()) + ")");
   EXPECT_GE(::GetTickCount64() - start, 484u);
 }
 
@@ -292,22 +187,17 @@ TEST(TCPChannel, IsClosedInTheEventThatTellsOfAnEnd) {
   const int32_t before = TIPOperationBuffer::GetInstanceCount();
   for (int round = 0; round < 200; ++round) {
     TConnection c;
-    struct TClosing : TTransfer {
-      TClosing(TChannel& Channel, TOperationKind Kind) : TTransfer(Channel, Kind, "x") {
-        SetOnComplete(TOperationNotificationEvent::Bind<&TClosing::Completed>(this));
-      }
-      ~TClosing() override { Close(); }
-      void Completed(TObject*) {
-        GetChannel()->SetActive(false);
-        Done = true;
-      }
-      std::atomic<bool> Done = false;
+    std::atomic<bool> done = false;
+    auto close = [&](TObject*) {
+      c.Channel.SetActive(false);
+      done = true;
     };
-    TClosing operation(c.Channel, round % 2 == 0 ? okRead : okWrite);
+    TTransfer operation(c.Channel, round % 2 == 0 ? okRead : okWrite, "x");
+    operation.SetOnComplete(TOperationNotificationEvent::To(close));
     operation.SetActive(true);
     if (round % 4 == 0) c.Peer->Send("y");
     if (round % 4 == 2) c.Peer->Close();
-    ASSERT_TRUE(test::WaitUntil([&] { return operation.Done.load(); }));
+    ASSERT_TRUE(test::WaitUntil([&] { return done.load(); }));
     EXPECT_FALSE(c.Channel.GetActive());
   }
   EXPECT_TRUE(test::WaitUntil([&] { return TIPOperationBuffer::GetInstanceCount() == before; }));
@@ -376,49 +266,25 @@ TEST(TCPChannel, CancelledOperationsLeaveNothingBehind) {
       << test::HandleCount() << " of " << handles;
 }
 
-/// Threads create, cancel and destroy operations at random while data flows and the channel is
-/// switched off and on.
+/// While data flows.
 TEST(UDPChannel, StressOfEightThreads) {
-  constexpr int PerThread = 2500;
   TUDPChannel channel;
-  TSocket peer(SOCK_DGRAM);
+  const TSocket peer(SOCK_DGRAM);
   const uint16_t peerPort = peer.Bind();
   channel.SetActive(true);
-  std::atomic<bool> stop = false;
-  std::atomic<int> done = 0;
-  std::thread feeder([&] {
-    while (!stop) {
-      const SOCKET socket = channel.GetSocket();
-      if (socket != INVALID_SOCKET) peer.SendTo(TSocket::PortOf(socket), "datagram");
-      ::Sleep(1);
-    }
-  });
-  std::vector<std::thread> threads;
-  for (uint32_t t = 0; t < 8; ++t) {
-    threads.emplace_back([&, t] {
-      std::mt19937 random(t);
-      for (int i = 0; i < PerThread; ++i) {
-        TTransfer transfer(channel, random() % 2 == 0 ? okRead : okWrite, std::string(8, 'x'),
-                           "127.0.0.1", peerPort);
-        try {
-          transfer.SetActive(true);
-          if (random() % 4 == 0) test::WaitUntil([&] { return !transfer.GetActive(); }, 20);
-          if (random() % 2 == 0) transfer.SetActive(false);
-        } catch (const Exception& e) {
-          EXPECT_STREQ(e.what(), "Channel is not active. Cannot perform operation.");
-        }
-        ++done;
+  {
+    const std::jthread feeder([&](const std::stop_token& Stop) {
+      while (!Stop.stop_requested()) {
+        const SOCKET socket = channel.GetSocket();
+        if (socket != INVALID_SOCKET) peer.SendTo(PortOf(socket), "datagram");
+        ::Sleep(1);
       }
     });
+    test::StressWhileSwitching(channel, 2500, [&](std::mt19937& Random) {
+      return std::make_unique<TTransfer>(channel, Random() % 2 == 0 ? okRead : okWrite, "12345678",
+                                         "127.0.0.1", peerPort);
+    });
   }
-  while (done < 8 * PerThread) {
-    channel.SetActive(false);
-    channel.SetActive(true);
-    ::Sleep(20);
-  }
-  for (std::thread& thread : threads) thread.join();
-  stop = true;
-  feeder.join();
   channel.SetActive(false);
   EXPECT_TRUE(test::WaitUntil([] { return TIPOperationBuffer::GetInstanceCount() == 0; }))
       << TIPOperationBuffer::GetInstanceCount();
@@ -430,7 +296,7 @@ TEST(UDPChannel, StressOfEightThreads) {
 const test::TRole UDPEcho("udp-echo", [](const std::vector<std::string>&) {
   TUDPChannel channel;
   channel.SetActive(true);
-  std::printf("port %u\n", TSocket::PortOf(channel.GetSocket()));
+  std::printf("port %u\n", PortOf(channel.GetSocket()));
   std::fflush(stdout);
   for (;;) {
     TTransfer read(channel, okRead, std::string(512, '\0'));

@@ -123,6 +123,7 @@ TEST(IntelHex, LoadsRecords) {
        {{0, {1}}, {0x10000, {2}}}},
       {"data beyond the end of its segment", {":03FFFF00010203F9"}, {{0xFFFF, {1, 2, 3}}}},
       {"a record without bytes ends the image, too", {":00000200FE"}, {{0, {0xFF, 0xFF}}}},
+      {"the longest record", {Record(0, 0xFF00, TBytes(255, 7))}, {{0xFF00, TBytes(255, 7)}}},
   };
   for (const auto& each : cases) {
     TIntelHex expected;
@@ -172,23 +173,6 @@ TEST(IntelHex, AFaultLeavesWhatCameBefore) {
   EXPECT_EQ(image.GetBuffer()[0x10000], 2);
   image.LoadFromStrings({EndOfFile});
   EXPECT_EQ(image.GetBufferSize(), 0u);
-}
-
-TEST(IntelHex, DecodesAndFormatsTheLongestRecord) {
-  TBytes data(255);
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i);
-  const std::string line = Record(0, 0xFF80, data);
-  EXPECT_EQ(line.size(), 521u);
-  TBytes record(line.size() / 2);
-  ASSERT_EQ(TIntelHex::DecodeLine(line, record.data()), 260);
-  TIntelHex::CheckRecord(260, record.data());
-  uint16_t address = 0;
-  std::memcpy(&address, &record[1], sizeof address);
-  EXPECT_EQ(address, 0xFF80);
-  EXPECT_TRUE(std::equal(data.begin(), data.end(), record.begin() + 4));
-  // A single last digit counts.
-  EXPECT_EQ(TIntelHex::DecodeLine(":12A", record.data()), 2);
-  EXPECT_EQ(record[1], 0x0A);
 }
 
 TEST(IntelHex, ResizingFillsWithFF) {

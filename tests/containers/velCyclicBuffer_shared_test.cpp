@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -17,9 +16,6 @@ namespace {
 using test::TChild;
 using test::TRole;
 
-constexpr int32_t Total = 50'000;
-uint8_t ByteAt(int32_t Position) { return static_cast<uint8_t>(Position * 7 + Position / 251); }
-
 class TRing : public TSharedMemBuffer {
  public:
   /// Creates one of this size.
@@ -34,22 +30,6 @@ class TRing : public TSharedMemBuffer {
   }
 };
 
-/// Writes the whole sequence into a ring that another process has created.
-const TRole Producer("ring-producer", [](const std::vector<std::string>& Arguments) {
-  TRing ring(Arguments[0]);
-  std::vector<uint8_t> chunk(600);
-  int32_t sent = 0;
-  const bool done = test::WaitUntil([&] {
-    const int32_t asked = std::min(Total - sent, static_cast<int32_t>(1 + sent % 599));
-    for (int32_t i = 0; i < asked; ++i) chunk[static_cast<size_t>(i)] = ByteAt(sent + i);
-    int32_t count = asked;
-    if (count > 0) ring.WriteData(chunk.data(), count);
-    sent += count;
-    return sent == Total;
-  });
-  return done ? ring.GetSize() : 0;
-});
-
 /// Ends while it holds the lock.
 const TRole Abandoner("ring-abandoner", [](const std::vector<std::string>& Arguments) {
   TRing ring(Arguments[0]);
@@ -57,16 +37,6 @@ const TRole Abandoner("ring-abandoner", [](const std::vector<std::string>& Argum
   ::TerminateProcess(::GetCurrentProcess(), 5);
   return 0;
 });
-
-/// The system's error that CreateMemory raises, 0 for none.
-uint32_t CreationError(TSharedMemBuffer& Ring, int32_t Size) {
-  try {
-    Ring.CreateMemory(Size);
-  } catch (const EOSError& error) {
-    return error.ErrorCode;
-  }
-  return 0;
-}
 
 /// Whether another thread can have the named mutex now.
 bool MutexIsFree(const std::string& Name) {
@@ -106,40 +76,18 @@ TEST(SharedMemBuffer, LayoutAndNamesAreAContractBetweenProcesses) {
   EXPECT_TRUE(MutexIsFree(ring.GetMemoryName() + "Mutex"));
 }
 
-TEST(SharedMemBuffer, CarriesASequenceBetweenTwoProcesses) {
-  TRing ring(1000);
-  TChild producer(test::RoleCommand("ring-producer", {ring.GetMemoryName()}));
-  std::vector<uint8_t> chunk(777);
-  int32_t received = 0;
-  bool right = true;
-  EXPECT_TRUE(test::WaitUntil([&] {
-    auto count = static_cast<int32_t>(chunk.size());
-    ring.ReadData(chunk.data(), count);
-    for (int32_t i = 0; i < count; ++i)
-      right = right && chunk[static_cast<size_t>(i)] == ByteAt(received + i);
-    received += count;
-    return received == Total;
-  }));
-  EXPECT_TRUE(right);
-  EXPECT_EQ(producer.Wait(), 1000u);
-}
-
 TEST(SharedMemBuffer, LocksOutTheOtherThreadsOfAProcess) {
   TRing ring(64);
   int32_t unguarded = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 300; ++i) {
-        ring.Lock();
-        const int32_t before = unguarded;
-        ring.GetCount();
-        unguarded = before + 1;
-        ring.Unlock();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  test::RunThreads(3, [&](int) {
+    for (int i = 0; i < 300; ++i) {
+      ring.Lock();
+      const int32_t before = unguarded;
+      ring.GetCount();
+      unguarded = before + 1;
+      ring.Unlock();
+    }
+  });
   EXPECT_EQ(unguarded, 900);
 }
 
@@ -179,7 +127,7 @@ TEST(SharedMemBuffer, ReleasingGivesBackLockMemoryAndHandles) {
 TEST(SharedMemBuffer, TellsWhyThereIsNoMemory) {
   TSharedMemBuffer opener(false);
   opener.SetMemoryName(test::UniqueName("velox-absent-"));
-  EXPECT_EQ(CreationError(opener, 64), static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(test::ErrorCodeOf([&] { opener.CreateMemory(64); }), ERROR_FILE_NOT_FOUND);
   TSharedMemBuffer creator(true);
   EXPECT_THROW(creator.CreateMemory(-1), Exception);
 }
@@ -193,7 +141,7 @@ TEST(SharedMemBuffer, AFailureMidwayKeepsWhatItGotUntilItIsReleased) {
     {
       // Names are common to all kinds of objects: this one takes the mutex's.
       const THandle event(::CreateEventA(nullptr, FALSE, FALSE, (name + "Mutex").c_str()));
-      EXPECT_EQ(CreationError(ring, 64), static_cast<uint32_t>(ERROR_INVALID_HANDLE));
+      EXPECT_EQ(test::ErrorCodeOf([&] { ring.CreateMemory(64); }), ERROR_INVALID_HANDLE);
       EXPECT_TRUE(THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, name.c_str())));
     }
     const auto again = [&ring] { ring.CreateMemory(64); };

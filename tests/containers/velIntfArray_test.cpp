@@ -31,19 +31,6 @@ class TCounting : public IInterface {
   ULONG References = 0;
 };
 
-/// Ends with its last reference.
-class TMortal final : public TCounting {
- public:
-  TMortal() : TCounting('m') {}
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = TCounting::Release();
-    if (left == 0) delete this;
-    return left;
-  }
-
- private:
-  ~TMortal() { Log += '!'; }
-};
 VELOX_COM_CLASSES_END
 
 std::string Taken() { return std::exchange(Log, {}); }
@@ -79,20 +66,6 @@ TEST(InterfaceArray, TakesAndGivesBackReferencesAtItsMoments) {
   }
   EXPECT_EQ(Taken(), "-a-c");
   EXPECT_EQ(a.References + b.References + c.References, 0u);
-}
-
-TEST(InterfaceArray, AnItemsLastReferenceEndsItThere) {
-  TCounting a('a');
-  TInterfaceArray array;
-  array.Add(new TMortal);
-  array.Add(&a);
-  array.Add(new TMortal);
-  Taken();
-  array.DeleteItem(0);  // overwritten, and "a" by the last one
-  EXPECT_EQ(Taken(), "+a-m!+m-a-m");
-  array.DeleteItem(1);  // cleared
-  EXPECT_EQ(Taken(), "-m!");
-  EXPECT_EQ(Names(array), "a");
 }
 
 TEST(InterfaceArray, KeepsDuplicatesAndNull) {

@@ -347,6 +347,14 @@ TEST(ObjectArray, DefaultOrderIsTheDifferenceOfAddresses) {
   EXPECT_EQ(array.CompareObjects(&objects[0], &objects[1]), -static_cast<int32_t>(sizeof(TNumber)));
 }
 
+TValues Ordered(const TObjectArraySecondaryIndex& Index) {
+  TValues values;
+  for (int32_t i = 0; i < Index.GetCount(); ++i) {
+    values.push_back(static_cast<TNumber*>(Index.GetOrderedItems(i))->Value);
+  }
+  return values;
+}
+
 TEST(ObjectArray, SortsLikeTheStandardLibrary) {
   std::mt19937 random(1);
   for (int size : {0, 1, 2, 3, 10, 1000, 20000}) {
@@ -358,6 +366,10 @@ TEST(ObjectArray, SortsLikeTheStandardLibrary) {
       }
       TValues expected = numbers.Values();
       std::sort(expected.begin(), expected.end());
+      TObjectArraySecondaryIndex index(nullptr);
+      index.OnCompare = ByValue;
+      index.SetSource(&numbers.Array);
+      ASSERT_EQ(Ordered(index), expected) << size << " of " << range;
       numbers.Array.SetSorted(true);
       ASSERT_EQ(numbers.Values(), expected) << size << " of " << range;
     }
@@ -374,14 +386,6 @@ TEST(ObjectArray, ComparisonsThatContradictThemselvesEndInAnException) {
     index.OnCompare = numbers.Array.CompareRoutine;
     EXPECT_EQ(MessageOf([&] { index.UpdateIndex(); }), "Invalid index");
   }
-}
-
-TValues Ordered(const TObjectArraySecondaryIndex& Index) {
-  TValues values;
-  for (int32_t i = 0; i < Index.GetCount(); ++i) {
-    values.push_back(static_cast<TNumber*>(Index.GetOrderedItems(i))->Value);
-  }
-  return values;
 }
 
 TEST(SecondaryIndex, OrdersASnapshotAndLeavesTheSource) {
@@ -402,22 +406,6 @@ TEST(SecondaryIndex, OrdersASnapshotAndLeavesTheSource) {
   EXPECT_EQ(MessageOf([&] { index.GetOrderedItems(4); }), "Invalid index");
   index.SetSource(nullptr);
   EXPECT_EQ(index.GetCount(), 0);
-}
-
-TEST(SecondaryIndex, SortsPositionsLikeTheStandardLibrary) {
-  std::mt19937 random(2);
-  for (unsigned range : {3u, 1u << 30}) {
-    TNumbers numbers({});
-    for (int i = 0; i < 5000; ++i) {
-      numbers.Array.AddItem(numbers.Make(static_cast<int>(random() % range)), i);
-    }
-    TObjectArraySecondaryIndex index(nullptr);
-    index.OnCompare = ByValue;
-    index.SetSource(&numbers.Array);
-    TValues expected = numbers.Values();
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(Ordered(index), expected);
-  }
 }
 
 TEST(StringIndex, ComparesKeysByteByByteKeptOrAskedForAnew) {

@@ -18,27 +18,29 @@ struct TExampleRun {
 };
 
 /// Runs a command line.
-inline TExampleRun RunCommand(const std::string& Command) {
+inline TExampleRun RunCommand(const std::string& Command, bool ReportCarriageReturnLines = false,
+                              const std::string& Folder = {}) {
   TExampleRun run;
   auto keep = [&](const std::string& line) { run.Lines.push_back(line); };
-  run.ExitCode = ExecuteProcess(Command, "", TProcessOutputEvent::To(keep), false, nullptr);
+  run.ExitCode = ExecuteProcess(Command, Folder, TProcessOutputEvent::To(keep),
+                                ReportCarriageReturnLines, nullptr);
   return run;
 }
 
 /// A file beside the test program, where the examples stand.
 inline std::string FileOfPrograms(const std::string& Name) {
-  char program[MAX_PATH] = "";
-  ::GetModuleFileNameA(nullptr, program, sizeof program);
-  return std::string(program, std::string(program).rfind('\\') + 1) + Name;
+  return ExtractFolder(GetProgramFileName()) + Name;
 }
 
-/// An example program.
-inline std::string ExamplePath(const std::string& Name) { return FileOfPrograms(Name + ".exe"); }
+/// The beginning of the command line of an example.
+inline std::string ExampleCommand(const std::string& Name) {
+  return "\"" + FileOfPrograms(Name + ".exe") + "\" ";
+}
 
 /// Runs an example program.
 inline TExampleRun RunExample(const std::string& Name, const TStrings& Arguments) {
-  std::string command = "\"" + ExamplePath(Name) + "\"";
-  for (const std::string& argument : Arguments) command += " \"" + argument + "\"";
+  std::string command = ExampleCommand(Name);
+  for (const std::string& argument : Arguments) command += "\"" + argument + "\" ";
   return RunCommand(command);
 }
 
@@ -66,31 +68,6 @@ inline THandle OpenStream(const std::string& File, DWORD Access, DWORD Dispositi
   SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
   return THandle(::CreateFileA(File.c_str(), Access, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                &inheritable, Disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
-}
-
-/// Starts an example that writes to these; gives its process.
-inline THandle StartExample(const std::string& Name, const std::string& Arguments,
-                            const THandle& Output, const THandle& Errors) {
-  STARTUPINFOA startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = Output.Get();
-  startup.hStdError = Errors.Get();
-  std::string line = "\"" + ExamplePath(Name) + "\" " + Arguments;
-  PROCESS_INFORMATION information{};
-  EXPECT_TRUE(::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                               &startup, &information))
-      << line << ", error " << ::GetLastError();
-  THandle(information.hThread).Reset();
-  return THandle(information.hProcess);
-}
-
-/// The exit code of a process, waiting for its end.
-inline DWORD AwaitExitCode(const THandle& Process, uint32_t Limit = 30'000) {
-  DWORD code = STILL_ACTIVE;
-  EXPECT_TRUE(WaitUntil(
-      [&] { return ::GetExitCodeProcess(Process.Get(), &code) && code != STILL_ACTIVE; }, Limit));
-  return code;
 }
 
 }  // namespace velox::test

@@ -6,6 +6,7 @@
 #include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
 #include "tests/support/temporary_key.hpp"
+#include "velox/runtime/velSystemMessage.hpp"
 
 namespace velox {
 namespace {
@@ -79,12 +80,59 @@ TEST(VelWatch, TellsWhatComesAndGoes) {
     if (Line == "new  a") ::DeleteFileA(folder.File("a").c_str());
     if (Line == "gone a") test::WriteFileBytes(folder.File("wanted"), "");
   };
-  const std::string command =
-      "\"" + test::ExamplePath("velwatch") + "\" \"" + path + "\" 60 wanted";
+  const std::string command = test::ExampleCommand("velwatch") + "\"" + path + "\" 60 wanted";
   EXPECT_EQ(ExecuteProcess(command, "", TProcessOutputEvent::To(react), false, nullptr), 0);
   EXPECT_EQ(lines, (TStrings{"watching " + path, "new  a", "gone a", "new  wanted"}));
   EXPECT_EQ(RunExample("velwatch", {path, "1", "never"}).ExitCode, 2);
   EXPECT_EQ(RunExample("velwatch", {folder.File("none"), "1"}).ExitCode, 1);
+}
+
+class VelMsi : public ::testing::Test {
+ protected:
+  VelMsi() {
+    Run({"create"});
+    Run({"run", "CREATE TABLE `T` (`K` SHORT NOT NULL, `V` LONGCHAR PRIMARY KEY `K`)"});
+  }
+
+  TStrings Run(TStrings Arguments) {
+    Arguments.insert(Arguments.begin(), File_);
+    return test::ExampleOutput("velmsi", Arguments);
+  }
+
+  const test::TTemporaryFolder Folder_;
+  const std::string File_ = Folder_.File("t.msi");
+};
+
+TEST_F(VelMsi, PrintsEachRowInOneLine) {
+  Run({"run", "INSERT INTO `T` (`K`, `V`) VALUES (1, ?)", "a\tb\r\n\\it's"});
+  Run({"run", "INSERT INTO `T` (`K`) VALUES (2)"});
+  EXPECT_EQ(Run({"tables"}), TStrings{"T"});
+  EXPECT_EQ(Run({"export", "T"}), (TStrings{"K\tV", "1\ta\\tb\\r\\n\\\\it's", "2\t"}));
+  EXPECT_EQ(Run({"query", "SELECT `K` FROM `T` WHERE `V` = ?", "none"}), TStrings{});
+  EXPECT_EQ(Run({"query", " select\t`K` FROM `T`"}), (TStrings{"1", "2"}));
+}
+
+TEST_F(VelMsi, RefusesInOneLine) {
+  const TStrings cases[] = {{"create"},
+                            {"export", "None"},
+                            {"export", "a`b"},
+                            {"query", "SELECT `X` FROM `T`"},
+                            {"query", "DELETE FROM `T`"},
+                            {"run", "DELETE `T`"},
+                            {"run"},
+                            {"tables", "T"},
+                            {"other"}};
+  for (TStrings arguments : cases) {
+    arguments.insert(arguments.begin(), File_);
+    test::ExampleRefusal("velmsi", arguments);
+  }
+  for (const std::string& file : {Folder_.File("none.msi"), Folder_.File(".")})
+    EXPECT_TRUE(test::ExampleRefusal("velmsi", {file, "tables"}).starts_with("cannot open "));
+  EXPECT_EQ(Run({"export", "T"}), TStrings{"K\tV"});
+  // That the file is not there is no reason for not creating it.
+  const std::string line =
+      test::ExampleRefusal("velmsi", {Folder_.File("no\\such\\t.msi"), "create"});
+  EXPECT_EQ(line.find(SystemErrorMessage(ERROR_FILE_NOT_FOUND)), std::string::npos) << line;
 }
 
 TEST(VelWords, CountsWords) {

@@ -6,7 +6,6 @@
 
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/runtime/velException.hpp"
-#include "velox/runtime/velStream.hpp"
 
 namespace velox {
 namespace {
@@ -41,15 +40,6 @@ TEST(SysUtilsMemory, BytesCompareAsSignedNumbers) {
   EXPECT_EQ(CompareMemory("\xFF", "\x00", 1), -1);
   EXPECT_EQ(CompareMemory("\x02\x01", "\x01\x02", 2), 1);
   EXPECT_EQ(CompareMemory(nullptr, nullptr, 0), 0);
-}
-
-TEST(SysUtilsMemory, PointersMoveByBytes) {
-  const char text[] = "abcdef";
-  const char* p = text;
-  EXPECT_EQ(PtrInc(p, 2), text);
-  EXPECT_EQ(IncPtr(p, -1), text + 1);
-  EXPECT_EQ(p, text + 1);
-  EXPECT_EQ(OfsPtr(text, 3), text + 3);
 }
 
 TEST(SysUtilsMemory, BuffersGrowByRule) {
@@ -108,21 +98,6 @@ TEST(SysUtilsHex, DumpsLinesOfSixteen) {
   EXPECT_EQ(dump(18), line1 + "> B0 BB");
   EXPECT_EQ(dump(33), line1 + line2 + "60");
   EXPECT_EQ(BinToHex("\xAB\xCD", 2, "", "", "", ""), "ABCD");
-}
-
-TEST(SysUtilsChoices, ChooseAndName) {
-  TObject a, b;
-  EXPECT_EQ(IfThen(true, &a, &b), &a);
-  EXPECT_EQ(IfThen(false, &a, nullptr), nullptr);
-  EXPECT_EQ(IfThen(false, "yes", "no"), "no");
-  EXPECT_EQ(IfThen(true, 1, 2), 1);
-  EXPECT_TRUE(EqualOrUnassinged(nullptr, &b));
-  EXPECT_TRUE(EqualOrUnassinged(&b, &b));
-  EXPECT_FALSE(EqualOrUnassinged(&a, &b));
-  EXPECT_FALSE(EqualOrUnassinged(&a, nullptr));
-  EXPECT_EQ(GetClassName(TClass::Of<TMemoryStream>(), "none"), "TMemoryStream");
-  EXPECT_EQ(GetClassName(TClass(), "none"), "none");
-  EXPECT_EQ(BoolToYesNo(true) + BoolToYesNo(false), "YesNo");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "tests/examples/run_example.hpp"
 #include "tests/support/support.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velSystemMessage.hpp"
@@ -13,33 +14,22 @@
 namespace velox {
 namespace {
 
-/// The code of the EOSError that the call raises, -1 when it raises none.
-template <class F>
-int64_t RaisedCode(F&& Call) {
-  try {
-    Call();
-  } catch (const EOSError& e) {
-    return e.ErrorCode;
-  }
-  return -1;
-}
-
 TEST(SysUtilsErrors, CarryTheCodeAndTheSystemsText) {
-  EXPECT_EQ(RaisedCode([] { RaiseLastOSErrorEx(0); }), 0);
-  EXPECT_EQ(RaisedCode([] { RaiseLastOSErrorEx(-2147024891); }), 0x80070005);
-  EXPECT_EQ(RaisedCode([] { CheckOSResult(0); }), -1);
+  EXPECT_EQ(test::ErrorCodeOf([] { RaiseLastOSErrorEx(0); }), 0);
+  EXPECT_EQ(test::ErrorCodeOf([] { RaiseLastOSErrorEx(-2147024891); }), 0x80070005);
+  EXPECT_EQ(test::ErrorCodeOf([] { CheckOSResult(0); }), -1);
   const auto raise = [] {
     ::SetLastError(ERROR_FILE_NOT_FOUND);
     RaiseLastOSError();
   };
-  EXPECT_EQ(RaisedCode(raise), 2);
+  EXPECT_EQ(test::ErrorCodeOf(raise), 2);
   const std::string text = test::MessageOf(raise);
   EXPECT_NE(text.find(SystemErrorMessage(2)), std::string::npos) << text;
 }
 
 TEST(SysUtilsErrors, FilteredChecksLetTheAllowedPass) {
   const auto check = [](uint32_t error, const auto& allowed) {
-    return RaisedCode([&] {
+    return test::ErrorCodeOf([&] {
       ::SetLastError(error);
       CheckOSResultFiltered(allowed);
     });
@@ -233,20 +223,6 @@ const test::TRole FolderRole("folder", [](const std::vector<std::string>&) {
   return 0;
 });
 
-struct TOutput {
-  int32_t Code = 0;
-  TStrings Lines;
-};
-
-TOutput Execute(const std::string& CommandLine, bool ReportCarriageReturnLines = false,
-                const std::string& Folder = {}) {
-  TOutput output;
-  auto keep = [&](const std::string& line) { output.Lines.push_back(line); };
-  output.Code = ExecuteProcess(CommandLine, Folder, TProcessOutputEvent::To(keep),
-                               ReportCarriageReturnLines, nullptr);
-  return output;
-}
-
 TEST(SysUtilsExecute, CutsTheOutputIntoLines) {
   const std::string full(254, 'x');  // one byte less than is read at once
   const struct {
@@ -267,16 +243,17 @@ TEST(SysUtilsExecute, CutsTheOutputIntoLines) {
     const std::string hex =
         BinToHex(c.Text.data(), static_cast<int32_t>(c.Text.size()), "", "", "", "");
     const std::string command = test::RoleCommand("print", {hex});
-    const TOutput some = Execute(command, false), all = Execute(command, true);
+    const test::TExampleRun some = test::RunCommand(command, false),
+                            all = test::RunCommand(command, true);
     EXPECT_EQ(some.Lines, c.Lines) << hex;
     EXPECT_EQ(all.Lines, c.AllLines) << hex;
-    EXPECT_EQ(some.Code, 7);
+    EXPECT_EQ(some.ExitCode, 7);
   }
 }
 
 TEST(SysUtilsExecute, LosesNothingOfAFlood) {
-  const TOutput output = Execute(test::RoleCommand("flood"));
-  EXPECT_EQ(output.Code, 0);
+  const test::TExampleRun output = test::RunCommand(test::RoleCommand("flood"));
+  EXPECT_EQ(output.ExitCode, 0);
   ASSERT_EQ(output.Lines.size(), FloodLines + 1u);
   for (int32_t i = 0; i < FloodLines; ++i) ASSERT_EQ(output.Lines[i], FloodLine(i));
   EXPECT_EQ(output.Lines.back(), std::string(1 << 20, 'e'));
@@ -298,7 +275,8 @@ TEST(SysUtilsExecute, CancelEndsTheChild) {
 
 TEST(SysUtilsExecute, RunsInTheGivenFolder) {
   const test::TTemporaryFolder folder;
-  const TOutput output = Execute(test::RoleCommand("folder"), false, folder.Path());
+  const test::TExampleRun output =
+      test::RunCommand(test::RoleCommand("folder"), false, folder.Path());
   ASSERT_EQ(output.Lines.size(), 1u);
   EXPECT_EQ(output.Lines[0] + "\\", folder.Path());
 }
@@ -308,7 +286,7 @@ TEST(SysUtilsExecute, FailuresLeaveNothingBehind) {
   auto raise = [](const std::string&) { throw EAssertionFailed("enough"); };
   const auto fail = [&] {
     ::SetLastError(0);
-    EXPECT_EQ(Execute("no-such-program.exe").Code, -1);
+    EXPECT_EQ(test::RunCommand("no-such-program.exe").ExitCode, -1);
     EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
     // The child then ends by itself, since nobody reads what it writes.
     EXPECT_THROW(ExecuteProcess(endless, "", TProcessOutputEvent::To(raise), false, nullptr),

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <new>
 #include <regex>
 #include <sstream>
@@ -127,13 +126,9 @@ TEST(TraceLog, TheFolderCanBeChosen) {
 }
 
 const test::TRole ThreadsRole("trace-threads", [](const TArguments&) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([t] {
-      for (int i = 0; i < 50; ++i) Trace(Format("thread %d record %d", t, i), ttDebug);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  test::RunThreads(8, [](int t) {
+    for (int i = 0; i < 50; ++i) Trace(Format("thread %d record %d", t, i), ttDebug);
+  });
   return 0;
 });
 
@@ -210,27 +205,19 @@ const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments
 TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
   const TLogFolder log;
   EXPECT_EQ(log.Run("trace-memory", "go on"), 0u);
-  const auto lines = log.Lines();
-  const char* labels[] = {
-      "TotalAddrSpace = ", "TotalUncommitted = ", "TotalCommitted = ", "TotalAllocated = ",
-      "TotalFree = ",      "FreeSmall = ",        "FreeBig = ",        "Unused = ",
-      "Overhead = ",       "HeapErrorCode = "};
-  ASSERT_GE(lines.size(), 12u);
-  const size_t first = lines.size() - 12;
-  EXPECT_NE(lines[first - 1].find("Derived: "), std::string::npos);
-  EXPECT_NE(lines[first].find("Out: "), std::string::npos);
-  EXPECT_NE(lines.back().find("Out: "), std::string::npos);
-  std::map<std::string, long long> values;
-  for (size_t i = 0; i < std::size(labels); ++i) {
-    const std::string& line = lines[first + 1 + i];
-    ASSERT_TRUE(IsRecord(line, std::string(labels[i]) + R"(\d+)")) << line;
-    values[labels[i]] = std::stoll(line.substr(line.rfind(' ')));
-  }
-  EXPECT_GT(values["TotalAllocated = "], 0);
-  EXPECT_GE(values["TotalCommitted = "], values["TotalAllocated = "]);
-  EXPECT_EQ(values["TotalAddrSpace = "],
-            values["TotalCommitted = "] + values["TotalUncommitted = "]);
-  EXPECT_EQ(values["HeapErrorCode = "], 0);
+  const std::string all = test::ReadFileBytes(log.Folder.File("app.log"));
+  std::string pattern = "Derived: .*\r\n.*Out: .*\r\n";
+  for (const char* label :
+       {"TotalAddrSpace", "TotalUncommitted", "TotalCommitted", "TotalAllocated", "TotalFree",
+        "FreeSmall", "FreeBig", "Unused", "Overhead", "HeapErrorCode"})
+    pattern += std::string(".*\\]  ") + label + " = (\\d+)\r\n";
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(all, match, std::regex(pattern + ".*Out: .*\r\n$"))) << all;
+  const auto value = [&](size_t Label) { return std::stoll(match[Label]); };
+  EXPECT_GT(value(4), 0);
+  EXPECT_GE(value(3), value(4));
+  EXPECT_EQ(value(1), value(3) + value(2));
+  EXPECT_EQ(value(10), 0);
 
   const TLogFolder ended;
   EXPECT_EQ(ended.Run("trace-memory", "end"), 1u);
@@ -365,6 +352,10 @@ TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
   const THandle thread(TThreadFactory::GetInstance()->CreateThread(
       "Faulty", TThreadExecutionRoutine::To(body), nullptr, id));
   WaitForSingleObjectAlertable(thread.Get());
+  DWORD code = 0;
+  ::GetExitCodeThread(thread.Get(), &code);
+  EXPECT_EQ(code, 1u);
+  EXPECT_EQ(TThreadFactory::GetInstance()->GetThreadName(id), "Faulty");  // is kept
   TThreadFactory::GetInstance()->UnmapName(id);
   EXPECT_TRUE(
       log.Holds("Thread \"Faulty\" ended by an exception: unhandled in a body. Exception at "));

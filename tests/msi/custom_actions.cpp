@@ -79,19 +79,6 @@ VELOX_ACTION(Cancel) {
   });
 }
 
-// The action that it starts suspends the installation; an Installer that does not tell so to who
-// started it is helped out.
-VELOX_ACTION(Suspend) {
-  std::string report;
-  const UINT result = Guard(Session, [&](TMSIInstaller& installer) {
-    report = installer.GetPropertyValue("REPORT");
-    installer.DoAction("ReturnSuspend");
-    throw EMSICaInstallSuspended("Suspend");
-  });
-  Tell(report, Format("returns %u", result));
-  return result;
-}
-
 VELOX_ACTION(Fail) {
   return Guard(Session, [](TMSIInstaller& installer) {
     TMSIView(installer.GetActiveDatabase(), "SELECT `Nothing` FROM `NoSuchTable`").Open();
@@ -101,5 +88,3 @@ VELOX_ACTION(Fail) {
 VELOX_ACTION(ReturnUserExit) {
   return Session == 0 ? ERROR_INVALID_HANDLE : ERROR_INSTALL_USEREXIT;
 }
-
-VELOX_ACTION(ReturnSuspend) { return Session == 0 ? ERROR_INVALID_HANDLE : ERROR_INSTALL_SUSPEND; }

@@ -82,10 +82,8 @@ struct TAction {
 constexpr TAction Actions[] = {
     {"Report", Function, "SCENARIO = \"Report\"", 1600},
     {"Cancel", Function, "SCENARIO = \"Cancel\"", 1601},
-    {"Suspend", Function, "SCENARIO = \"Suspend\"", 1602},
     {"Fail", Function, "SCENARIO = \"Fail\"", 1603},
     {"ReturnUserExit", Function, nullptr, 0},
-    {"ReturnSuspend", Function, nullptr, 0},
     {"Deferred", Function | InScript, nullptr, 0},
 };
 

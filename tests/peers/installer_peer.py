@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import tempfile
 
-from common import FOLDER, Program, cannot_run, check, finish, windows_path
+from common import Program, cannot_run, check, finish, windows_path
 
 
 def ours(database, *arguments):
@@ -63,18 +63,6 @@ def write_ours(folder):
     check("and sees what was deleted", keys == [str(k) for k in range(1, len(TEXTS) + 1) if k != 2], keys)
 
 
-def read_package(folder):
-    package = folder / "package.msi"
-    with Program("velox_tests", "--role=installer-package", windows_path(package)) as program:
-        check("the tests' package is made", program.wait() == 0)
-    streams = theirs("msiinfo", "streams", package).splitlines()
-    check("msiinfo finds its stream", "Binary.Actions" in streams, streams)
-    library = subprocess.run(["msiinfo", "extract", package, "Binary.Actions"], check=True, capture_output=True, timeout=60).stdout
-    check("which holds the whole library", library == (pathlib.Path(FOLDER) / "velox_custom_actions.dll").read_bytes(), len(library))
-    summary = theirs("msiinfo", "suminfo", package)
-    check("and its summary", "{6E7A1E3C-5E0B-4A43-9F0E-6C8A0D5B7F14}" in summary and "1033" in summary, summary)
-
-
 def escaped(text):
     return text.replace("\\", "\\\\")
 
@@ -93,7 +81,6 @@ def main():
     with tempfile.TemporaryDirectory() as name:
         read_theirs(pathlib.Path(name))
         write_ours(pathlib.Path(name))
-        read_package(pathlib.Path(name))
 
 
 main()

@@ -1,15 +1,18 @@
-#include "velox/runtime/velObject.hpp"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <limits>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "velox/runtime/velException.hpp"
+#include "velox/runtime/velMethod.hpp"
+#include "velox/runtime/velObject.hpp"
 #include "velox/runtime/velSingleton.hpp"
+#include "velox/runtime/velStream.hpp"
 
 namespace velox {
 
@@ -103,5 +106,68 @@ TEST(Singleton, AFailedConstructionIsTriedAgain) {
   SingletonDestroy(slot);
 }
 
+struct TCounter {
+  int Total = 0;
+  int Add(int Value) { return Total += Value; }
+  int Peek(int) const { return Total; }
+};
+int Twice(int Value) { return 2 * Value; }
+using TIntMethod = TMethod<int(int)>;
+
+TEST(Method, CallsMembersFunctionsAndCallables) {
+  TCounter counter;
+  EXPECT_EQ(TIntMethod::Bind<&TCounter::Add>(&counter)(3), 3);
+  EXPECT_EQ(TIntMethod::Bind<&TCounter::Peek>(&counter)(0), 3);
+  EXPECT_EQ(TIntMethod::Bind<&Twice>()(21), 42);
+  int seen = 0;
+  auto lambda = [&seen](int Value) { return seen = Value; };
+  TIntMethod::To(lambda)(7);
+  EXPECT_EQ(seen, 7);
+}
+
+TEST(Method, IsAssignedByItsCodeAndEqualByBothParts) {
+  TCounter a;
+  TCounter b;
+  EXPECT_FALSE(TIntMethod());
+  EXPECT_FALSE(TIntMethod(nullptr, &a));
+  EXPECT_TRUE(TIntMethod::Bind<&Twice>());
+  EXPECT_EQ(TIntMethod::Bind<&TCounter::Add>(&a), TIntMethod::Bind<&TCounter::Add>(&a));
+  EXPECT_NE(TIntMethod::Bind<&TCounter::Add>(&a), TIntMethod::Bind<&TCounter::Add>(&b));
+  EXPECT_THROW(TIntMethod()(1), EAssertionFailed);
+}
+
+TEST(MemoryStream, WritesReadsAndSeeks) {
+  TMemoryStream stream;
+  stream.WriteBuffer("hello world", 11);
+  EXPECT_EQ(stream.GetSize(), 11);
+  EXPECT_EQ(stream.Seek(-5, TSeekOrigin::soEnd), 6);
+  char text[16] = "";
+  EXPECT_EQ(stream.Read(text, 16), 5);
+  EXPECT_EQ(std::string(text, 5), "world");
+  EXPECT_EQ(stream.Read(text, 16), 0);
+  EXPECT_THROW(stream.ReadBuffer(text, 1), EReadError);
+  EXPECT_THROW(stream.Seek(-1, TSeekOrigin::soBeginning), EStreamError);
+}
+
+TEST(MemoryStream, WritingBehindTheEndFillsTheGapWithZeros) {
+  TMemoryStream stream("ab", 2);
+  stream.SetPosition(4);
+  stream.WriteBuffer("c", 1);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(stream.GetMemory()), 5),
+            std::string("ab\0\0c", 5));
+  stream.SetSize(1);
+  EXPECT_EQ(stream.GetPosition(), 1);
+}
+
+TEST(MemoryStream, RefusesWhatItCannotHold) {
+  TMemoryStream stream;
+  stream.SetPosition(std::numeric_limits<int32_t>::max());
+  EXPECT_THROW(stream.Write("x", 1), EStreamError);
+  stream.SetPosition(std::numeric_limits<int64_t>::max());
+  EXPECT_THROW(stream.Seek(1, TSeekOrigin::soCurrent), EStreamError);
+  EXPECT_EQ(stream.Read(nullptr, 1), 0);
+  EXPECT_EQ(stream.GetSize(), 0);
+  EXPECT_THROW(TMemoryStream("ab", -1), Exception);
+}
 }  // namespace
 }  // namespace velox

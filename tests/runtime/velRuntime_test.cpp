@@ -7,7 +7,6 @@
 #include <string>
 
 #include "tests/support/support.hpp"
-#include "velox/runtime/velCallbackGuard.hpp"
 #include "velox/runtime/velDateTime.hpp"
 #include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFileStream.hpp"
@@ -70,16 +69,6 @@ TEST(SystemMessage, KnownAndUnknownCodes) {
   EXPECT_FALSE(SystemErrorMessage(ERROR_ACCESS_DENIED).empty());
   EXPECT_EQ(SystemErrorMessage(ERROR_ACCESS_DENIED).find('\n'), std::string::npos);
   EXPECT_EQ(SystemErrorMessage(0x2FFF1234), "Error 805245492");
-}
-
-TEST(CallbackGuard, RaisesKeptExceptionsOldestFirst) {
-  EXPECT_FALSE(HasKeptException());
-  GuardCallback([] { throw Exception("first"); });
-  GuardCallback([] { throw EConvertError("second"); });
-  GuardCallback([] {});
-  EXPECT_EQ(test::MessageOf(&RaiseKeptException), "first");
-  EXPECT_THROW(RaiseKeptException(), EConvertError);
-  EXPECT_NO_THROW(RaiseKeptException());
 }
 
 TEST(OutOfMemory, AFailedNewRaisesTheLibrarysException) {

@@ -9,8 +9,9 @@
 #include <iterator>
 #include <map>
 #include <random>
-
+#include "velox/foundation/velSysUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
+#include "velox/runtime/velException.hpp"
 #include "velox/runtime/velFormat.hpp"
 
 namespace velox::test {
@@ -46,16 +47,17 @@ int RunRole(const std::string& Name, const std::vector<std::string>& Arguments) 
 }
 
 std::string RoleCommand(const std::string& Name, const std::vector<std::string>& Arguments) {
-  char program[MAX_PATH] = "";
-  ::GetModuleFileNameA(nullptr, program, sizeof program);
-  std::string command = Format("\"%s\" --role=%s", program, Name.c_str());
+  std::string command = Format("\"%s\" --role=%s", GetProgramFileName().c_str(), Name.c_str());
   for (const std::string& argument : Arguments) command += " \"" + argument + "\"";
   return command;
 }
 
-TChild::TChild(const std::string& CommandLine) {
+TChild::TChild(const std::string& CommandLine, const THandle& Output, const THandle& Errors) {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
+  if (Output) startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = Output.Get();
+  startup.hStdError = Errors.Get();
   PROCESS_INFORMATION information{};
   std::string line = CommandLine;
   const BOOL started = ::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr,
@@ -69,7 +71,7 @@ TChild::~TChild() {
   if (Process_ && Running()) Kill();
 }
 
-uint32_t TChild::Wait(uint32_t Limit) {
+uint32_t TChild::Wait(uint32_t Limit) const {
   const bool ended = WaitUntil([this] { return !Running(); }, Limit);
   EXPECT_TRUE(ended) << "the child still runs";
   DWORD code = 0;
@@ -79,7 +81,7 @@ uint32_t TChild::Wait(uint32_t Limit) {
 
 bool TChild::Running() const { return ::WaitForSingleObject(Process_.Get(), 0) == WAIT_TIMEOUT; }
 
-void TChild::Kill() {
+void TChild::Kill() const {
   ::TerminateProcess(Process_.Get(), 99);
   ::WaitForSingleObject(Process_.Get(), INFINITE);
 }
@@ -119,6 +121,15 @@ TTemporaryFolder::TTemporaryFolder() {
 TTemporaryFolder::~TTemporaryFolder() {
   std::error_code ignored;
   std::filesystem::remove_all(Path_, ignored);
+}
+
+int64_t ErrorCodeOf(const std::function<void()>& Action) {
+  try {
+    Action();
+  } catch (const EOSError& e) {
+    return e.ErrorCode;
+  }
+  return -1;
 }
 
 std::string ReadFileBytes(const std::string& FileName) {

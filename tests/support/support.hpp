@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/message_of.hpp"
@@ -28,20 +29,22 @@ struct TRole {
 };
 int RunRole(const std::string& Name, const std::vector<std::string>& Arguments);
 
-/// A started child. Its standard streams are this process's own.
+/// A started child.
 class TChild {
  public:
-  /// Runs a command line; the environment and current folder are this process's.
-  explicit TChild(const std::string& CommandLine);
+  /// Runs a command line; the environment and current folder are this process's, and so are the
+  /// standard streams unless others are given.
+  explicit TChild(const std::string& CommandLine, const THandle& Output = {},
+                  const THandle& Errors = {});
   /// Ends the child when it still runs.
   ~TChild();
   TChild(TChild&&) = default;
 
   /// The exit code, waiting for it; fails the case when the child is not done within Limit
   /// milliseconds.
-  uint32_t Wait(uint32_t Limit = 60'000);
+  uint32_t Wait(uint32_t Limit = 60'000) const;
   bool Running() const;
-  void Kill();
+  void Kill() const;
   HANDLE Process() const { return Process_.Get(); }
 
  private:
@@ -50,6 +53,13 @@ class TChild {
 
 /// The command line that runs a role in a child.
 std::string RoleCommand(const std::string& Name, const std::vector<std::string>& Arguments = {});
+
+/// Runs Body on so many threads at once, each with its number, and waits for all.
+template <class TBody>
+void RunThreads(int Count, const TBody& Body) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < Count; ++i) threads.emplace_back([&Body, i] { Body(i); });
+}
 
 /// Bytes that look like noise; the same for the same size.
 std::string Noise(size_t Size);
@@ -82,6 +92,9 @@ class TTemporaryFolder {
  private:
   std::string Path_;
 };
+
+/// The code of the system's error that an action raises; -1 when it raises none.
+int64_t ErrorCodeOf(const std::function<void()>& Action);
 
 /// Whole files.
 std::string ReadFileBytes(const std::string& FileName);

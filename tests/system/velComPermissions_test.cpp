@@ -187,32 +187,6 @@ TEST_F(ComPermissions, AreWrittenDenialsFirstAndReadBack) {
       TComServerPermissions::RegistryValueExists(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission"));
 }
 
-TEST_F(ComPermissions, LeaveAloneWhatCannotBeOpened) {
-  TComServerLaunchPermissions launch(AppID);
-  launch.Apply();
-  const TEntries stored = Stored("LaunchPermission");
-  const test::TReadOnlyKey locked(HKEY_CLASSES_ROOT, AppKey);
-  launch.AddEntryEx("", "Everyone", ptDeny, ptDeny, ptDeny, ptDeny, ptDeny);
-  launch.Apply();
-  EXPECT_EQ(Stored("LaunchPermission"), stored);
-  launch.UseDefault();
-  EXPECT_EQ(Stored("LaunchPermission"), stored);
-}
-
-// Absent and null let everyone in, empty nobody.
-TEST_F(ComPermissions, AreNoEntriesWithoutAListAndWithAnEmptyOne) {
-  for (const auto type : {sdatAbsent, sdatPresentNull, sdatPresentNotNull}) {
-    TSecurityDescriptor descriptor;
-    descriptor.DaclType = type;
-    descriptor.WriteToRegistry(HKEY_CLASSES_ROOT, AppKey, "LaunchPermission");
-    EXPECT_EQ(Entries(TComServerLaunchPermissions(AppID)), TEntries());
-    TSecurityDescriptor read;
-    EXPECT_TRUE(TComServerPermissions::ReadFromRegistry(HKEY_CLASSES_ROOT, AppKey,
-                                                        "LaunchPermission", read));
-    EXPECT_EQ(read.DaclType, type);
-  }
-}
-
 /// As on a system that does not split the rights.
 class TPlainAccess : public TComServerAccessPermissions {
  public:
@@ -231,27 +205,6 @@ TEST_F(ComPermissions, OfOldSystemsMeanEveryRight) {
   plain.Apply();
   EXPECT_EQ(Stored("AccessPermission"), (TEntries{"S-1-1-0 0 1", "S-1-5-18 1 1"}));
   EXPECT_EQ(Entries(TComServerAccessPermissions(AppID)), (TEntries{"S-1-1-0 7 0", "S-1-5-18 0 7"}));
-}
-
-TEST_F(ComPermissions, RefuseDamagedSettings) {
-  TRegistry registry;
-  registry.SetRootKey(HKEY_CLASSES_ROOT);
-  ASSERT_TRUE(registry.OpenKey(AppKey, true));
-  TSecurityDescriptor whole;
-  whole.SetOwner(std::make_unique<TSecurityIdentifier>("", WinWorldSid));
-  whole.DaclType = sdatPresentNotNull;
-  const struct {
-    int32_t Offset;
-    uint8_t Byte;
-  } damages[] = {{0, 2}, {20, 9}, {22, 4}, {24, 1}, {28, 2}};  // of all, the list, the owner
-  for (const auto& damage : damages) {
-    const std::unique_ptr<uint8_t[]> bytes = whole.BuildDescriptor(true);
-    bytes[static_cast<size_t>(damage.Offset)] = damage.Byte;
-    registry.WriteBinaryData("AccessPermission", bytes.get(), whole.GetSize());
-    EXPECT_EQ(test::MessageOf([] { TComServerAccessPermissions{AppID}; }),
-              "Security descriptor is invalid")
-        << damage.Offset;
-  }
 }
 
 }  // namespace

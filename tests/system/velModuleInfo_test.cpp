@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/async/apc_thread.hpp"
 #include "tests/support/support.hpp"
-#include "velox/foundation/velSyncUtils.hpp"
 #include "velox/runtime/velException.hpp"
 
 namespace velox {
@@ -123,39 +123,19 @@ const TThreadInfo* FindThread(const TProcessInfo& Process, DWORD Id) {
   return nullptr;
 }
 
-/// A thread that waits until the object goes.
-struct TWaitingThread {
-  explicit TWaitingThread(const char* Name)
-      : Thread(TThreadFactory::GetInstance()->CreateThread(
-            Name, TThreadExecutionRoutine::Bind<&TWaitingThread::Execute>(this), nullptr, Id)) {
-    // It has its name from the moment it runs.
-    EXPECT_TRUE(
-        test::WaitUntil([&] { return TThreadFactory::GetInstance()->GetThreadName(Id) == Name; }));
-  }
-  ~TWaitingThread() {
-    ::SetEvent(Stop.Get());
-    ::WaitForSingleObject(Thread.Get(), INFINITE);
-  }
-  void Execute(void*) { WaitForSingleObjectAlertable(Stop.Get()); }
-
-  DWORD Id = 0;
-  THandle Stop{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
-  THandle Thread;
-};
-
 TEST(ProcessInfo, KnowsItsThreads) {
-  const TWaitingThread thread("Waiting thread");
-  ::SetThreadPriority(thread.Thread.Get(), THREAD_PRIORITY_HIGHEST);
+  const test::TApcThread thread;
+  ::SetThreadPriority(thread.Handle(), THREAD_PRIORITY_HIGHEST);
   TProcessInfo process(::GetCurrentProcessId());
   EXPECT_EQ(process.GetCallerProcessId(), process.GetProcessId());
   EXPECT_EQ(process.GetHandle(), ::GetCurrentProcess());
 
-  const TThreadInfo* waiting = FindThread(process, thread.Id);
+  const TThreadInfo* waiting = FindThread(process, thread.Id());
   ASSERT_NE(waiting, nullptr);
-  EXPECT_EQ(waiting->GetName(), "Waiting thread");
+  EXPECT_EQ(waiting->GetName(), "APC thread");
   EXPECT_EQ(waiting->GetPriority(), THREAD_PRIORITY_HIGHEST);
   EXPECT_EQ(waiting->GetCallerThreadId(), ::GetCurrentThreadId());
-  EXPECT_EQ(::GetThreadId(waiting->GetHandle()), thread.Id);
+  EXPECT_EQ(::GetThreadId(waiting->GetHandle()), thread.Id());
   EXPECT_NEAR(waiting->GetCreationTime(), Now(), 5 * Minute);
   EXPECT_GE(waiting->GetCreationTime(), process.GetCreationTime());
 
@@ -163,8 +143,8 @@ TEST(ProcessInfo, KnowsItsThreads) {
   ASSERT_NE(own, nullptr);
   EXPECT_EQ(own->GetHandle(), ::GetCurrentThread());
 
-  auto second = std::make_unique<TWaitingThread>("Second");
-  const DWORD added = second->Id;
+  auto second = std::make_unique<test::TApcThread>();
+  const DWORD added = second->Id();
   EXPECT_EQ(FindThread(process, added), nullptr);
   process.Refresh();
   EXPECT_NE(FindThread(process, added), nullptr);

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/examples/run_example.hpp"
 #include "tests/support/temporary_key.hpp"
-#include "velox/foundation/velSysUtils.hpp"
+#include "velox/foundation/velStringUtils.hpp"
 
 namespace velox {
 namespace {
@@ -22,12 +23,9 @@ class RegistryEx : public ::testing::Test {
 /// What the system's own program shows of a key: its lines without blanks at either end.
 TStrings QueryRegistry(const std::string& Path) {
   TStrings lines;
-  auto keep = [&](const std::string& line) {
-    const size_t begin = line.find_first_not_of(' ');
-    if (begin != std::string::npos) lines.push_back(line.substr(begin));
-  };
   const std::string command = "reg query \"HKEY_CURRENT_USER\\" + Path + "\"";
-  EXPECT_EQ(ExecuteProcess(command, "", TProcessOutputEvent::To(keep), false, nullptr), 0);
+  for (const std::string& line : test::RunCommand(command).Lines)
+    if (!Trim(line).empty()) lines.push_back(Trim(line));
   return lines;
 }
 
