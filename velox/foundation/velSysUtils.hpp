@@ -14,13 +14,16 @@
 
 struct _FILETIME;
 
+#undef GetClassName  // windows.h may have come first
+
 /// Small helpers that the whole library uses: checks of the operating system's results, tests of
 /// memory, hexadecimal text, paths, switches of the command line, growth of buffers, and a child
 /// process whose output is read by lines.
 ///
 /// The header needs nothing of Windows, so that portable code can use the helpers which are
-/// portable themselves (memory, pointers, hexadecimal text, buffer growth, the choices). All
-/// functions may be called by any thread.
+/// portable themselves (memory, pointers, hexadecimal text, buffer growth, the choices). Where it
+/// is used together with Windows' own, velWindows.hpp stands in for windows.h. All functions may be
+/// called by any thread.
 namespace velox {
 
 // ---------------------------------------------------------------------------- the system's results
