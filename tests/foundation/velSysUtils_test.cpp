@@ -117,8 +117,9 @@ TEST(SysUtilsTime, FileTimesBecomeLocal) {
   FILETIME now;
   ::GetSystemTimeAsFileTime(&now);
   EXPECT_NEAR(FileTimeToDateTime(now), Now(), Minute);
-  const FILETIME invalid{0xFFFFFFFF, 0xFFFFFFFF};
+  const FILETIME invalid{0xFFFFFFFF, 0xFFFFFFFF}, year10000{0, 0x25000000};
   EXPECT_THROW(FileTimeToDateTime(invalid), EOSError);
+  EXPECT_THROW(FileTimeToDateTime(year10000), EOSError);
 }
 
 TEST(SysUtilsTime, ThrottlesToOnceASecond) {

@@ -169,6 +169,7 @@ TDateTime FileTimeToDateTime(const FILETIME& FileTime) {
   SYSTEMTIME time;
   if (!::FileTimeToLocalFileTime(&FileTime, &local) || !::FileTimeToSystemTime(&local, &time))
     RaiseLastOSError();
+  if (time.wYear > 9999) RaiseLastOSErrorEx(ERROR_INVALID_PARAMETER);  // no date-time
   return SystemTimeToDateTime(time);
 }
 

@@ -162,7 +162,7 @@ VELOX_API std::string ExpandToAbsolutePath(const std::string& BasePath, const st
 // -------------------------------------------------------------------------------------------- time
 
 /// A file's time (100-ns units, universal time) as local date-time, to the millisecond. Raises
-/// EOSError when the system can't convert it.
+/// EOSError when the system can't convert it, and for years from 10000 on.
 VELOX_API TDateTime FileTimeToDateTime(const _FILETIME& FileTime);
 
 /// Throttles what repeats to once a second: when more than one second has passed since LastTime,
