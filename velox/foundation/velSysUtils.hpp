@@ -200,16 +200,21 @@ using TProcessOutputEvent = TMethod<void(const std::string&)>;
 ///
 /// A line ends at a line feed, or at a carriage return without one. The latter is how a program
 /// rewrites a line in place, such as a counter of progress: those lines are passed on only when
-/// ReportCarriageReturnLines is set. A last line without an end is passed on as well. The calling
-/// thread runs no APCs meanwhile.
+/// ReportCarriageReturnLines is set. A last line without an end is passed on as well. A line is
+/// kept in memory until its end comes, however long it gets. The calling thread runs no APCs
+/// meanwhile.
+///
+/// Returns when the child has ended and everyone who holds its output has closed that: a program
+/// which the child has started inherits it as a rule, and is then waited for like the child.
 ///
 /// CurrentDirectory may be empty: the caller's own. Another thread may set *Cancel (it is cleared
 /// when the child has been started): the child is then ended with exit code 1223 as soon as it next
 /// writes something; a child that stays silent is waited for.
 ///
-/// Returns the child's exit code, -1 when that could not be obtained. A child that can't be started
-/// also gives -1, and the reason is the thread's last error; a pipe that can't be made gives its
-/// error code as the result. An exception from OnOutput passes through; the child goes on without a
+/// The result is the child's exit code, and the thread's last error is 0, also when that code is
+/// -1. Any other last error is the reason for a failure, and the result is no exit code: -1 when
+/// the child could not be started or its exit code not be obtained, the error code itself when no
+/// pipe could be made. An exception from OnOutput passes through; the child goes on without a
 /// reader.
 ///
 ///     TStrings lines;
