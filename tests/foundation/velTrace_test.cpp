@@ -191,6 +191,7 @@ TEST(TraceLog, ExceptionsAndSystemErrorsAreDescribed) {
 class EOutOfItsMemory : public EOutOfMemory {};
 
 const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments) {
+  const std::string large(16 << 20, 'x');  // has address space of its own
   TerminateOnOutOfMemoryRequired = Arguments.at(0) == "end";
   try {
     throw EOutOfItsMemory();  // has another name, and so does not count
