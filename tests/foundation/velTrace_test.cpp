@@ -421,6 +421,24 @@ TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
 
+// A second velox.dll, which this program does not hold by itself.
+const test::TRole UnloadRole("trace-unload", [](const TArguments&) {
+  const std::string folder = ExtractFolder(GetProgramFileName());
+  ::CopyFileA((folder + "velox.dll").c_str(), (folder + "copy.dll").c_str(), FALSE);
+  const HMODULE library = ::LoadLibraryA((folder + "copy.dll").c_str());
+  const auto distance = reinterpret_cast<uintptr_t>(library) -
+                        reinterpret_cast<uintptr_t>(::GetModuleHandleA("velox.dll"));
+  const auto queue = reinterpret_cast<decltype(&TraceAndQueueUserAPC)>(
+      reinterpret_cast<uintptr_t>(&TraceAndQueueUserAPC) + distance);
+  int number = 0;
+  queue(&AddOne, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&number));
+  ::FreeLibrary(library);
+  ::SleepEx(0, TRUE);
+  return number;
+});
+
+TEST(UserAPC, KeepsTheLibraryLoaded) { EXPECT_EQ(TLogFolder().Run("trace-unload"), 1u); }
+
 TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
   const test::TLogSince log;
   auto body = [](void*) { throw Exception("unhandled in a body"); };

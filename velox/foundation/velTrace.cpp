@@ -379,6 +379,7 @@ void TraceThread(std::string_view Text) noexcept {
 }
 
 DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {
+  PinLibrary();
   std::unique_ptr<TUserAPC> call(new (std::nothrow) TUserAPC{++UserAPCCount, APC, Thread, Data});
   if (call == nullptr) {
     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);

@@ -115,7 +115,8 @@ VELOX_API void TraceThread(std::string_view Text) noexcept;
 
 /// Queues APC(Data) to a thread, which runs it when it next waits alertably. An exception that
 /// escapes it is written to the log and raised on that thread by the wait of the library that ran
-/// it. Returns QueueUserAPC's result: 0 when the APC could not be queued (see GetLastError).
+/// it. Returns QueueUserAPC's result: 0 when the APC could not be queued (see GetLastError). The
+/// first call keeps this library loaded until the process ends.
 VELOX_API DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data);
 
 }  // namespace velox
