@@ -74,7 +74,7 @@ void Send(TChannel& Channel, const std::string& Text) {
 
 //! [limit]
 /// Writes to a channel and waits for the end; tells whether all was carried in time. Done is the
-/// event that its OnComplete sets.
+/// event that its OnComplete sets. (Milliseconds should be at least the size divided by 1500.)
 bool SendInTime(TTransferOperation& Write, HANDLE Done, int32_t Milliseconds) {
   Write.SetAutoTimeout(false);
   Write.SetTimeout(Milliseconds);  // for the whole operation; each chunk gets its share
@@ -112,6 +112,34 @@ void SendTo(TUDPChannel& Channel, const std::string& Address, uint16_t Port,
 }
 //! [datagram]
 
+//! [datagrams]
+/// Receives datagrams of up to 1500 bytes.
+class TDatagramReader {
+ public:
+  explicit TDatagramReader(TUDPChannel& Channel) : Read_(Channel.CreateOperation()) {
+    Read_->SetBuffer(Buffer_);
+    Read_->SetSize(sizeof Buffer_);
+    Read_->SetAutoTimeout(false);  // no limit
+    Read_->SetOnTransferred(TOperationTransferEvent::Bind<&TDatagramReader::OnReceived>(this));
+    Read_->SetActive(true);
+  }
+
+  std::vector<std::string> Datagrams;  // only OnReceived touches them until Done is signalled
+  THandle Done{::CreateEventA(nullptr, FALSE, FALSE, nullptr)};
+
+ private:
+  void OnReceived(TObject*,
+                  bool& Reset) {  // each datagram is a chunk, up to the size of the buffer
+    Datagrams.emplace_back(Buffer_, Buffer_ + Read_->GetTransferred());
+    Reset = true;
+    if (Datagrams.size() == 2) ::SetEvent(Done.Get());
+  }
+
+  char Buffer_[1501];  // one more than a datagram has
+  const std::unique_ptr<TTransferOperation> Read_;
+};
+//! [datagrams]
+
 /// The port that the system chose.
 uint16_t PortOf(const TUDPChannel& Channel) {
   SOCKADDR_IN address{};
@@ -142,21 +170,22 @@ void RunChannels() {
   TUDPChannel from, to;
   from.SetActive(true);
   to.SetActive(true);
-  TRecordReader receiver(to, 4);
-  receiver.Start();
-  SendTo(from, "127.0.0.1", PortOf(to), "ABCD");
-  SendTo(from, "127.0.0.1", PortOf(to), "EFGH");
+  TDatagramReader receiver(to);
+  SendTo(from, "127.0.0.1", PortOf(to), "ABC");
+  SendTo(from, "127.0.0.1", PortOf(to), "DEFGH");
   WaitForSingleObjectAlertable(receiver.Done.Get());
-  Expect(receiver.Records.size() == 2, "two datagrams come");
+  Expect(receiver.Datagrams == std::vector<std::string>{"ABC", "DEFGH"}, "two datagrams come");
 
   TDone done;
   char text[] = "IJKL";
-  const std::unique_ptr<TTransferOperation> write = client.CreateOperation();
+  const std::unique_ptr<TTransferOperation> write = from.CreateOperation();
+  static_cast<TIPOperation&>(*write).SetAddress("127.0.0.1");
+  static_cast<TIPOperation&>(*write).SetPort(PortOf(to));
   write->SetKind(TOperationKind::okWrite);
   write->SetBuffer(text);
   write->SetSize(4);
   write->SetOnComplete(TOperationNotificationEvent::Bind<&TDone::OnComplete>(&done));
-  Expect(SendInTime(*write, done.Event.Get(), 1000), "a write to shared memory succeeds");
+  Expect(SendInTime(*write, done.Event.Get(), 1000), "a datagram is sent in time");
 }
 
 }  // namespace samples

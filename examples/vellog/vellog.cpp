@@ -23,16 +23,12 @@ void OnLine(const std::string& Line) {
   std::fflush(stdout);
 }
 
-/// A command line of words none of which holds a quotation mark.
-std::string CommandLine(int Count, char** Words) {
-  std::string line;
-  for (int i = 0; i < Count; ++i) {
-    const std::string word = Words[i];
-    if (word.find('"') != word.npos) throw Exception("Arguments with \" can't be passed on");
-    const bool plain = !word.empty() && word.find_first_of(" \t") == word.npos;
-    line += (i > 0 ? " " : "") + (plain ? word : '"' + word + '"');
-  }
-  return line;
+/// What follows this program's own name in its command line, as it was written: the words alone
+/// don't tell how they were quoted.
+std::string CommandLine() {
+  const std::string line = ::GetCommandLineA();
+  const size_t end = line[0] == '"' ? line.find('"', 1) + 1 : line.find_first_of(" \t");
+  return line.substr(line.find_first_not_of(" \t", end));
 }
 
 }  // namespace
@@ -43,13 +39,12 @@ int main(int argc, char** argv) try {
     std::fputs("usage: vellog PROGRAM ARGUMENT...\n", help ? stdout : stderr);
     return help ? 0 : 1;
   }
-  const std::string command = CommandLine(argc - 1, argv + 1);
+  const std::string command = CommandLine();
   Trace("begins: " + command, ttDebug);
-  ::SetLastError(0);
   const int32_t code =
       ExecuteProcess(command, "", TProcessOutputEvent::Bind<&OnLine>(), false, nullptr);
-  const DWORD error = ::GetLastError();
-  if (code == -1 && error != 0) throw Exception("Cannot run it: " + SystemErrorMessage(error));
+  if (const DWORD error = ::GetLastError(); error != 0)
+    throw Exception("Cannot run it: " + SystemErrorMessage(error));
   Trace(Format("ended with exit code %d", code), ttDebug);
   return code;
 } catch (const std::exception& e) {

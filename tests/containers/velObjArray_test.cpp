@@ -381,7 +381,8 @@ TEST(ObjectArray, ComparisonsThatContradictThemselvesEndInAnException) {
   for (int32_t answer : {-1, 1}) {
     auto same = [answer](TObject*, TObject*) { return answer; };
     numbers.Array.CompareRoutine = TObjectCompareRoutine::To(same);
-    EXPECT_EQ(MessageOf([&] { numbers.Array.Sort(); }), "Invalid index");
+    EXPECT_EQ(MessageOf([&] { numbers.Array.SetSorted(true); }), "Invalid index");
+    EXPECT_FALSE(numbers.Array.GetSorted());
     TObjectArraySecondaryIndex index(&numbers.Array);
     index.OnCompare = numbers.Array.CompareRoutine;
     EXPECT_EQ(MessageOf([&] { index.UpdateIndex(); }), "Invalid index");

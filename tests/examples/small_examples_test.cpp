@@ -59,14 +59,30 @@ TEST(VelList, WritesShowsAndDeletes) {
             "Cannot open the key " + key.Path() + "\\none");
 }
 
+test::TExampleRun RunVelLog(const std::string& Command) {
+  return test::RunCommand("\"" + test::ExamplePath("vellog") + "\"  " + Command);
+}
+
 TEST(VelLog, KeepsWhatAProgramPrints) {
   const std::string text = test::UniqueName("said ");
-  const auto run = RunExample("vellog", {"cmd.exe", "/c", "echo " + text + "& exit 7"});
+  const auto run = RunVelLog("cmd.exe /c \"echo " + text + "& exit 7\"");
   EXPECT_EQ(run.ExitCode, 7);
   EXPECT_EQ(run.Lines, TStrings{text});
   const std::string log = test::ReadFileBytes(test::FileOfPrograms("vellog.log"));
   EXPECT_NE(log.find("]  " + text + "\r\n"), std::string::npos);
-  EXPECT_EQ(RunExample("vellog", {"no_such_program"}).ExitCode, 1);
+  EXPECT_EQ(RunVelLog("no_such_program").ExitCode, 1);
+  EXPECT_EQ(RunVelLog("cmd.exe /c \"exit -1\"").ExitCode, -1);
+}
+
+const test::TRole WordsRole("words", [](const TStrings& Words) {
+  for (const std::string& word : Words) std::printf("%s\n", word.c_str());
+  return 0;
+});
+
+TEST(VelLog, PassesEachWordOnAsItIs) {
+  const TStrings written{R"(ends with a\\)", R"(a \"quoted\" one)", "", "last"};
+  EXPECT_EQ(RunVelLog(test::RoleCommand("words", written)).Lines,
+            (TStrings{R"(ends with a\)", R"(a "quoted" one)", "", "last"}));
 }
 
 TEST(VelWatch, TellsWhatComesAndGoes) {

@@ -107,8 +107,9 @@ TEST(SysUtilsTime, FileTimesBecomeLocal) {
   FILETIME now;
   ::GetSystemTimeAsFileTime(&now);
   EXPECT_NEAR(FileTimeToDateTime(now), Now(), Minute);
-  const FILETIME invalid{0xFFFFFFFF, 0xFFFFFFFF};
+  const FILETIME invalid{0xFFFFFFFF, 0xFFFFFFFF}, year10000{0, 0x25000000};
   EXPECT_THROW(FileTimeToDateTime(invalid), EOSError);
+  EXPECT_THROW(FileTimeToDateTime(year10000), EOSError);
 }
 
 TEST(SysUtilsTime, ThrottlesToOnceASecond) {
@@ -189,14 +190,15 @@ void Print(const std::string& Text) {
               &written, nullptr);
 }
 
-/// Writes the bytes that its argument spells in hexadecimal; ends with code 7.
+/// Writes the bytes that its argument spells in hexadecimal; ends with the code that another one
+/// gives, else 7.
 const test::TRole PrintRole("print", [](const std::vector<std::string>& Arguments) {
   std::string text;
   for (size_t i = 0; i + 1 < Arguments.at(0).size(); i += 2) {
     text += static_cast<char>(DigitToByte(Arguments[0][i]) << 4 | DigitToByte(Arguments[0][i + 1]));
   }
   if (!text.empty()) Print(text);
-  return 7;
+  return Arguments.size() > 1 ? std::stoi(Arguments[1]) : 7;
 });
 
 constexpr int32_t FloodLines = 1500;
@@ -279,6 +281,14 @@ TEST(SysUtilsExecute, RunsInTheGivenFolder) {
       test::RunCommand(test::RoleCommand("folder"), false, folder.Path());
   ASSERT_EQ(output.Lines.size(), 1u);
   EXPECT_EQ(output.Lines[0] + "\\", folder.Path());
+}
+
+TEST(SysUtilsExecute, AChildsOwnMinusOneIsNoFailure) {
+  const TOutput output = Execute(test::RoleCommand("print", {"4142", "-1"}));
+  const DWORD error = ::GetLastError();
+  EXPECT_EQ(output.Code, -1);
+  EXPECT_EQ(error, 0u);
+  EXPECT_EQ(output.Lines, TStrings{"AB"});
 }
 
 TEST(SysUtilsExecute, FailuresLeaveNothingBehind) {

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/replaced_import.hpp"
 #include "tests/support/support.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -89,6 +89,38 @@ TEST(TraceLog, ARecordIsALineAndTheFirstIsPrecededByABanner) {
   EXPECT_TRUE(IsRecord(lines[first + 1], "again"));
 }
 
+HANDLE WINAPI NoSnapshot(DWORD, DWORD) { return INVALID_HANDLE_VALUE; }
+BOOL WINAPI WriteTenBytes(HANDLE File, const void* Data, DWORD, DWORD* Written, OVERLAPPED*) {
+  return ::WriteFile(File, Data, 10, Written, nullptr);
+}
+
+const test::TRole LateRole("trace-late", [](const TArguments&) {
+  {
+    const test::TReplacedImport silent("velox.dll", "kernel32.dll", "CreateToolhelp32Snapshot",
+                                       &NoSnapshot);
+    {
+      const test::TReplacedImport full("velox.dll", "kernel32.dll", "WriteFile", &WriteTenBytes);
+      Trace("torn", ttDebug);
+    }
+    Trace("one", ttDebug);
+    Trace("two", ttDebug);
+  }
+  Trace("three", ttDebug);
+  return 0;
+});
+
+TEST(TraceLog, WhatIsMissingOfTheBannerComesLaterAndATornLineEnds) {
+  const TLogFolder log;
+  EXPECT_EQ(log.Run("trace-late"), 0u);
+  const auto lines = log.Lines();
+  const char* expected[] = {"Module version: .*", "one", "two", "Module started: .*", "three"};
+  ASSERT_EQ(lines.size(), 1 + std::size(expected));
+  EXPECT_EQ(lines[0].size(), 10u);
+  for (size_t i = 0; i < std::size(expected); ++i) {
+    EXPECT_TRUE(IsRecord(lines[i + 1], expected[i])) << lines[i + 1];
+  }
+}
+
 TEST(TraceLog, RotatesAtExactly104857600Bytes) {
   const TLogFolder log;
   log.MakeFile("app.log", 104'857'599);
@@ -109,9 +141,56 @@ TEST(TraceLog, AFullFileThatCannotBeRenamedLosesTheRecordOnly) {
   EXPECT_EQ(log.Size("app.log"), 104'857'600u);
 }
 
+// Another process renames the full file, and begins a new one.
+void RotateElsewhere() {
+  const std::string file = TTracer::GetInstance()->GetFileName();
+  ::MoveFileA(file.c_str(), (file + ".1").c_str());
+  test::WriteFileBytes(file, "other\r\n");
+}
+DWORD WINAPI WaitForTurn(HANDLE, DWORD) {
+  RotateElsewhere();
+  return WAIT_OBJECT_0;
+}
+BOOL WINAPI Move(const char*, const char*) {
+  RotateElsewhere();
+  return TRUE;
+}
+
+const test::TRole TurnRole("trace-turn", [](const TArguments& Arguments) {
+  const bool before = Arguments.at(0) == "before";
+  const test::TReplacedImport meanwhile(
+      "velox.dll", "kernel32.dll", before ? "WaitForSingleObject" : "MoveFileA",
+      before ? reinterpret_cast<void (*)()>(&WaitForTurn) : reinterpret_cast<void (*)()>(&Move));
+  Trace("own", ttDebug);
+  return 0;
+});
+
+TEST(TraceLog, ARotationByAnotherProcessMeanwhileCostsNothing) {
+  for (const char* when : {"before", "after"}) {
+    const TLogFolder log;
+    log.MakeFile("app.log", 104'857'600);
+    EXPECT_EQ(log.Run("trace-turn", when), 0u);
+    EXPECT_EQ(log.Size("app.log.1"), 104'857'600u) << when;
+    const auto lines = log.Lines();
+    EXPECT_EQ(lines.front(), "other") << when;
+    EXPECT_TRUE(IsRecord(lines.back(), "own")) << when;
+  }
+}
+
+DWORD WINAPI NoFileName(HMODULE, char*, DWORD) {
+  ::SetLastError(ERROR_ACCESS_DENIED);
+  return 0;
+}
+
 const test::TRole SubdirRole("trace-subdir", [](const TArguments& Arguments) {
   TTracer& tracer = *TTracer::GetInstance();
   const std::string beside = tracer.GetFileName();
+  {
+    const test::TReplacedImport failing("velox.dll", "kernel32.dll", "GetModuleFileNameA",
+                                        &NoFileName);
+    test::MessageOf([&] { tracer.SetProgramDataSubdir(Arguments.at(0)); });
+  }
+  if (!tracer.GetProgramDataSubdir().empty()) return 2;  // what failed can be tried again
   tracer.SetProgramDataSubdir(Arguments.at(0));
   Trace("here", ttDebug);
   // Where the system knows no folder for all users, the log stays beside the program.
@@ -186,6 +265,7 @@ TEST(TraceLog, ExceptionsAndSystemErrorsAreDescribed) {
 class EOutOfItsMemory : public EOutOfMemory {};
 
 const test::TRole OutOfMemoryRole("trace-memory", [](const TArguments& Arguments) {
+  const std::string large(16 << 20, 'x');  // has address space of its own
   TerminateOnOutOfMemoryRequired = Arguments.at(0) == "end";
   try {
     throw EOutOfItsMemory();  // has another name, and so does not count
@@ -228,27 +308,10 @@ TEST(TraceLog, TheFirstOutOfMemoryReportsTheHeapAndMayEndTheProcess) {
 bool NoMemory = false;
 void* Allocate(size_t Size) { return NoMemory ? nullptr : std::malloc(Size); }
 
-// Has the C++ runtime, and so every `new` of the process, ask Allocate for memory.
-bool ReplaceAllocation() {
-  auto* const base = reinterpret_cast<uint8_t*>(::GetModuleHandleA("libstdc++-6.dll"));
-  if (base == nullptr) return false;
-  const auto* dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-  const auto& header = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew)->OptionalHeader;
-  const auto& table = header.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
-  auto** const imports = reinterpret_cast<const void**>(base + table.VirtualAddress);
-  const auto* wanted =
-      reinterpret_cast<const void*>(::GetProcAddress(::GetModuleHandleA("msvcrt.dll"), "malloc"));
-  const auto found = std::find(imports, imports + table.Size / sizeof *imports, wanted);
-  DWORD before = 0;
-  if (found == imports + table.Size / sizeof *imports ||
-      !::VirtualProtect(found, sizeof *found, PAGE_READWRITE, &before))
-    return false;
-  *found = reinterpret_cast<const void*>(&Allocate);
-  return true;
-}
-
 const test::TRole NoMemoryRole("trace-no-memory", [](const TArguments&) {
-  if (!ReplaceAllocation()) return 2;
+  // Where every `new` of the process gets its memory.
+  const test::TReplacedImport malloc("libstdc++-6.dll", "msvcrt.dll", "malloc", &Allocate);
+  if (!malloc) return 2;
   TerminateOnOutOfMemoryRequired = true;
   []() noexcept {
     NoMemory = true;
@@ -344,6 +407,24 @@ TEST(UserAPC, RunsOnTheThreadAndItsExceptionReachesTheWait) {
           R"(Error  : APC = [0-9A-F]{8,16}, hThread = [0-9A-F]{8}, dwData = 000000AB: inside the APC\. EConvertError)")));
   EXPECT_EQ(TraceAndQueueUserAPC(&AddOne, nullptr, 0), 0u);
 }
+
+// A second velox.dll, which this program does not hold by itself.
+const test::TRole UnloadRole("trace-unload", [](const TArguments&) {
+  const std::string folder = ExtractFolder(GetProgramFileName());
+  ::CopyFileA((folder + "velox.dll").c_str(), (folder + "copy.dll").c_str(), FALSE);
+  const HMODULE library = ::LoadLibraryA((folder + "copy.dll").c_str());
+  const auto distance = reinterpret_cast<uintptr_t>(library) -
+                        reinterpret_cast<uintptr_t>(::GetModuleHandleA("velox.dll"));
+  const auto queue = reinterpret_cast<decltype(&TraceAndQueueUserAPC)>(
+      reinterpret_cast<uintptr_t>(&TraceAndQueueUserAPC) + distance);
+  int number = 0;
+  queue(&AddOne, ::GetCurrentThread(), reinterpret_cast<ULONG_PTR>(&number));
+  ::FreeLibrary(library);
+  ::SleepEx(0, TRUE);
+  return number;
+});
+
+TEST(UserAPC, KeepsTheLibraryLoaded) { EXPECT_EQ(TLogFolder().Run("trace-unload"), 1u); }
 
 TEST(UserAPC, AThreadsBodyThatRaisesIsLogged) {
   const test::TLogSince log;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/async/apc_thread.hpp"
+#include "tests/support/replaced_import.hpp"
 #include "tests/support/support.hpp"
 #include "velox/runtime/velException.hpp"
 
@@ -152,6 +153,22 @@ TEST(ProcessInfo, KnowsItsThreads) {
   process.Refresh();
   EXPECT_EQ(FindThread(process, added), nullptr);
   EXPECT_THROW(process.GetThreadInfo(process.GetThreadInfoCount()), Exception);
+}
+
+HANDLE WINAPI OpenNoThread(DWORD, BOOL, DWORD) {
+  ::SetLastError(ERROR_ACCESS_DENIED);
+  return nullptr;
+}
+
+TEST(ProcessInfo, AFailedRefreshLeavesTheThreads) {
+  const test::TApcThread thread;
+  TProcessInfo process(::GetCurrentProcessId());
+  const TThreadInfo* const before = FindThread(process, thread.Id());
+  {
+    const test::TReplacedImport failing("velox.dll", "kernel32.dll", "OpenThread", &OpenNoThread);
+    EXPECT_THROW(process.Refresh(), EOSError);
+  }
+  EXPECT_EQ(FindThread(process, thread.Id()), before);
 }
 
 TEST(ProcessInfo, TimesAreTheSystems) {

@@ -42,6 +42,7 @@ class VELOX_API TPendingGate {
   /// that may destroy itself.
   class TStay {
    public:
+    /// The gate is borrowed.
     explicit TStay(TPendingGate& AGate) noexcept : Inside_(AGate.Inside_) { ++Inside_; }
     ~TStay() { --Inside_; }
     TStay(const TStay&) = delete;

@@ -429,8 +429,9 @@ class VELOX_API TCommunicationOperationQueueForWriting : public TCommunicationOp
 ///
 /// Reads end in time as on every channel; with AutoTimeout by the bandwidth, which is that of the
 /// line settings after opening, and the latence. A read that waits is a chunk of one byte, whose
-/// time by the bandwidth alone comes to nothing, which is no limit: **set the latence**, or a
-/// Timeout of (wait * Size). (In the older way, with an event, a read has no time limit.) The
+/// time by the bandwidth alone is nothing from 19,200 baud on, which is no limit, and a few
+/// milliseconds below, which ends nearly every read: **set the latence**, or a Timeout of
+/// (wait * Size). (In the older way, with an event, a read has no time limit.) The
 /// driver's own read timeouts end no operation: a request that they end without a byte is made
 /// again, and its time begins anew.
 ///

@@ -163,10 +163,11 @@ void TObjectArray::SetAllocCount(int32_t Value) {
 
 void TObjectArray::SetSorted(bool Value) {
   if (Sorted_ == Value) return;
+  if (Value) {
+    LastObject_ = nullptr;
+    Sort();
+  }
   Sorted_ = Value;
-  if (!Sorted_) return;
-  LastObject_ = nullptr;
-  Sort();
 }
 
 void TObjectArray::DoModifying(TObject* AObject, TContainerModifyAction Action, bool& Accept) {

@@ -24,8 +24,12 @@ namespace velox {
 /// asked for again. The remembered state follows insertions and deletions only coarsely: an
 /// insertion marks the remembered reference as found, a deletion as absent, at the position it was
 /// found at; Clear, Delete by index, MoveTo and switching Sorted on forget it (asked for null,
-/// FindItem then answers with what was remembered). An exact hit within the halving of a sorted
-/// array leaves it as it was.
+/// FindItem then answers with what was remembered); Sort does not. An exact hit within the halving
+/// of a sorted array leaves it as it was.
+///
+/// So the answer may be out of date when the object's key has changed since, or when a new object
+/// has got the address of one that is gone. Delete(IndexOf(object)) forgets, Delete(object) does
+/// not: use the former before you change an item's key, and for an item that is freed.
 ///
 /// Threads: one at a time; callers that share an array lock around it.
 class VELOX_API TObjectArray : public TObject {
@@ -69,7 +73,8 @@ class VELOX_API TObjectArray : public TObject {
   /// Takes an item out and puts it at ToIndex; no events. Equal indexes do nothing, not even
   /// checks. Raises Exception "Cannot move element in sorted array".
   void MoveTo(int32_t FromIndex, int32_t ToIndex);
-  /// Sorts by CompareRoutine; equal items may change places. No events.
+  /// Sorts by CompareRoutine; equal items may change places. No events. When a comparison raises,
+  /// all items are still there, in any order.
   void Sort();
 
   /// The item at Index. The array stays its owner, if it is.
@@ -86,7 +91,8 @@ class VELOX_API TObjectArray : public TObject {
   /// As given to the constructor.
   TClass GetItemClass() const noexcept { return ItemClass_; }
 
-  /// Whether the array keeps itself sorted. Switching it on sorts.
+  /// Whether the array keeps itself sorted. Switching it on sorts; when a comparison raises, it
+  /// stays off.
   bool GetSorted() const noexcept { return Sorted_; }
   void SetSorted(bool Value);
 

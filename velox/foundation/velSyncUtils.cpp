@@ -57,17 +57,6 @@ unsigned __stdcall ThreadEntry(void* Start) {
   return 0;
 }
 
-// A thread of ours may run at any time from now on: the code must never go away under it. Done
-// once, or a few times at first: no lock is held, since the system takes the loader's meanwhile.
-void PinLibrary() noexcept {
-  static std::atomic<bool> pinned{false};
-  if (pinned.load()) return;
-  HMODULE self;
-  ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                       reinterpret_cast<LPCSTR>(&ThreadEntry), &self);
-  pinned.store(true);
-}
-
 // How a debugger is told a thread's name: this software exception with this record as its
 // arguments.
 constexpr DWORD ThreadNameException = 0x406D1388;
@@ -109,6 +98,17 @@ DWORD WaitAlertable(std::span<const HANDLE> Handles) {
 }
 
 }  // namespace
+
+// Done once, or a few times at first: no lock is held, since the system takes the loader's
+// meanwhile.
+void PinLibrary() noexcept {
+  static std::atomic<bool> pinned{false};
+  if (pinned.load()) return;
+  HMODULE self;
+  ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<LPCSTR>(&ThreadEntry), &self);
+  pinned.store(true);
+}
 
 TThreadFactory* TThreadFactory::GetInstance() {
   return SingletonInstance<TThreadFactory>(FactorySlot);

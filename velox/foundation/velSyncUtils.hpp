@@ -61,6 +61,10 @@ using TThreadExceptionHook = void (*)(const std::string& ThreadName) noexcept;
 /// is loaded.
 VELOX_API TThreadExceptionHook SetThreadExceptionHook(TThreadExceptionHook Hook) noexcept;
 
+/// Keeps this library loaded until the process ends, for whoever gives the system an address in it.
+/// Starting a thread and queueing an APC do so by themselves.
+VELOX_API void PinLibrary() noexcept;
+
 /// Tells a debugger the calling thread's name; without one it does nothing.
 VELOX_API void SetThreadName(const std::string& Name);
 

@@ -169,6 +169,7 @@ TDateTime FileTimeToDateTime(const FILETIME& FileTime) {
   SYSTEMTIME time;
   if (!::FileTimeToLocalFileTime(&FileTime, &local) || !::FileTimeToSystemTime(&local, &time))
     RaiseLastOSError();
+  if (time.wYear > 9999) RaiseLastOSErrorEx(ERROR_INVALID_PARAMETER);  // no date-time
   return SystemTimeToDateTime(time);
 }
 
@@ -408,12 +409,14 @@ void ReadOutput(HANDLE Pipe, const std::atomic<uint8_t>* Cancel, TLineCutter& Li
   }
 }
 
-int32_t WaitForExitCode(HANDLE Process) noexcept {
+/// Waits for the child's end. Returns the system's error code.
+DWORD WaitForExitCode(HANDLE Process, int32_t& ExitCode) noexcept {
   DWORD code = 0;
   if (::WaitForSingleObject(Process, INFINITE) != WAIT_OBJECT_0 ||
       !::GetExitCodeProcess(Process, &code))
-    return -1;
-  return static_cast<int32_t>(code);
+    return ::GetLastError();
+  ExitCode = static_cast<int32_t>(code);
+  return ERROR_SUCCESS;
 }
 
 }  // namespace
@@ -428,9 +431,10 @@ int32_t ExecuteProcess(const std::string& CommandLine, const std::string& Curren
   TLineCutter lines(OnOutput, ReportCarriageReturnLines);
   ReadOutput(child.Output.Get(), Cancel, lines);
   if (IsSet(Cancel)) ::TerminateProcess(child.Process.Get(), ERROR_CANCELLED);
-  result = WaitForExitCode(child.Process.Get());
+  const DWORD error = WaitForExitCode(child.Process.Get(), result);
   child = {};
   lines.Finish();
+  ::SetLastError(error);  // the end of the output was an error of the pipe
   return result;
 }
 

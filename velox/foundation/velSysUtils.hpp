@@ -14,13 +14,16 @@
 
 struct _FILETIME;
 
+#undef GetClassName  // windows.h may have come first
+
 /// Small helpers that the whole library uses: checks of the operating system's results, tests of
 /// memory, hexadecimal text, paths, switches of the command line, growth of buffers, and a child
 /// process whose output is read by lines.
 ///
 /// The header needs nothing of Windows, so that portable code can use the helpers which are
-/// portable themselves (memory, pointers, hexadecimal text, buffer growth, the choices). All
-/// functions may be called by any thread.
+/// portable themselves (memory, pointers, hexadecimal text, buffer growth, the choices). Where it
+/// is used together with Windows' own, velWindows.hpp stands in for windows.h. All functions may be
+/// called by any thread.
 namespace velox {
 
 // ---------------------------------------------------------------------------- the system's results
@@ -159,7 +162,7 @@ VELOX_API std::string ExpandToAbsolutePath(const std::string& BasePath, const st
 // -------------------------------------------------------------------------------------------- time
 
 /// A file's time (100-ns units, universal time) as local date-time, to the millisecond. Raises
-/// EOSError when the system can't convert it.
+/// EOSError when the system can't convert it, and for years from 10000 on.
 VELOX_API TDateTime FileTimeToDateTime(const _FILETIME& FileTime);
 
 /// Throttles what repeats to once a second: when more than one second has passed since LastTime,
@@ -197,16 +200,21 @@ using TProcessOutputEvent = TMethod<void(const std::string&)>;
 ///
 /// A line ends at a line feed, or at a carriage return without one. The latter is how a program
 /// rewrites a line in place, such as a counter of progress: those lines are passed on only when
-/// ReportCarriageReturnLines is set. A last line without an end is passed on as well. The calling
-/// thread runs no APCs meanwhile.
+/// ReportCarriageReturnLines is set. A last line without an end is passed on as well. A line is
+/// kept in memory until its end comes, however long it gets. The calling thread runs no APCs
+/// meanwhile.
+///
+/// Returns when the child has ended and everyone who holds its output has closed that: a program
+/// which the child has started inherits it as a rule, and is then waited for like the child.
 ///
 /// CurrentDirectory may be empty: the caller's own. Another thread may set *Cancel (it is cleared
 /// when the child has been started): the child is then ended with exit code 1223 as soon as it next
 /// writes something; a child that stays silent is waited for.
 ///
-/// Returns the child's exit code, -1 when that could not be obtained. A child that can't be started
-/// also gives -1, and the reason is the thread's last error; a pipe that can't be made gives its
-/// error code as the result. An exception from OnOutput passes through; the child goes on without a
+/// The result is the child's exit code, and the thread's last error is 0, also when that code is
+/// -1. Any other last error is the reason for a failure, and the result is no exit code: -1 when
+/// the child could not be started or its exit code not be obtained, the error code itself when no
+/// pipe could be made. An exception from OnOutput passes through; the child goes on without a
 /// reader.
 ///
 ///     TStrings lines;

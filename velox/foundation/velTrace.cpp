@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 #include <typeinfo>
+#include <utility>
 
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
@@ -68,16 +69,42 @@ bool IsFull(const std::string& FileName) noexcept {
   return (int64_t{data.nFileSizeHigh} << 32) + data.nFileSizeLow >= RotationSize;
 }
 
-void Rotate(const std::string& FileName) {
+// While it lives, no other process of this account renames a log. That is rare, so one mutex does
+// for all logs.
+class TRotationTurn {
+ public:
+  TRotationTurn() noexcept
+      : Mutex_(::CreateMutexA(nullptr, FALSE, "Global\\Velox trace log rotation")) {
+    if (Mutex_) ::WaitForSingleObject(Mutex_.Get(), LongestWait);
+  }
+  ~TRotationTurn() {
+    if (Mutex_) ::ReleaseMutex(Mutex_.Get());
+  }
+  TRotationTurn(const TRotationTurn&) = delete;
+  TRotationTurn& operator=(const TRotationTurn&) = delete;
+
+ private:
+  static constexpr DWORD LongestWait = 1000;  // milliseconds: who has stopped must not stop others
+  const THandle Mutex_;
+};
+
+// Makes room for records; returns whether there is. Looks again before it renames: another process
+// that has just done so has begun a new file, whose renaming would cost the old one.
+bool Rotate(const std::string& FileName) {
+  const TRotationTurn turn;
+  if (!IsFull(FileName)) return true;
   const std::string old = FileName + ".1";
   ::DeleteFileA(old.c_str());
   ::MoveFileA(FileName.c_str(), old.c_str());
+  return !IsFull(FileName);
 }
 
-void WriteAll(const THandle& File, const std::string& Text) noexcept {
-  DWORD written;
+// Returns how many bytes were written: fewer than there are when the medium is full.
+size_t WriteAll(const THandle& File, const std::string& Text) noexcept {
+  DWORD written = 0;
   if (File)
     ::WriteFile(File.Get(), Text.data(), static_cast<DWORD>(Text.size()), &written, nullptr);
+  return written;
 }
 
 // "TEXT: MESSAGE. CLASS at ADDRESS"
@@ -100,6 +127,19 @@ void TryWrite(F&& Write) noexcept {
   } catch (...) {
     // The log is the last resort: there is nobody left to tell.
   }
+}
+
+// Empty for a program without a version, or when that can't be read. An object of its own describes
+// the program, not the shared one: making that takes the loader's lock, and a library that traces
+// while it is being loaded would wait for it.
+std::string VersionLine() {
+  std::string version;
+  TryWrite([&] { version = TModuleInfo(HMODULE{nullptr}).ModuleVersion(); });
+  return version.empty() ? version : "Module version: " + version;
+}
+
+std::string StartedLine() {
+  return "Module started: " + FormatTimeStamp(TProcessInfo::GetInstance()->GetCreationTime()) + " ";
 }
 
 void TraceHeapStatus(TTracer& Tracer) {
@@ -197,12 +237,6 @@ void TraceThreadException(const std::string& ThreadName) noexcept {
 
 }  // namespace
 
-// What the first record is preceded by; a part that can't be told is empty.
-struct TTracer::TBanner {
-  std::string Version;
-  std::string Started;
-};
-
 TTracer* TTracer::GetInstance() { return SingletonInstance<TTracer>(TracerSlot); }
 
 TObject* TTracer::SingletonConstruction() { return new TTracer; }
@@ -210,12 +244,8 @@ TObject* TTracer::SingletonConstruction() { return new TTracer; }
 TTracer::TTracer() { InitializeFileName(); }
 
 void TTracer::SetProgramDataSubdir(const std::string& Subdir) {
-  {
-    const std::scoped_lock guard(Lock_);
-    if (Subdir == ProgramDataSubdir_) return;
-    ProgramDataSubdir_ = Subdir;
-  }
-  InitializeFileName();
+  const std::string before = GetProgramDataSubdir();
+  if (Subdir != before) UseSubdir(before, Subdir);
 }
 
 std::string TTracer::GetProgramDataSubdir() const {
@@ -230,19 +260,24 @@ std::string TTracer::GetFileName() const {
 
 void TTracer::InitializeFileName() {
   const std::string subdir = GetProgramDataSubdir();
+  UseSubdir(subdir, subdir);
+}
+
+// All or nothing, and nothing when another thread has meanwhile replaced Before.
+void TTracer::UseSubdir(const std::string& Before, const std::string& Subdir) {
   const std::string program = GetProgramFileName();
-  const std::string allUsers = subdir.empty() ? std::string() : AllUsersFolder();
-  std::string logFolder;
-  const std::scoped_lock guard(Lock_);
-  if (subdir != ProgramDataSubdir_) return;  // set meanwhile by another thread, which does the same
-  if (allUsers.empty()) {
-    BaseFolder_ = ExtractFolder(program);
-  } else {
-    BaseFolder_ = IncludeTrailingSeparator(IncludeTrailingSeparator(allUsers) + ProgramDataSubdir_);
-    logFolder = "Logs";
+  const std::string allUsers = Subdir.empty() ? std::string() : AllUsersFolder();
+  std::string folder = ExtractFolder(program), logFolder = folder, subdir = Subdir;
+  if (!allUsers.empty()) {
+    folder = IncludeTrailingSeparator(IncludeTrailingSeparator(allUsers) + Subdir);
+    logFolder = folder + "Logs\\";
   }
-  FileName_ = IncludeTrailingSeparator(BaseFolder_ + logFolder) +
-              ExtractFileNameWithoutExt(program) + ".log";
+  std::string name = logFolder + ExtractFileNameWithoutExt(program) + ".log";
+  const std::scoped_lock guard(Lock_);
+  if (ProgramDataSubdir_ != Before) return;
+  ProgramDataSubdir_.swap(subdir);
+  BaseFolder_.swap(folder);
+  FileName_.swap(name);
 }
 
 bool TTracer::OpenFile(THandle& F) {
@@ -251,53 +286,58 @@ bool TTracer::OpenFile(THandle& F) {
   F = OpenForAppending(FileName_, OPEN_EXISTING);
   if (F && !IsFull(F)) return true;
   F.Reset();
-  // Looked at again by its name: another process of the same program may have rotated it meanwhile.
-  const bool full = IsFull(FileName_);
-  if (full) Rotate(FileName_);
+  const bool full = IsFull(FileName_) && !Rotate(FileName_);
   const bool folderExists = EnsurePathExists(ExtractFolder(FileName_));
   // A full file that could not be renamed stays as it is, and the record is lost.
-  F = OpenForAppending(FileName_, full ? CREATE_NEW : OPEN_ALWAYS);
+  if (!full) F = OpenForAppending(FileName_, OPEN_ALWAYS);
   return folderExists;
 }
 
-// An object of its own describes the program, not the shared one: making that takes the loader's
-// lock, and a library that traces while it is being loaded would wait for it.
-TTracer::TBanner TTracer::GatherBanner() noexcept {
-  TBanner banner;
-  TryWrite([&] { banner.Version = TModuleInfo(HMODULE{nullptr}).ModuleVersion(); });
-  TryWrite([&] {
-    banner.Started = FormatTimeStamp(TProcessInfo::GetInstance()->GetCreationTime()) + " ";
-  });
-  return banner;
+// Without the lock while it asks, and only when it is not known yet: another thread may have found
+// out, and even written, it meanwhile.
+void TTracer::FindOut(TBannerLine& Line, std::string (*Tell)()) {
+  {
+    const std::scoped_lock guard(Lock_);
+    if (Line) return;
+  }
+  std::string text = Tell();
+  const std::scoped_lock guard(Lock_);
+  if (!Line) Line = std::move(text);
+}
+
+// What can't be found out comes another time.
+void TTracer::GatherBanner() noexcept {
+  TryWrite([&] { FindOut(Version_, &VersionLine); });
+  TryWrite([&] { FindOut(Started_, &StartedLine); });
 }
 
 void TTracer::Trace(std::string_view Text, TTraceType AType) noexcept {
   if (AType != ttDebug && AType != ttError) return;
   const DWORD lastError = ::GetLastError();
-  if (BannerPending_) {
-    const TBanner banner = GatherBanner();
-    TryWrite([&] { WriteRecord(Text, &banner); });
-  } else {
-    TryWrite([&] { WriteRecord(Text, nullptr); });
-  }
+  if (BannerPending_) GatherBanner();
+  TryWrite([&] { WriteRecord(Text); });
   ::SetLastError(lastError);
 }
 
-// With a banner, if that is still to be written.
-void TTracer::WriteRecord(std::string_view Text, const TBanner* Banner) {
+// With what is to be written of the banner.
+void TTracer::WriteRecord(std::string_view Text) {
   const std::scoped_lock guard(Lock_);
   const std::string prefix = LinePrefix(WithThreadId_);
   THandle file;
   OpenFile(file);
   if (!file) return;
-  std::string lines;
-  if (Banner != nullptr && BannerPending_) {
-    if (!Banner->Version.empty()) lines += prefix + "Module version: " + Banner->Version + "\r\n";
-    if (!Banner->Started.empty()) lines += prefix + "Module started: " + Banner->Started + "\r\n";
-    BannerPending_ = Banner->Started.empty();  // what could not be found out comes another time
+  std::string lines = Torn_ ? "\r\n" : "";
+  for (const TBannerLine* line : {&Version_, &Started_}) {
+    if (*line && !(*line)->empty()) lines += prefix + **line + "\r\n";
   }
   lines.append(prefix).append(Text).append("\r\n");
-  WriteAll(file, lines);
+  const size_t written = WriteAll(file, lines);
+  if (written > 0) Torn_ = written < lines.size();
+  if (written < lines.size()) return;
+  for (TBannerLine* line : {&Version_, &Started_}) {
+    if (*line) (*line)->clear();
+  }
+  BannerPending_ = !Version_ || !Started_;
 }
 
 void TTracer::TraceException(std::string_view Text) noexcept {
@@ -339,6 +379,7 @@ void TraceThread(std::string_view Text) noexcept {
 }
 
 DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data) {
+  PinLibrary();
   std::unique_ptr<TUserAPC> call(new (std::nothrow) TUserAPC{++UserAPCCount, APC, Thread, Data});
   if (call == nullptr) {
     ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -27,8 +28,9 @@ using enum TTraceType;
 /// program, or, after SetProgramDataSubdir, in the folder SUBDIR\Logs below the all-users profile.
 /// It is opened and closed around every record, so it can be read, moved or deleted at any time and
 /// nothing is lost when the process is killed. A file that has reached 104,857,600 bytes is renamed
-/// to NAME.log.1, replacing the one before, and a new one begun. The first record of a process is
-/// preceded by lines that tell the program's version, if it has one, and when it started.
+/// to NAME.log.1, replacing the one before, and a new one begun; processes that share a file take
+/// turns at that. The first record of a process is preceded by lines that tell the program's
+/// version, if it has one, and when it started.
 ///
 ///     2024-03-05 14:07:09.042   [000004D2]  Connection refused
 ///
@@ -47,13 +49,14 @@ class VELOX_API TTracer : public TObject {
   TTracer();
 
   /// Chooses the folder; empty for the program's own. Nothing happens when it is the one in use
-  /// (letter case counts).
+  /// (letter case counts). Raises EOSError when the system does not tell the program's name; the
+  /// folder is then the one before.
   void SetProgramDataSubdir(const std::string& Subdir);
   std::string GetProgramDataSubdir() const;
   /// The log's full path.
   std::string GetFileName() const;
 
-  /// Works the path out anew from the program's name and the chosen folder.
+  /// Works the path out anew from the program's name and the chosen folder. Raises EOSError.
   void InitializeFileName();
 
   /// Opens the log for appending, after rotating a full one. F stays empty when that is not
@@ -74,14 +77,21 @@ class VELOX_API TTracer : public TObject {
   void TraceOSError(std::string_view Text, uint32_t ErrorCode) noexcept;
 
  private:
-  struct TBanner;
+  // A line that precedes the first record: none until it is known what it says, empty when there is
+  // nothing (more) to write.
+  using TBannerLine = std::optional<std::string>;
 
-  static TBanner GatherBanner() noexcept;
-  void WriteRecord(std::string_view Text, const TBanner* Banner);
+  void UseSubdir(const std::string& Before, const std::string& Subdir);
+  void FindOut(TBannerLine& Line, std::string (*Tell)());
+  void GatherBanner() noexcept;
+  void WriteRecord(std::string_view Text);
 
   const bool WithThreadId_ = true;
   std::string FileName_;
   std::atomic<bool> BannerPending_{true};
+  TBannerLine Version_;
+  TBannerLine Started_;
+  bool Torn_ = false;  // the file ends with a part of a record
   // Guards all fields, and the file. Nothing that takes the loader's lock is called with it held: a
   // library that traces while it is being loaded holds that one already.
   mutable TCriticalSection Lock_;
@@ -105,7 +115,8 @@ VELOX_API void TraceThread(std::string_view Text) noexcept;
 
 /// Queues APC(Data) to a thread, which runs it when it next waits alertably. An exception that
 /// escapes it is written to the log and raised on that thread by the wait of the library that ran
-/// it. Returns QueueUserAPC's result: 0 when the APC could not be queued (see GetLastError).
+/// it. Returns QueueUserAPC's result: 0 when the APC could not be queued (see GetLastError). The
+/// first call keeps this library loaded until the process ends.
 VELOX_API DWORD WINAPI TraceAndQueueUserAPC(PAPCFUNC APC, HANDLE Thread, ULONG_PTR Data);
 
 }  // namespace velox

@@ -10,13 +10,22 @@ namespace {
 constexpr DWORD SmallBlock = 4096;  // bytes
 constexpr DWORD MostHeaps = 256;
 
-void AddEntry(const PROCESS_HEAP_ENTRY& Entry, THeapStatus& Status) noexcept {
+// Where the blocks that follow a region's entry lie; large ones come last and lie elsewhere.
+struct TRegion {
+  const void* Begin = nullptr;
+  const void* End = nullptr;
+  bool Holds(const void* Block) const noexcept { return Begin <= Block && Block < End; }
+};
+
+void AddEntry(const PROCESS_HEAP_ENTRY& Entry, TRegion& Region, THeapStatus& Status) noexcept {
   if (Entry.wFlags & PROCESS_HEAP_REGION) {
+    Region = {Entry.lpData, Entry.Region.lpLastBlock};
     Status.TotalCommitted += Entry.Region.dwCommittedSize;
     Status.TotalUncommitted += Entry.Region.dwUnCommittedSize;
   } else if (Entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) {
     Status.TotalAllocated += Entry.cbData;
     Status.Overhead += Entry.cbOverhead;
+    if (!Region.Holds(Entry.lpData)) Status.TotalCommitted += Entry.cbData + Entry.cbOverhead;
   } else if (!(Entry.wFlags & PROCESS_HEAP_UNCOMMITTED_RANGE)) {
     (Entry.cbData < SmallBlock ? Status.FreeSmall : Status.FreeBig) += Entry.cbData;
   }
@@ -29,7 +38,8 @@ void AddHeap(HANDLE Heap, THeapStatus& Status) noexcept {
   }
   if (!::HeapLock(Heap)) return;
   PROCESS_HEAP_ENTRY entry{};
-  while (::HeapWalk(Heap, &entry)) AddEntry(entry, Status);
+  TRegion region;
+  while (::HeapWalk(Heap, &entry)) AddEntry(entry, region, Status);
   ::HeapUnlock(Heap);
 }
 

@@ -292,7 +292,7 @@ void TProcessInfo::RetrieveProcessTimings() {
 }
 
 void TProcessInfo::RetrieveThreads() {
-  Threads_.Clear();
+  std::vector<std::unique_ptr<TThreadInfo>> found;
   const THandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
   if (!snapshot) RaiseLastOSError();
   THREADENTRY32 entry{};
@@ -301,8 +301,11 @@ void TProcessInfo::RetrieveThreads() {
   if (!::Thread32First(snapshot.Get(), &entry)) RaiseLastOSError();
   do {
     if (entry.th32OwnerProcessID != ProcessId_) continue;
-    if (auto thread = MakeThreadInfo(entry.th32ThreadID)) AddOwned(Threads_, std::move(thread));
+    if (auto thread = MakeThreadInfo(entry.th32ThreadID)) found.push_back(std::move(thread));
   } while (::Thread32Next(snapshot.Get(), &entry));
+  Threads_.SetAllocCount(static_cast<int32_t>(found.size()));
+  Threads_.Clear();  // from here on nothing fails
+  for (auto& thread : found) AddOwned(Threads_, std::move(thread));
 }
 
 const TThreadInfo& TProcessInfo::GetThreadInfo(int32_t Index) const {

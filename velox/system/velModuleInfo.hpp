@@ -175,10 +175,11 @@ class VELOX_API TModuleVersionInfo : public TObject {
 class VELOX_API TModuleInfo : public TObject {
  public:
   /// The file of a module that this process has loaded; null is the program itself. Raises
-  /// EOSError.
+  /// EOSError, and for the version resource what the other one raises.
   explicit TModuleInfo(HMODULE Handle);
   /// Any file. Raises EAssertionFailed for an empty name. A file that is not there or has no
-  /// version resource is no error: it has no version information.
+  /// version resource is no error: it has no version information. One that can't be read raises
+  /// EOSError or Exception "Root block of version resource does not exist".
   explicit TModuleInfo(const std::string& FileName);
   ~TModuleInfo() override;
 
@@ -262,7 +263,8 @@ class VELOX_API TProcessInfo : public TObject {
   static TProcessInfo* GetInstance();
   static TObject* SingletonConstruction();
 
-  /// Gathers everything anew, with new objects for the threads. Raises EOSError.
+  /// Gathers everything anew, with new objects for the threads. Raises EOSError; the threads are
+  /// then those from before.
   void Refresh();
 
   /// As given to the constructor.
