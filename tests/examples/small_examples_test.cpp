@@ -60,7 +60,7 @@ TEST(VelList, WritesShowsAndDeletes) {
 }
 
 test::TExampleRun RunVelLog(const std::string& Command) {
-  return test::RunCommand("\"" + test::ExamplePath("vellog") + "\"  " + Command);
+  return test::RunCommand(test::ExampleCommand("vellog") + " " + Command);
 }
 
 TEST(VelLog, KeepsWhatAProgramPrints) {

@@ -284,9 +284,9 @@ TEST(SysUtilsExecute, RunsInTheGivenFolder) {
 }
 
 TEST(SysUtilsExecute, AChildsOwnMinusOneIsNoFailure) {
-  const TOutput output = Execute(test::RoleCommand("print", {"4142", "-1"}));
+  const test::TExampleRun output = test::RunCommand(test::RoleCommand("print", {"4142", "-1"}));
   const DWORD error = ::GetLastError();
-  EXPECT_EQ(output.Code, -1);
+  EXPECT_EQ(output.ExitCode, -1);
   EXPECT_EQ(error, 0u);
   EXPECT_EQ(output.Lines, TStrings{"AB"});
 }
