@@ -19,6 +19,14 @@ using namespace velox;
 
 namespace {
 
+constexpr int32_t DefaultCapacity = 4 << 20;
+// What a second or so carries: the sender shows progress by what is confirmed.
+constexpr int32_t DefaultDatagramCapacity = 256 << 10;
+constexpr int32_t DefaultLineCapacity = 32 << 10;
+
+// ---- shared memory
+
+// Keeps a second program from using the same end of the channel, for as long as it is held.
 THandle GuardEnd(const std::string& Address, const std::string& Name, const std::string& Role) {
   const std::string event = Name + Role;
   THandle guard(::CreateEventA(nullptr, FALSE, FALSE, event.c_str()));
@@ -30,6 +38,7 @@ THandle GuardEnd(const std::string& Address, const std::string& Name, const std:
   return guard;
 }
 
+// The channel's two memories are called NAMERead and NAMEWrite.
 THandle OpenMemory(const std::string& Name) {
   return THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, Name.c_str()));
 }
@@ -42,7 +51,6 @@ void CheckUnused(const std::string& Address, const std::string& Name) {
     throw Exception(Address + " is in use by another program");
 }
 
-// The guard keeps a second program from using the same end of the channel.
 class TSharedMemoryLink : public TChannelLink {
  public:
   TSharedMemoryLink(THandle Guard, std::unique_ptr<TChannel> Channel, bool Receiving,
@@ -74,21 +82,8 @@ std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::s
 
 // ---- serial lines
 
-// What a second or so carries: the sender shows progress by what is confirmed.
-constexpr int32_t DefaultDatagramCapacity = 256 << 10;
-constexpr int32_t DefaultLineCapacity = 32 << 10;
-
-int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most) {
-  int32_t value = 0;
-  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
-  if (error == std::errc() && end == Text.data() + Text.size() && value > 0 && value <= Most)
-    return value;
-  RefuseArguments(Format("%s must be a number from 1 to %d, not \"%s\"", What.c_str(), Most,
-                         std::string(Text).c_str()));
-}
-
 TCommBaudRate ParseRate(std::string_view Text) {
-  const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, INT32_MAX));
+  const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, 1, INT32_MAX));
   TCommunicationDCB settings;
   for (auto rate = TCommBaudRate::cbr110; rate <= TCommBaudRate::cbr921600;
        rate = static_cast<TCommBaudRate>(static_cast<int>(rate) + 1)) {
@@ -104,7 +99,7 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
                                 int32_t Capacity) {
   const size_t comma = Rest.find(',');
   auto channel = std::make_unique<TCommunicationChannel>();
-  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 65535));
+  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 1, 65535));
   channel->SetReadBufferSize(Capacity);
   channel->GetDCB().SetBaudRate(comma == std::string::npos ? TCommBaudRate::cbr115200
                                                            : ParseRate(Rest.substr(comma + 1)));
@@ -121,12 +116,21 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
 
 }  // namespace
 
-[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
+[[noreturn]] void FailToOpen(const std::string& Address, uint32_t Error) {
   throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
 }
 
 [[noreturn]] void RefuseArguments(const std::string& What) {
   throw Exception(What + "; see velcopy --help");
+}
+
+int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Least, int32_t Most) {
+  int32_t value = 0;
+  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
+  if (error == std::errc() && end == Text.data() + Text.size() && value >= Least && value <= Most)
+    return value;
+  RefuseArguments(Format("%s must be a number from %d to %d, not \"%s\"", What.c_str(), Least, Most,
+                         std::string(Text).c_str()));
 }
 
 std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,

@@ -47,7 +47,7 @@ class TPeer {
   THeader Receive(std::initializer_list<TKind> Expected);
   void ReceiveBytes(void* Bytes, int32_t Size) { Link_.Read(Bytes, Size); }
 
-  /// Tells the other side why this one ends, unless it told the reason itself.
+  /// Tells the other side why this one ends, unless that was the first to give up.
   void TellFailure(const velox::Exception& Failure) noexcept;
 
  private:

@@ -14,7 +14,6 @@
 // the sender keeps count.
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -46,16 +45,6 @@ constexpr const char* Usage =
     "            (default 4194304, for udp 262144, for com 32768)\n"
     "--block     what is sent at once (default 65536, or a quarter of the size)\n"
     "--progress  bar, lines or none (default: a bar on a console, else lines)\n";
-
-int32_t ParseNumber(const std::string& Option, std::string_view Text, int32_t Least, int32_t Most) {
-  int32_t value = 0;
-  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
-  if (error != std::errc() || end != Text.data() + Text.size() || value < Least || value > Most) {
-    RefuseArguments(Format("%s must be a number from %d to %d, not \"%s\"", Option.c_str(), Least,
-                           Most, std::string(Text).c_str()));
-  }
-  return value;
-}
 
 TShow ParseShow(std::string_view Text) {
   if (Text == "bar") return TShow::Bar;
