@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "channel_link.hpp"
+#include "messages.hpp"
 #include "socket_endpoints.hpp"
 #include "velox/channels/velCommunicationChannel.hpp"
 #include "velox/channels/velSharedMemChannel.hpp"
@@ -23,6 +24,7 @@ constexpr int32_t DefaultCapacity = 4 << 20;
 // What a second or so carries: the sender shows progress by what is confirmed.
 constexpr int32_t DefaultDatagramCapacity = 256 << 10;
 constexpr int32_t DefaultLineCapacity = 32 << 10;
+static_assert(Window(DefaultLineCapacity) >= MostUnconfirmed * HeaderSize);  // what a sender gets
 
 // ---- shared memory
 

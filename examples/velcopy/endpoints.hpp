@@ -17,7 +17,7 @@ constexpr int32_t LargestCapacity = INT32_MAX - 12;  // shared memory needs 12 b
 /// Capacity is the link's, by default what suits the kind. Raises Exception with a message for the
 /// user.
 std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,
-                            std::optional<int32_t> Capacity);
+                            std::optional<int32_t> Capacity = std::nullopt);
 
 // ---- what endpoints of all kinds use
 

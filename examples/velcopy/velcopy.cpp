@@ -11,7 +11,7 @@
 // Both sides exchange messages: a header of 24 bytes, for some kinds followed by bytes. A channel
 // may overwrite or drop what was not read in time. So nothing is sent that does not fit behind what
 // the other side has not confirmed: the receiver tells the capacity and confirms every block, and
-// the sender keeps count.
+// the sender keeps count. The confirmations have to fit as well, so their number has a limit too.
 
 #include <algorithm>
 #include <cstdio>
@@ -76,6 +76,8 @@ TArguments Parse(const std::vector<std::string>& Words) {
   if (plain.size() < 3) RefuseArguments(plain[0] + " needs an address and a file");
   if (plain.size() > 3) RefuseArguments("\"" + plain[3] + "\" is one argument too many");
   arguments.Receiving = plain[0] == "receive";
+  if (arguments.Receiving && arguments.Block) RefuseArguments("--block is for send");
+  if (!arguments.Receiving && arguments.Size) RefuseArguments("--size is for receive");
   arguments.Address = plain[1];
   arguments.File = plain[2];
   return arguments;

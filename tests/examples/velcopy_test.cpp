@@ -258,6 +258,38 @@ TEST(Velcopy, CopiesOverConnections) {
   }
 }
 
+// This receiver tells its failure before it has read anything. The sender, which listens only when
+// it may send no more, has by then sent as many blocks as may be unconfirmed, and none after.
+TEST(Velcopy, LeavesNoMoreThan1024BlocksUnconfirmed) {
+  struct THeader {
+    uint32_t Magic = 0x50434C56, Kind = 0;
+    uint64_t Position = 0;
+    uint32_t Size = 0, Check = 0;
+  };
+  const struct {
+    THeader Hello{.Position = 64 << 20}, Failed{.Kind = 5, .Size = 4};
+    char Reason[4] = {'s', 't', 'o', 'p'};
+  } answer;
+  const test::TTemporaryFolder folder;
+  const std::string from = folder.File("from");
+  test::WriteFileBytes(from, test::Noise(100'000));
+  const SOCKET listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  const std::string port = std::to_string(Bind(listener));
+  ASSERT_EQ(::listen(listener, 1), 0);
+  TVelcopy sender(folder, "send tcp:127.0.0.1:" + port + " " + from + " --block 30");
+  const SOCKET receiver = ::accept(listener, nullptr, nullptr);
+  const int answered = sizeof answer.Hello + sizeof answer.Failed + sizeof answer.Reason;
+  EXPECT_EQ(::send(receiver, reinterpret_cast<const char*>(&answer), answered, 0), answered);
+  std::vector<char> buffer(1 << 16);
+  int got = 0;
+  for (int size; (size = ::recv(receiver, buffer.data(), 1 << 16, 0)) > 0;) got += size;
+  ::closesocket(receiver);
+  ::closesocket(listener);
+  EXPECT_EQ(got, 24 + 1024 * (24 + 30));
+  EXPECT_EQ(sender.Wait(), 1u);
+  ExpectError(sender, "the receiver gave up: stop");
+}
+
 // The figures are those of a line that loses, doubles and reorders 5 % each.
 TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
   const test::TTemporaryFolder folder;
@@ -326,6 +358,9 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
       {"receive shm:velcopy-x " + to + " --size", "--size needs a value; see velcopy --help"},
       {"receive shm:velcopy-x " + to + " --fast", "unknown option --fast; see velcopy --help"},
       {"receive shm:velcopy-x " + folder.File("no\\such\\to"), "Cannot create file"},
+      {"send shm:" + used + " " + file + " --size 5000",
+       "--size is for receive; see velcopy --help"},
+      {"receive shm:velcopy-x " + to + " --block 1", "--block is for send; see velcopy --help"},
       {"", "neither send nor receive is given; see velcopy --help"},
       {"copy shm:velcopy-x " + to, "\"copy\" is neither send nor receive; see velcopy --help"},
       {"receive shm:velcopy-x", "receive needs an address and a file; see velcopy --help"},
