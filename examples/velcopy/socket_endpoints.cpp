@@ -83,6 +83,7 @@ class TListeningLink : public TTCPLink {
     WaitForSingleObjectAlertable(Taken_.Get(), "velcopy");
     Server_.Stop();
     GetChannel().SetActive(true);
+    StartWatchdog();  // who has connected has to say something
   }
 
  private:

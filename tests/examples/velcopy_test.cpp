@@ -461,6 +461,13 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   }
   for (const auto* copies : {&as, &bs})
     for (const TCopy& copy : *copies) copy.AwaitLines();
+  // And one that was killed before it said a word, as it were.
+  const std::string port = std::to_string(FreePort(SOCK_STREAM));
+  TVelcopy alone(folder, "receive tcp:" + port + " " + folder.File("alone"));
+  ASSERT_TRUE(alone.Says("waiting")) << alone.Output();
+  const SOCKET silent = ::socket(AF_INET, SOCK_STREAM, 0);
+  const SOCKADDR_IN place = Loopback(static_cast<uint16_t>(std::stoi(port)));
+  EXPECT_EQ(::connect(silent, reinterpret_cast<const SOCKADDR*>(&place), sizeof place), 0);
   for (TCopy& a : as) a.Receiver.Kill();
   for (TCopy& b : bs) b.Sender->Kill();
   const ULONGLONG start = ::GetTickCount64();
@@ -479,6 +486,10 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
     EXPECT_TRUE(std::filesystem::exists(a.File + ".part"));  // the killed can't clean up
     EXPECT_FALSE(std::filesystem::exists(b.File + ".part"));
   }
+  EXPECT_EQ(alone.Wait(), 1u);
+  EXPECT_LT(::GetTickCount64() - start, 20'000u);
+  ExpectError(alone, "the sender has not responded for 8 seconds");
+  ::closesocket(silent);
 }
 
 }  // namespace
