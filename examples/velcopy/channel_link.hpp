@@ -33,6 +33,9 @@ class TChannelLink : public TLink {
   bool Carry(velox::TTransferOperation& Operation, void* Bytes, int32_t Size,
              int Limit = StillLimit);
   velox::TTransferOperation& Reader() { return *Reader_; }
+  const std::string& GetPeer() const { return Peer_; }
+  /// Why a transfer ended early by itself, for the user.
+  virtual std::string ReasonOf(const velox::TTransferOperation& Operation) const;
 
  private:
   [[noreturn]] void TellWhy(const velox::TTransferOperation& Operation) const;

@@ -84,6 +84,25 @@ std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::s
 
 // ---- serial lines
 
+class TLineLink : public TChannelLink {
+ public:
+  using TChannelLink::TChannelLink;
+
+  // Closing gives the port its prior settings back, whatever is still to be sent. A flush waits for
+  // that, but has no time limit: it comes when there is next to nothing left.
+  void Finish() noexcept override {
+    const HANDLE port = static_cast<TCommunicationChannel&>(GetChannel()).GetHandle();
+    const ULONGLONG start = ::GetTickCount64();
+    DWORD errors = 0;
+    COMSTAT status{};
+    while (::ClearCommError(port, &errors, &status) && status.cbOutQue > 0) {
+      if (::GetTickCount64() - start >= StillLimit * 1000ull) return;
+      ::Sleep(10);
+    }
+    ::FlushFileBuffers(port);
+  }
+};
+
 TCommBaudRate ParseRate(std::string_view Text) {
   const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, 1, INT32_MAX));
   TCommunicationDCB settings;
@@ -108,12 +127,17 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
   // Chunks short enough to show within a second that the line moves.
   channel->SetWriteBufferSize(std::clamp(channel->GetDCB().GetBandwidth(), 1, 4096));
   try {
+    // All timeouts, since the port may have been left with others. The driver gives a write more
+    // time than the watchdog does.
+    channel->SetLatence(StillLimit * 1000);
+    channel->GetTimeouts().BeginUpdate();
     channel->SetActive(true);
+    channel->GetTimeouts().EndUpdate();
   } catch (const EOSError& e) {
     FailToOpen(Address, e.ErrorCode);
   }
   ::PurgeComm(channel->GetHandle(), PURGE_RXCLEAR);  // of a former session
-  return std::make_unique<TChannelLink>(std::move(channel), PeerOf(Receiving), Capacity);
+  return std::make_unique<TLineLink>(std::move(channel), PeerOf(Receiving), Capacity);
 }
 
 }  // namespace

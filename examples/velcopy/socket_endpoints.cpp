@@ -62,6 +62,14 @@ class TTCPLink : public TChannelLink {
       TraceException("velcopy");
     }
   }
+
+ private:
+  std::string ReasonOf(const TTransferOperation& Operation) const override {
+    const int32_t error = static_cast<const TIPOperation&>(Operation).GetErrorCode();
+    if (error == 0) return "the " + GetPeer() + " has ended the connection";
+    return "lost the connection to the " + GetPeer() + ": " +
+           SystemErrorMessage(static_cast<uint32_t>(error));
+  }
 };
 
 // A receiver's: listens, and takes the first connection over into its channel.
