@@ -1,9 +1,7 @@
 #include "channel_link.hpp"
 
-#include "velox/channels/velUDPChannel.hpp"
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/runtime/velFormat.hpp"
-#include "velox/runtime/velSystemMessage.hpp"
 
 namespace velcopy {
 
@@ -57,12 +55,11 @@ void TChannelLink::TellWhy(const TTransferOperation& Operation) const {
     throw EPeerGone(Format("the %s has not responded for %d seconds; has it ended?", Peer_.c_str(),
                            StillLimit));
   }
-  const auto* const ip = dynamic_cast<const TIPOperation*>(&Operation);
-  if (ip != nullptr && ip->GetErrorCode() != 0) {
-    throw EPeerGone("lost the connection to the " + Peer_ + ": " +
-                    SystemErrorMessage(static_cast<uint32_t>(ip->GetErrorCode())));
-  }
-  throw EPeerGone("the " + Peer_ + " has ended the connection");
+  throw EPeerGone(ReasonOf(Operation));
+}
+
+std::string TChannelLink::ReasonOf(const TTransferOperation&) const {
+  return "the channel to the " + Peer_ + " has failed";
 }
 
 void TChannelLink::OnComplete(TObject*) { ::SetEvent(Done_.Get()); }

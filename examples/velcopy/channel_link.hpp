@@ -16,8 +16,8 @@ namespace velcopy {
 /// OnComplete sets. A task of the scheduler watches that none stands still.
 class TChannelLink : public TLink {
  public:
-  /// Peer is what the other side is called in messages. Opens the channel when it is active by the
-  /// first transfer, which a derived class sees to otherwise.
+  /// Peer is what the other side is called in messages. The channel may still be closed: a derived
+  /// class then opens it before the first transfer.
   TChannelLink(std::unique_ptr<velox::TChannel> Channel, std::string Peer, int32_t Capacity);
   ~TChannelLink() override;
 
@@ -33,6 +33,9 @@ class TChannelLink : public TLink {
   bool Carry(velox::TTransferOperation& Operation, void* Bytes, int32_t Size,
              int Limit = StillLimit);
   velox::TTransferOperation& Reader() { return *Reader_; }
+  const std::string& GetPeer() const { return Peer_; }
+  /// Why a transfer ended early by itself, for the user.
+  virtual std::string ReasonOf(const velox::TTransferOperation& Operation) const;
 
  private:
   [[noreturn]] void TellWhy(const velox::TTransferOperation& Operation) const;

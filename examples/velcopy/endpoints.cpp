@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "channel_link.hpp"
+#include "messages.hpp"
 #include "socket_endpoints.hpp"
 #include "velox/channels/velCommunicationChannel.hpp"
 #include "velox/channels/velSharedMemChannel.hpp"
@@ -19,6 +20,15 @@ using namespace velox;
 
 namespace {
 
+constexpr int32_t DefaultCapacity = 4 << 20;
+// What a second or so carries: the sender shows progress by what is confirmed.
+constexpr int32_t DefaultDatagramCapacity = 256 << 10;
+constexpr int32_t DefaultLineCapacity = 32 << 10;
+static_assert(Window(DefaultLineCapacity) >= MostUnconfirmed * HeaderSize);  // what a sender gets
+
+// ---- shared memory
+
+// Keeps a second program from using the same end of the channel, for as long as it is held.
 THandle GuardEnd(const std::string& Address, const std::string& Name, const std::string& Role) {
   const std::string event = Name + Role;
   THandle guard(::CreateEventA(nullptr, FALSE, FALSE, event.c_str()));
@@ -30,6 +40,7 @@ THandle GuardEnd(const std::string& Address, const std::string& Name, const std:
   return guard;
 }
 
+// The channel's two memories are called NAMERead and NAMEWrite.
 THandle OpenMemory(const std::string& Name) {
   return THandle(::OpenFileMappingA(FILE_MAP_READ, FALSE, Name.c_str()));
 }
@@ -42,7 +53,6 @@ void CheckUnused(const std::string& Address, const std::string& Name) {
     throw Exception(Address + " is in use by another program");
 }
 
-// The guard keeps a second program from using the same end of the channel.
 class TSharedMemoryLink : public TChannelLink {
  public:
   TSharedMemoryLink(THandle Guard, std::unique_ptr<TChannel> Channel, bool Receiving,
@@ -74,21 +84,27 @@ std::unique_ptr<TLink> OpenSharedMemory(const std::string& Address, const std::s
 
 // ---- serial lines
 
-// What a second or so carries: the sender shows progress by what is confirmed.
-constexpr int32_t DefaultDatagramCapacity = 256 << 10;
-constexpr int32_t DefaultLineCapacity = 32 << 10;
+class TLineLink : public TChannelLink {
+ public:
+  using TChannelLink::TChannelLink;
 
-int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Most) {
-  int32_t value = 0;
-  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
-  if (error == std::errc() && end == Text.data() + Text.size() && value > 0 && value <= Most)
-    return value;
-  RefuseArguments(Format("%s must be a number from 1 to %d, not \"%s\"", What.c_str(), Most,
-                         std::string(Text).c_str()));
-}
+  // Closing gives the port its prior settings back, whatever is still to be sent. A flush waits for
+  // that, but has no time limit: it comes when there is next to nothing left.
+  void Finish() noexcept override {
+    const HANDLE port = static_cast<TCommunicationChannel&>(GetChannel()).GetHandle();
+    const ULONGLONG start = ::GetTickCount64();
+    DWORD errors = 0;
+    COMSTAT status{};
+    while (::ClearCommError(port, &errors, &status) && status.cbOutQue > 0) {
+      if (::GetTickCount64() - start >= StillLimit * 1000ull) return;
+      ::Sleep(10);
+    }
+    ::FlushFileBuffers(port);
+  }
+};
 
 TCommBaudRate ParseRate(std::string_view Text) {
-  const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, INT32_MAX));
+  const auto wanted = static_cast<DWORD>(ParseNumber("the rate", Text, 1, INT32_MAX));
   TCommunicationDCB settings;
   for (auto rate = TCommBaudRate::cbr110; rate <= TCommBaudRate::cbr921600;
        rate = static_cast<TCommBaudRate>(static_cast<int>(rate) + 1)) {
@@ -104,29 +120,43 @@ std::unique_ptr<TLink> OpenLine(const std::string& Address, const std::string& R
                                 int32_t Capacity) {
   const size_t comma = Rest.find(',');
   auto channel = std::make_unique<TCommunicationChannel>();
-  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 65535));
+  channel->SetCommPortIndex(ParseNumber("the port", Rest.substr(0, comma), 1, 65535));
   channel->SetReadBufferSize(Capacity);
   channel->GetDCB().SetBaudRate(comma == std::string::npos ? TCommBaudRate::cbr115200
                                                            : ParseRate(Rest.substr(comma + 1)));
   // Chunks short enough to show within a second that the line moves.
   channel->SetWriteBufferSize(std::clamp(channel->GetDCB().GetBandwidth(), 1, 4096));
   try {
+    // All timeouts, since the port may have been left with others. The driver gives a write more
+    // time than the watchdog does.
+    channel->SetLatence(StillLimit * 1000);
+    channel->GetTimeouts().BeginUpdate();
     channel->SetActive(true);
+    channel->GetTimeouts().EndUpdate();
   } catch (const EOSError& e) {
     FailToOpen(Address, e.ErrorCode);
   }
   ::PurgeComm(channel->GetHandle(), PURGE_RXCLEAR);  // of a former session
-  return std::make_unique<TChannelLink>(std::move(channel), PeerOf(Receiving), Capacity);
+  return std::make_unique<TLineLink>(std::move(channel), PeerOf(Receiving), Capacity);
 }
 
 }  // namespace
 
-[[noreturn]] void FailToOpen(const std::string& Address, DWORD Error) {
+[[noreturn]] void FailToOpen(const std::string& Address, uint32_t Error) {
   throw Exception("cannot open " + Address + ": " + SystemErrorMessage(Error));
 }
 
 [[noreturn]] void RefuseArguments(const std::string& What) {
   throw Exception(What + "; see velcopy --help");
+}
+
+int32_t ParseNumber(const std::string& What, std::string_view Text, int32_t Least, int32_t Most) {
+  int32_t value = 0;
+  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
+  if (error == std::errc() && end == Text.data() + Text.size() && value >= Least && value <= Most)
+    return value;
+  RefuseArguments(Format("%s must be a number from %d to %d, not \"%s\"", What.c_str(), Least, Most,
+                         std::string(Text).c_str()));
 }
 
 std::unique_ptr<TLink> Open(const std::string& Address, bool Receiving,

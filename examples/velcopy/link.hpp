@@ -24,7 +24,8 @@ class TLink {
   /// For the receiver: returns when there may be a sender. Has no time limit.
   virtual void AwaitPeer() {}
 
-  /// The next Read waits without limit too, until this is called.
+  /// Until this is called Read has no time limit either, unless AwaitPeer made sure that there is a
+  /// sender.
   virtual void StartWatchdog() = 0;
 
   virtual void Write(const void* Bytes, int32_t Size) = 0;

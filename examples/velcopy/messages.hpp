@@ -34,6 +34,10 @@ constexpr int32_t HeaderSize = sizeof(THeader);
 // What may be outstanding in one direction. A message of failure always fits on top of it.
 constexpr int32_t Window(int32_t Capacity) { return Capacity - 1 - HeaderSize - LongestReason; }
 
+// Blocks that may be unconfirmed, however small they are: nobody reads the confirmations while the
+// sender sends, and the way back has to have room for them.
+constexpr int32_t MostUnconfirmed = 1024;
+
 /// The conversation with the other side, over a link.
 class TPeer {
  public:
@@ -47,7 +51,7 @@ class TPeer {
   THeader Receive(std::initializer_list<TKind> Expected);
   void ReceiveBytes(void* Bytes, int32_t Size) { Link_.Read(Bytes, Size); }
 
-  /// Tells the other side why this one ends, unless it told the reason itself.
+  /// Tells the other side why this one ends, unless that was the first to give up.
   void TellFailure(const velox::Exception& Failure) noexcept;
 
  private:

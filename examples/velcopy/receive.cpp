@@ -17,31 +17,49 @@ namespace {
 class TPartialFile {
  public:
   explicit TPartialFile(const std::string& Name)
-      : Name_(Name), Stream_(std::make_unique<TFileStream>(Name + ".part", TFileMode::fmCreate)) {}
+      : Name_(Name),
+        Part_(Name + ".part"),
+        Stream_(std::make_unique<TFileStream>(Part_, TFileMode::fmCreate)) {}
   ~TPartialFile() {
     if (Stream_ == nullptr) return;
     Stream_.reset();
-    ::DeleteFileA((Name_ + ".part").c_str());
+    ::DeleteFileA(Part_.c_str());
   }
 
-  TFileStream& Stream() { return *Stream_; }
+  void Write(const std::vector<char>& Bytes) {
+    OnFile(*Stream_,
+           [&] { Stream_->WriteBuffer(Bytes.data(), static_cast<int32_t>(Bytes.size())); });
+    Unflushed_ += Bytes.size();
+    if (Unflushed_ >= MostUnflushed) Flush();
+  }
 
   void PutInPlace() {
+    Flush();
     Stream_.reset();
-    const std::string part = Name_ + ".part";
-    if (::MoveFileExA(part.c_str(), Name_.c_str(), MOVEFILE_REPLACE_EXISTING)) return;
+    if (::MoveFileExA(Part_.c_str(), Name_.c_str(), MOVEFILE_REPLACE_EXISTING)) return;
     const std::string reason = SystemErrorMessage(::GetLastError());
-    ::DeleteFileA(part.c_str());
+    ::DeleteFileA(Part_.c_str());
     throw Exception("cannot put " + Name_ + " in place: " + reason);
   }
 
  private:
-  const std::string Name_;
+  // So little that the disk writes it while the sender still waits.
+  static constexpr size_t MostUnflushed = 16 << 20;
+
+  // The system takes what is written, and may find out later that it can't keep it.
+  void Flush() {
+    if (!::FlushFileBuffers(Stream_->GetHandle()))
+      throw Exception(Part_ + ": " + SystemErrorMessage(::GetLastError()));
+    Unflushed_ = 0;
+  }
+
+  const std::string Name_, Part_;
   std::unique_ptr<TFileStream> Stream_;
+  size_t Unflushed_ = 0;
 };
 
 // Receives the blocks into the file, and returns their CRC, which is what the sender says it is.
-uint32_t ReceiveBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t Capacity,
+uint32_t ReceiveBlocks(TPeer& Peer, TPartialFile& File, uint64_t Total, int32_t Capacity,
                        TShow Show) {
   TProgress progress(Show, Total);
   TCRC32 crc;
@@ -63,7 +81,7 @@ uint32_t ReceiveBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t C
     bytes.resize(header.Size);
     const auto size = static_cast<int32_t>(header.Size);
     Peer.ReceiveBytes(bytes.data(), size);
-    OnFile(File, [&] { File.WriteBuffer(bytes.data(), size); });
+    File.Write(bytes);
     crc.Update(bytes.data(), size);
     received += header.Size;
     Peer.Send({.Kind = TKind::Confirmed, .Position = received});
@@ -74,8 +92,8 @@ uint32_t ReceiveBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t C
 }  // namespace
 
 void Receive(const TArguments& Arguments) {
+  TPartialFile file(Arguments.File);  // first: who can't receive is not there for a sender
   const std::unique_ptr<TLink> link = Open(Arguments.Address, true, Arguments.Size);
-  TPartialFile file(Arguments.File);
   TPeer peer(*link, "sender");
   std::printf("waiting for a sender on %s\n", Arguments.Address.c_str());
   std::fflush(stdout);
@@ -85,7 +103,7 @@ void Receive(const TArguments& Arguments) {
     link->StartWatchdog();
     const int32_t capacity = link->GetCapacity();
     peer.Send({.Kind = TKind::Hello, .Position = static_cast<uint64_t>(capacity)});
-    const uint32_t check = ReceiveBlocks(peer, file.Stream(), total, capacity, Arguments.Show);
+    const uint32_t check = ReceiveBlocks(peer, file, total, capacity, Arguments.Show);
     file.PutInPlace();
     peer.Send({.Kind = TKind::Done, .Position = total, .Check = check});
     link->Finish();

@@ -42,13 +42,14 @@ uint32_t SendBlocks(TPeer& Peer, TFileStream& File, uint64_t Total, int32_t Capa
   const auto window = static_cast<uint64_t>(Window(Capacity));
   // Every block but the last is full, so what is sent and not confirmed tells how many messages
   // that were.
-  const auto occupied = [&](uint64_t Outstanding) {
-    return Outstanding + (Outstanding + Block - 1) / Block * HeaderSize;
+  const auto fits = [&](uint64_t Outstanding) {
+    const uint64_t blocks = (Outstanding + Block - 1) / Block;
+    return blocks <= MostUnconfirmed && Outstanding + blocks * HeaderSize <= window;
   };
   uint64_t sent = 0, confirmed = 0;
   while (confirmed < Total) {
     const auto size = static_cast<int32_t>(std::min<uint64_t>(bytes.size(), Total - sent));
-    if (size > 0 && occupied(sent - confirmed + static_cast<uint64_t>(size)) <= window) {
+    if (size > 0 && fits(sent - confirmed + static_cast<uint64_t>(size))) {
       OnFile(File, [&] { File.ReadBuffer(bytes.data(), size); });
       crc.Update(bytes.data(), size);
       Peer.Send({.Kind = TKind::Data, .Position = sent, .Size = static_cast<uint32_t>(size)},
@@ -69,7 +70,7 @@ void Send(const TArguments& Arguments) {
   TFileStream file(Arguments.File, TFileMode::fmOpenRead);
   uint64_t total = 0;
   OnFile(file, [&] { total = static_cast<uint64_t>(file.GetSize()); });
-  const std::unique_ptr<TLink> link = Open(Arguments.Address, false, Arguments.Size);
+  const std::unique_ptr<TLink> link = Open(Arguments.Address, false);
   link->StartWatchdog();
   TPeer peer(*link, "receiver");
   try {

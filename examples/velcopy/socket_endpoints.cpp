@@ -1,7 +1,5 @@
 #include "socket_endpoints.hpp"
 
-#include <charconv>
-#include <string_view>
 #include <utility>
 
 #include "channel_link.hpp"
@@ -30,16 +28,13 @@ TPlace ParsePlace(const std::string& Address, const std::string& Rest, bool Rece
     RefuseArguments("\"" + Address + "\" is no address like " + Address.substr(0, 3) +
                     (Receiving ? ":PORT" : ":HOST:PORT"));
   }
-  const std::string_view port = std::string_view(Rest).substr(Receiving ? 0 : colon + 1);
-  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), place.Port);
-  if (error != std::errc() || end != port.data() + port.size() || place.Port == 0) {
-    RefuseArguments("the port in \"" + Address + "\" must be a number from 1 to 65535");
-  }
+  const std::string port = Rest.substr(Receiving ? 0 : colon + 1);
+  place.Port = static_cast<uint16_t>(ParseNumber("the port", port, 1, 65535));
   if (!Receiving) place.Address = Rest.substr(0, colon);
   return place;
 }
 
-// Asks for the host's address, if it is given by name.
+// Asks for the host's address, if it is given by name. How long that may take the system decides.
 void SetHost(TTCPChannel& Channel, const std::string& Host) {
   try {
     Channel.SetStringAddress(Host);
@@ -67,6 +62,14 @@ class TTCPLink : public TChannelLink {
       TraceException("velcopy");
     }
   }
+
+ private:
+  std::string ReasonOf(const TTransferOperation& Operation) const override {
+    const int32_t error = static_cast<const TIPOperation&>(Operation).GetErrorCode();
+    if (error == 0) return "the " + GetPeer() + " has ended the connection";
+    return "lost the connection to the " + GetPeer() + ": " +
+           SystemErrorMessage(static_cast<uint32_t>(error));
+  }
 };
 
 // A receiver's: listens, and takes the first connection over into its channel.
@@ -88,6 +91,7 @@ class TListeningLink : public TTCPLink {
     WaitForSingleObjectAlertable(Taken_.Get(), "velcopy");
     Server_.Stop();
     GetChannel().SetActive(true);
+    StartWatchdog();  // who has connected has to say something
   }
 
  private:
@@ -104,7 +108,7 @@ class TListeningLink : public TTCPLink {
   TCustomTCPServer Server_;
 };
 
-std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place) {
+std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place, int32_t Capacity) {
   auto channel = std::make_unique<TTCPChannel>();
   SetHost(*channel, Place.Address);
   channel->SetPort(Place.Port);
@@ -115,7 +119,7 @@ std::unique_ptr<TLink> Connect(const std::string& Address, const TPlace& Place) 
     if (e.ErrorCode == WSAECONNREFUSED) throw Exception("there is no receiver on " + Address);
     FailToOpen(Address, e.ErrorCode);
   }
-  return std::make_unique<TTCPLink>(std::move(channel), PeerOf(false), DefaultCapacity);
+  return std::make_unique<TTCPLink>(std::move(channel), PeerOf(false), Capacity);
 }
 
 }  // namespace
@@ -124,7 +128,7 @@ std::unique_ptr<TLink> OpenTCP(const std::string& Address, const std::string& Re
                                int32_t Capacity) {
   const TPlace place = ParsePlace(Address, Rest, Receiving);
   if (Receiving) return std::make_unique<TListeningLink>(Address, place.Port, Capacity);
-  return Connect(Address, place);
+  return Connect(Address, place, Capacity);
 }
 
 std::unique_ptr<TLink> OpenUDP(const std::string& Address, const std::string& Rest, bool Receiving,

@@ -11,10 +11,9 @@
 // Both sides exchange messages: a header of 24 bytes, for some kinds followed by bytes. A channel
 // may overwrite or drop what was not read in time. So nothing is sent that does not fit behind what
 // the other side has not confirmed: the receiver tells the capacity and confirms every block, and
-// the sender keeps count.
+// the sender keeps count. The confirmations have to fit as well, so their number has a limit too.
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -47,16 +46,6 @@ constexpr const char* Usage =
     "--block     what is sent at once (default 65536, or a quarter of the size)\n"
     "--progress  bar, lines or none (default: a bar on a console, else lines)\n";
 
-int32_t ParseNumber(const std::string& Option, std::string_view Text, int32_t Least, int32_t Most) {
-  int32_t value = 0;
-  const auto [end, error] = std::from_chars(Text.data(), Text.data() + Text.size(), value);
-  if (error != std::errc() || end != Text.data() + Text.size() || value < Least || value > Most) {
-    RefuseArguments(Format("%s must be a number from %d to %d, not \"%s\"", Option.c_str(), Least,
-                           Most, std::string(Text).c_str()));
-  }
-  return value;
-}
-
 TShow ParseShow(std::string_view Text) {
   if (Text == "bar") return TShow::Bar;
   if (Text == "lines") return TShow::Lines;
@@ -87,6 +76,8 @@ TArguments Parse(const std::vector<std::string>& Words) {
   if (plain.size() < 3) RefuseArguments(plain[0] + " needs an address and a file");
   if (plain.size() > 3) RefuseArguments("\"" + plain[3] + "\" is one argument too many");
   arguments.Receiving = plain[0] == "receive";
+  if (arguments.Receiving && arguments.Block) RefuseArguments("--block is for send");
+  if (!arguments.Receiving && arguments.Size) RefuseArguments("--size is for receive");
   arguments.Address = plain[1];
   arguments.File = plain[2];
   return arguments;

@@ -189,6 +189,38 @@ TEST(Velcopy, CopiesOverConnections) {
   }
 }
 
+// This receiver tells its failure before it has read anything. The sender, which listens only when
+// it may send no more, has by then sent as many blocks as may be unconfirmed, and none after.
+TEST(Velcopy, LeavesNoMoreThan1024BlocksUnconfirmed) {
+  struct THeader {
+    uint32_t Magic = 0x50434C56, Kind = 0;
+    uint64_t Position = 0;
+    uint32_t Size = 0, Check = 0;
+  };
+  const struct {
+    THeader Hello{.Position = 64 << 20}, Failed{.Kind = 5, .Size = 4};
+    char Reason[4] = {'s', 't', 'o', 'p'};
+  } answer;
+  const test::TTemporaryFolder folder;
+  const std::string from = folder.File("from");
+  test::WriteFileBytes(from, test::Noise(100'000));
+  const SOCKET listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  const std::string port = std::to_string(Bind(listener));
+  ASSERT_EQ(::listen(listener, 1), 0);
+  TVelcopy sender(folder, "send tcp:127.0.0.1:" + port + " " + from + " --block 30");
+  const SOCKET receiver = ::accept(listener, nullptr, nullptr);
+  const int answered = sizeof answer.Hello + sizeof answer.Failed + sizeof answer.Reason;
+  EXPECT_EQ(::send(receiver, reinterpret_cast<const char*>(&answer), answered, 0), answered);
+  std::vector<char> buffer(1 << 16);
+  int got = 0;
+  for (int size; (size = ::recv(receiver, buffer.data(), 1 << 16, 0)) > 0;) got += size;
+  ::closesocket(receiver);
+  ::closesocket(listener);
+  EXPECT_EQ(got, 24 + 1024 * (24 + 30));
+  EXPECT_EQ(sender.Wait(), 1u);
+  ExpectError(sender, "the receiver gave up: stop");
+}
+
 // The figures are those of a line that loses, doubles and reorders 5 % each.
 TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
   const test::TTemporaryFolder folder;
@@ -212,11 +244,11 @@ TEST(Velcopy, CopiesOverDatagramsThatAreLostDoubledAndReordered) {
 
 TEST(Velcopy, RefusesBadInputWithOneLine) {
   const test::TTemporaryFolder folder;
-  const std::string file = folder.File("from"), to = folder.File("to"),
-                    used = test::UniqueName("velcopy-used-"),
+  const std::string file = folder.File("from"), used = test::UniqueName("velcopy-used-"),
                     foreign = test::UniqueName("velcopy-foreign-"),
                     held = test::UniqueName("velcopy-held-"),
                     refused = std::to_string(FreePort(SOCK_STREAM));
+  const auto to = [&] { return folder.File(test::UniqueName("to-")); };
   test::WriteFileBytes(file, "x");
   test::WriteFileBytes(folder.File("other"), "good");
   const THandle memory(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 2000,
@@ -231,28 +263,32 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
       {"send shm:velcopy-nobody " + folder.File("none"), "Cannot open file"},
       {"send shm: " + file, "is no address like shm:NAME; see velcopy --help"},
       {"send tcp:5000 " + file, "\"tcp:5000\" is no address like tcp:HOST:PORT"},
-      {"receive udp:host:5000 " + to, "\"udp:host:5000\" is no address like udp:PORT"},
-      {"receive tcp:65536 " + to, "must be a number from 1 to 65535"},
+      {"receive udp:host:5000 " + to(), "\"udp:host:5000\" is no address like udp:PORT"},
+      {"receive tcp:65536 " + to(), "must be a number from 1 to 65535"},
       {"send tcp:127.0.0.1:" + refused + " " + file,
        "there is no receiver on tcp:127.0.0.1:" + refused},
       {"send tcp:no.such.host.invalid:1 " + file, "cannot find the host no.such.host.invalid: "},
       {"send shm:" + used + " " + file + " --block 0",
        "--block must be a number from 1 to 2147483647"},
-      {"receive shm:" + used + " " + to, "shm:" + used + " is in use by another receiver"},
-      {"receive shm:" + foreign + " " + to, "shm:" + foreign + " is in use by another program"},
-      {"receive shm:" + held + " " + to, "shm:" + held + " is in use by a sender"},
-      {"receive shm:velcopy\\no\\such " + to, "cannot open shm:velcopy\\no\\such: "},
-      {"receive shm:velcopy-x " + to + " --size -5",
+      {"receive shm:" + used + " " + to(), "shm:" + used + " is in use by another receiver"},
+      {"receive shm:" + foreign + " " + to(), "shm:" + foreign + " is in use by another program"},
+      {"receive shm:" + held + " " + to(), "shm:" + held + " is in use by a sender"},
+      {"receive shm:velcopy\\no\\such " + to(), "cannot open shm:velcopy\\no\\such: "},
+      {"receive shm:velcopy-x " + to() + " --size -5",
        "--size must be a number from 1024 to 2147483635, not \"-5\"; see velcopy --help"},
-      {"receive shm:velcopy-x " + to + " --size 2147483636", "from 1024 to 2147483635"},
-      {"receive shm:velcopy-x " + to + " --size 9999999999", "from 1024 to 2147483635"},
-      {"receive shm:velcopy-x " + to + " --size", "--size needs a value; see velcopy --help"},
-      {"receive shm:velcopy-x " + to + " --fast", "unknown option --fast; see velcopy --help"},
-      {"receive shm:velcopy-x " + folder.File("no\\such\\to"), "Cannot create file"},
+      {"receive shm:velcopy-x " + to() + " --size 2147483636", "from 1024 to 2147483635"},
+      {"receive shm:velcopy-x " + to() + " --size 9999999999", "from 1024 to 2147483635"},
+      {"receive shm:velcopy-x " + to() + " --size", "--size needs a value; see velcopy --help"},
+      {"receive shm:velcopy-x " + to() + " --fast", "unknown option --fast; see velcopy --help"},
+      // A receiver that can't do its part is there for no sender, not even for a moment.
+      {"receive shm:" + used + " " + folder.File("no\\such\\to"), "Cannot create file"},
+      {"send shm:" + used + " " + file + " --size 5000",
+       "--size is for receive; see velcopy --help"},
+      {"receive shm:velcopy-x " + to() + " --block 1", "--block is for send; see velcopy --help"},
       {"", "neither send nor receive is given; see velcopy --help"},
-      {"copy shm:velcopy-x " + to, "\"copy\" is neither send nor receive; see velcopy --help"},
+      {"copy shm:velcopy-x " + to(), "\"copy\" is neither send nor receive; see velcopy --help"},
       {"receive shm:velcopy-x", "receive needs an address and a file; see velcopy --help"},
-      {"receive shm:velcopy-x " + to + " 1", "\"1\" is one argument too many"}};
+      {"receive shm:velcopy-x " + to() + " 1", "\"1\" is one argument too many"}};
   std::deque<TVelcopy> programs;
   for (const auto& c : cases) programs.emplace_back(folder, c.Arguments);
   for (size_t i = 0; i < std::size(cases); ++i) {
@@ -267,8 +303,25 @@ TEST(Velcopy, RefusesBadInputWithOneLine) {
   EXPECT_EQ(receiver.Wait(), 1u);
   ExpectError(receiver, "the sender gave up: blocks of 2000 bytes");
   EXPECT_EQ(test::ReadFileBytes(folder.File("other")), "good");
-  for (const char* name : {"to", "to.part", "other.part"})
-    EXPECT_FALSE(std::filesystem::exists(folder.File(name))) << name;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+    const std::string name = entry.path().filename().string();
+    EXPECT_TRUE(!name.starts_with("to-") && !name.ends_with(".part")) << name;
+  }
+}
+
+// What the system keeps for later may fail then. The null device takes everything, and can't say
+// that it is written.
+TEST(Velcopy, TellsBothSidesThatTheFileCouldNotBeWritten) {
+  const test::TTemporaryFolder folder;
+  const std::string from = folder.File("from"), address = "shm:" + test::UniqueName("velcopy-");
+  test::WriteFileBytes(from, "x");
+  TVelcopy receiver(folder, "receive " + address + " NUL");
+  ASSERT_TRUE(receiver.Says("waiting")) << receiver.Output();
+  TVelcopy sender(folder, "send " + address + " " + from);
+  EXPECT_EQ(sender.Wait(), 1u);
+  EXPECT_EQ(receiver.Wait(), 1u);
+  ExpectError(receiver, "velcopy: NUL.part: ");
+  ExpectError(sender, "the receiver gave up: NUL.part: ");
 }
 
 TEST(Velcopy, RefusesASecondSenderAndFinishesTheCopy) {
@@ -332,6 +385,13 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   }
   for (const auto* copies : {&as, &bs})
     for (const TCopy& copy : *copies) copy.AwaitLines();
+  // And one that was killed before it said a word, as it were.
+  const std::string port = std::to_string(FreePort(SOCK_STREAM));
+  TVelcopy alone(folder, "receive tcp:" + port + " " + folder.File("alone"));
+  ASSERT_TRUE(alone.Says("waiting")) << alone.Output();
+  const SOCKET silent = ::socket(AF_INET, SOCK_STREAM, 0);
+  const SOCKADDR_IN place = Loopback(static_cast<uint16_t>(std::stoi(port)));
+  EXPECT_EQ(::connect(silent, reinterpret_cast<const SOCKADDR*>(&place), sizeof place), 0);
   for (TCopy& a : as) a.Receiver.Kill();
   for (TCopy& b : bs) b.Sender->Kill();
   const ULONGLONG start = ::GetTickCount64();
@@ -350,6 +410,10 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
     EXPECT_TRUE(std::filesystem::exists(a.File + ".part"));  // the killed can't clean up
     EXPECT_FALSE(std::filesystem::exists(b.File + ".part"));
   }
+  EXPECT_EQ(alone.Wait(), 1u);
+  EXPECT_LT(::GetTickCount64() - start, 20'000u);
+  ExpectError(alone, "the sender has not responded for 8 seconds");
+  ::closesocket(silent);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ PORTS = (12, 13)
 
 @contextlib.contextmanager
 def connected_ports(folder):
-    """Yields when the ports are there; socat ends at the end."""
+    """Yields socat when the ports are there; it ends at the end."""
     ends = [folder / f"end{port}" for port in PORTS]
     socat = subprocess.Popen(["socat", *[f"pty,raw,echo=0,link={end}" for end in ends]])
     links = [pathlib.Path(os.environ["WINEPREFIX"]) / "dosdevices" / f"com{port}" for port in PORTS]
@@ -28,7 +28,7 @@ def connected_ports(folder):
         for link, end in zip(links, ends):
             link.unlink(missing_ok=True)
             link.symlink_to(end)
-        yield
+        yield socat
     finally:
         socat.kill()
         socat.wait()
@@ -61,6 +61,23 @@ def velcopy(folder):
             check(f"velcopy send {address}: {message}", message in line and program.wait() == 1, line)
 
 
+def broken_line(folder, socat):
+    """Ends the line, and with it the ports, in the middle of a copy."""
+    sent = folder / "huge"
+    with sent.open("wb") as file:
+        file.truncate(1 << 30)
+    with Program("velcopy", "receive", f"com:{PORTS[0]}", windows_path(folder / "broken")) as receiver:
+        receiver.await_line("waiting for a sender")
+        with Program("velcopy", "send", f"com:{PORTS[1]}", windows_path(sent)) as sender:
+            receiver.await_line(" s left")
+            sender.await_line(" s left")
+            socat.kill()
+            for program, peer in ((sender, "receiver"), (receiver, "sender")):
+                line = program.await_line("velcopy: ")
+                check(f"velcopy notices that the line to the {peer} is broken",
+                      f"the channel to the {peer} has failed" in line and program.wait() == 1, line)
+
+
 def main():
     if not shutil.which("socat"):
         cannot_run("serial ports", "there is no socat")
@@ -73,9 +90,10 @@ def main():
         return
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        with connected_ports(folder):
+        with connected_ports(folder) as socat:
             channels()
             velcopy(folder)
+            broken_line(folder, socat)
 
 
 main()
