@@ -204,19 +204,14 @@ TEST(Velcopy, LeavesNoMoreThan1024BlocksUnconfirmed) {
   const test::TTemporaryFolder folder;
   const std::string from = folder.File("from");
   test::WriteFileBytes(from, test::Noise(100'000));
-  const SOCKET listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  const std::string port = std::to_string(Bind(listener));
-  ASSERT_EQ(::listen(listener, 1), 0);
+  const test::TSocket listener(SOCK_STREAM);
+  const std::string port = std::to_string(listener.Bind());
+  ASSERT_EQ(::listen(listener.Handle, 1), 0);
   TVelcopy sender(folder, "send tcp:127.0.0.1:" + port + " " + from + " --block 30");
-  const SOCKET receiver = ::accept(listener, nullptr, nullptr);
+  const test::TSocket receiver(::accept(listener.Handle, nullptr, nullptr));
   const int answered = sizeof answer.Hello + sizeof answer.Failed + sizeof answer.Reason;
-  EXPECT_EQ(::send(receiver, reinterpret_cast<const char*>(&answer), answered, 0), answered);
-  std::vector<char> buffer(1 << 16);
-  int got = 0;
-  for (int size; (size = ::recv(receiver, buffer.data(), 1 << 16, 0)) > 0;) got += size;
-  ::closesocket(receiver);
-  ::closesocket(listener);
-  EXPECT_EQ(got, 24 + 1024 * (24 + 30));
+  EXPECT_TRUE(receiver.Send(std::string(reinterpret_cast<const char*>(&answer), answered)));
+  EXPECT_EQ(receiver.Receive(1 << 20).size(), 24u + 1024 * (24 + 30));
   EXPECT_EQ(sender.Wait(), 1u);
   ExpectError(sender, "the receiver gave up: stop");
 }
@@ -389,9 +384,8 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   const std::string port = std::to_string(FreePort(SOCK_STREAM));
   TVelcopy alone(folder, "receive tcp:" + port + " " + folder.File("alone"));
   ASSERT_TRUE(alone.Says("waiting")) << alone.Output();
-  const SOCKET silent = ::socket(AF_INET, SOCK_STREAM, 0);
-  const SOCKADDR_IN place = Loopback(static_cast<uint16_t>(std::stoi(port)));
-  EXPECT_EQ(::connect(silent, reinterpret_cast<const SOCKADDR*>(&place), sizeof place), 0);
+  const test::TSocket silent(SOCK_STREAM);
+  EXPECT_TRUE(silent.Connect(static_cast<uint16_t>(std::stoi(port))));
   for (TCopy& a : as) a.Receiver.Kill();
   for (TCopy& b : bs) b.Sender->Kill();
   const ULONGLONG start = ::GetTickCount64();
@@ -413,7 +407,6 @@ TEST(Velcopy, EndsWhenTheOtherSideIsKilled) {
   EXPECT_EQ(alone.Wait(), 1u);
   EXPECT_LT(::GetTickCount64() - start, 20'000u);
   ExpectError(alone, "the sender has not responded for 8 seconds");
-  ::closesocket(silent);
 }
 
 }  // namespace
