@@ -112,34 +112,6 @@ void SendTo(TUDPChannel& Channel, const std::string& Address, uint16_t Port,
 }
 //! [datagram]
 
-//! [datagrams]
-/// Receives datagrams of up to 1500 bytes.
-class TDatagramReader {
- public:
-  explicit TDatagramReader(TUDPChannel& Channel) : Read_(Channel.CreateOperation()) {
-    Read_->SetBuffer(Buffer_);
-    Read_->SetSize(sizeof Buffer_);
-    Read_->SetAutoTimeout(false);  // no limit
-    Read_->SetOnTransferred(TOperationTransferEvent::Bind<&TDatagramReader::OnReceived>(this));
-    Read_->SetActive(true);
-  }
-
-  std::vector<std::string> Datagrams;  // only OnReceived touches them until Done is signalled
-  THandle Done{::CreateEventA(nullptr, FALSE, FALSE, nullptr)};
-
- private:
-  void OnReceived(TObject*,
-                  bool& Reset) {  // each datagram is a chunk, up to the size of the buffer
-    Datagrams.emplace_back(Buffer_, Buffer_ + Read_->GetTransferred());
-    Reset = true;
-    if (Datagrams.size() == 2) ::SetEvent(Done.Get());
-  }
-
-  char Buffer_[1501];  // one more than a datagram has
-  const std::unique_ptr<TTransferOperation> Read_;
-};
-//! [datagrams]
-
 /// The port that the system chose.
 uint16_t PortOf(const TUDPChannel& Channel) {
   SOCKADDR_IN address{};
@@ -170,11 +142,12 @@ void RunChannels() {
   TUDPChannel from, to;
   from.SetActive(true);
   to.SetActive(true);
-  TDatagramReader receiver(to);
-  SendTo(from, "127.0.0.1", PortOf(to), "ABC");
-  SendTo(from, "127.0.0.1", PortOf(to), "DEFGH");
+  TRecordReader receiver(to, 4);
+  receiver.Start();
+  SendTo(from, "127.0.0.1", PortOf(to), "ABCD");
+  SendTo(from, "127.0.0.1", PortOf(to), "EFGH");
   WaitForSingleObjectAlertable(receiver.Done.Get());
-  Expect(receiver.Datagrams == std::vector<std::string>{"ABC", "DEFGH"}, "two datagrams come");
+  Expect(receiver.Records == std::vector<std::string>{"ABCD", "EFGH"}, "two datagrams come");
 
   TDone done;
   char text[] = "IJKL";
