@@ -771,6 +771,28 @@ TEST(OperationQueue, AChannelsDestructorWaitsForAnEventOnAnotherThread) {
   EXPECT_FALSE(early);
 }
 
+TEST(OperationQueue, TwoChannelsMaySwitchEachOtherOff) {
+  TTestChannel channels[] = {TTestChannel(false), TTestChannel(false)};
+  TTestOperation first(channels[0], 3), second(channels[1], 3);
+  std::atomic<int> inside = 0;
+  const auto switchOff = [&](TTestChannel& Channel) {
+    ++inside;
+    EXPECT_TRUE(test::WaitUntil([&] { return inside == 2; }));
+    Channel.SetActive(false);
+  };
+  first.Do[teComplete] = [&] { switchOff(channels[1]); };
+  second.Do[teComplete] = [&] { switchOff(channels[0]); };
+  first.SetActive(true);
+  second.SetActive(true);
+  for (TTestChannel& channel : channels)
+    ASSERT_TRUE(test::WaitUntil([&] { return channel.Queue().Pending(); }));
+  std::vector<std::jthread> devices;
+  for (TTestChannel& channel : channels)
+    devices.emplace_back([&queue = channel.Queue()] { queue.End(); });
+  devices.clear();
+  EXPECT_EQ(inside, 2);
+}
+
 /// Eight threads make, cancel, destroy and reuse operations of both kinds, while a device ends the
 /// pending chunks.
 class TStress {

@@ -121,7 +121,11 @@ DWORD TPendingGate::WaitWith(HANDLE Thread, bool Alertable, TWait&& WaitFor) {
 template <class TWait, class TPause>
 DWORD TPendingGate::WaitOrPoll(HANDLE Thread, bool Alertable, TWait&& WaitFor, TPause&& Pause) {
   if (Outstanding(Word_.load()) == 0) return WAIT_OBJECT_0;
-  if (ProcessEnds()) return WAIT_OBJECT_0 + 1;
+  if (ProcessEnds()) {  // what can still come is this thread's own
+    while (Alertable && GetPending() != 0 && ::SleepEx(0, TRUE) == WAIT_IO_COMPLETION) {
+    }
+    return GetPending() == 0 ? WAIT_OBJECT_0 : WAIT_OBJECT_0 + 1;
+  }
   if (MakeSemaphore()) return WaitWith(Thread, Alertable, WaitFor);
   const TStay inside(*this);
   while (GetPending() != 0) {

@@ -195,13 +195,12 @@ void TChannel::Close() noexcept {
   } catch (...) {
     TraceException("[TChannel.Destroy] deactivation error");
   }
-  if (!Active_) return;
-  // OnDeactivate raised.
   try {
-    Deactivate();
+    if (Active_) Deactivate();  // OnDeactivate raised
   } catch (...) {
     TraceException("[TChannel.Destroy] deactivation error");
   }
+  TOperationQueue::WaitForEvents(*Events_);
 }
 
 void TChannel::CheckActive() const {

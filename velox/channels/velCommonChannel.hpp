@@ -234,7 +234,8 @@ struct TQueueReference {
 /// and cancelled on any thread meanwhile. Deactivating or destroying the channel in an operation's
 /// OnComplete is allowed; no other thread may be using it then. Destroying it is not, in an event
 /// that its own deactivation raises: GetActive() is false in such an OnComplete, and OnDeactivate
-/// is one. The destructor returns when no event of an operation runs on another thread any more.
+/// is one. The destructor waits, alertably, until no OnComplete of an operation runs on another
+/// thread any more: two channels must not be destroyed in each other's events.
 class VELOX_API TChannel : public TObject {
  public:
   /// The channel is inactive by now: see Close().
@@ -296,8 +297,8 @@ class VELOX_API TChannel : public TObject {
   void CheckActive() const;
 
   /// SetActive(false) for destructors: exceptions go to the trace log, and the medium is closed all
-  /// the same. Every class that implements FinalizeQueues calls it at the start of its destructor,
-  /// while it still can be called.
+  /// the same; then it waits for the events that other threads run. Every class that implements
+  /// FinalizeQueues calls it at the start of its destructor, while it still can be called.
   void Close() noexcept;
 
   /// For channels whose queues live no longer than one activation: completes what is queued,
@@ -307,6 +308,7 @@ class VELOX_API TChannel : public TObject {
 
  private:
   friend class TTransferOperation;
+  friend class TOperationQueue;
   void Deactivate();
   void AddOperation(TTransferOperation& Operation);
   void DeleteOperation(TTransferOperation& Operation);
@@ -316,6 +318,8 @@ class VELOX_API TChannel : public TObject {
   std::atomic<bool> Finalizing_ = false;       // FinalizeQueues is under way
   mutable SRWLOCK QueuesLock_ = SRWLOCK_INIT;  // guards the next
   std::array<TOperationQueue*, 2> OperationQueues_{};
+  /// Counts the threads that complete operations just now. Queues may outlive the channel.
+  const std::shared_ptr<TPendingGate> Events_ = std::make_shared<TPendingGate>();
   std::atomic<int32_t> Latence_ = 0;
   std::atomic<int32_t> Bandwidth_ = 0;
 };
@@ -358,9 +362,6 @@ class VELOX_API TOperationQueue : public TObject {
   void CancelOperation(TTransferOperation& Operation);
   /// Completes every operation, head first, on the calling thread.
   void Finalize();
-  /// Waits, alertably, until no event of its operations runs on another thread that drives the
-  /// queue. For one that takes no more operations.
-  void WaitForTurns() noexcept;
 
   /// Has the reactor look for work soon. Costs a system call only when no such look is due already.
   void ScheduleOperationQueueChanged();
@@ -398,10 +399,10 @@ class VELOX_API TOperationQueue : public TObject {
   /// Stops the clock; drops a timeout that has fired and was not handled yet. Under the lock.
   void FinishTimeoutTask();
 
-  /// Completes what is queued, refuses new operations and ends the reactions; returns when no other
-  /// thread is at work with the queue any more. Exceptions of handlers go to the trace log. The
-  /// destructor of a concrete class calls it first, while the class's own part still exists; later
-  /// calls do nothing.
+  /// Completes what is queued, refuses new operations and ends the reactions, so that no thread
+  /// calls into the queue any more. Exceptions of handlers go to the trace log. The destructor of a
+  /// concrete class calls it first, while the class's own part still exists; later calls do
+  /// nothing.
   void Close() noexcept;
 
   /// The one place where operations leave the queue. Runs the procedures in order under the lock,
@@ -451,6 +452,7 @@ class VELOX_API TOperationQueue : public TObject {
   void DoOperationQueueChangedAsync(TObject* Sender);
   void DoOperationTimeout(TObject* Sender);
 
+  static void WaitForEvents(TPendingGate& Events) noexcept;
   static void AddOperation(const TReference& Target, TTransferOperation& Operation);
   static void CancelOperation(const TReference& Target, TTransferOperation& Operation);
   static void Execute(const TReference& Target,

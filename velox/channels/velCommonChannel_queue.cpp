@@ -82,6 +82,9 @@ thread_local TLooks* TLooks::Current = nullptr;
 
 // What outlives the queue while somebody is still at work with it.
 struct TQueueShared {
+  explicit TQueueShared(std::shared_ptr<TPendingGate> AEvents) noexcept
+      : Events(std::move(AEvents)) {}
+
   // A word of signals: how many came since it was last cleared (low half), and how often it was
   // cleared (high half), so that a run with old knowledge can't clear what came later.
   static constexpr uint64_t OneClearing = uint64_t{1} << 32;
@@ -104,9 +107,9 @@ struct TQueueShared {
   /// reaction is running and looks again before it ends. So only the signal that finds 0 needs the
   /// system.
   std::atomic<uint64_t> Signals{0};
-  std::atomic<bool> Closed{false};  // set under Lock, for good
-  TPendingGate Turns;               // the turns under way, on whatever thread
-  bool Gone = false;                // guarded by Lock: the queue is being destroyed
+  std::atomic<bool> Closed{false};             // set under Lock, for good
+  const std::shared_ptr<TPendingGate> Events;  // the channel's
+  bool Gone = false;                           // guarded by Lock: the queue is being destroyed
 };
 
 namespace {
@@ -126,24 +129,11 @@ void Signal(const TQueueReference& Target) noexcept {
 
 // One reaction run. Signals that come during the run are taken by the run itself.
 struct TOperationQueue::TTurn {
-  explicit TTurn(TShared& AShared) noexcept : Shared(AShared), Outer(std::exchange(Current, this)) {
-    Shared.Turns.Begin();
-    Seen = Shared.Signals.fetch_add(1) + 1;
-  }
+  explicit TTurn(TShared& AShared) noexcept
+      : Shared(AShared), Seen(AShared.Signals.fetch_add(1) + 1) {}
   ~TTurn() {
     // Left by an exception: what was signalled since is work for the next run.
     if (!Ended && !Shared.Signals.compare_exchange_strong(Seen, TShared::Cleared(Seen))) HandOver();
-    Current = Outer;
-    if (!Left) Shared.Turns.Finish();
-  }
-
-  /// Waits until the turns of other threads are over. Those further up the calling thread do
-  /// nothing more with the channel and its operations, and nobody needs to wait for them.
-  static void WaitForOthers(TShared& AShared) noexcept {
-    for (TTurn* turn = Current; turn != nullptr; turn = turn->Outer) {
-      if (&turn->Shared == &AShared && !std::exchange(turn->Left, true)) AShared.Turns.Finish();
-    }
-    AShared.Turns.WaitQuietly(nullptr);
   }
 
   /// True when nothing was signalled since the last look; the run is over then.
@@ -165,15 +155,9 @@ struct TOperationQueue::TTurn {
   }
 
   TShared& Shared;
-  TTurn* const Outer;  // the one inside which this one runs
-  uint64_t Seen = 0;
+  uint64_t Seen;
   bool Ended = false;
-  bool Left = false;  // not counted any more
-
-  static thread_local TTurn* Current;  // of the calling thread
 };
-
-thread_local TOperationQueue::TTurn* TOperationQueue::TTurn::Current = nullptr;
 
 // The procedures at work under the lock. An event raised by one of them may cancel operations or
 // destroy the queue, that is, start another step inside this one, which then has to correct what
@@ -212,7 +196,8 @@ struct TOperationQueue::TStep {
 // batches are listed, so that an operation that is being destroyed can be found and taken out.
 class TOperationQueue::TBatch {
  public:
-  TBatch() noexcept {
+  /// Events counts the batches of a channel that hold anything.
+  explicit TBatch(std::shared_ptr<TPendingGate> Events) noexcept : Events_(std::move(Events)) {
     const TForWriting guard(ListLock);
     Next_ = First;
     if (Next_ != nullptr) Next_->Previous_ = this;
@@ -220,14 +205,35 @@ class TOperationQueue::TBatch {
   }
 
   ~TBatch() {
-    const TForWriting guard(ListLock);
-    (Previous_ == nullptr ? First : Previous_->Next_) = Next_;
-    if (Next_ != nullptr) Next_->Previous_ = Previous_;
+    {
+      const TForWriting guard(ListLock);
+      (Previous_ == nullptr ? First : Previous_->Next_) = Next_;
+      if (Next_ != nullptr) Next_->Previous_ = Previous_;
+    }
+    if (Counted_) Events_->Finish();
   }
 
+  /// With the queue locked: so whoever has emptied the queue finds all batches counted that were
+  /// taken out before.
   void Add(TTransferOperation* const* Begin, TTransferOperation* const* End) {
     const TForWriting guard(ListLock);
     Waiting_.insert(Waiting_.end(), Begin, End);
+    if (!std::exchange(Counted_, true)) Events_->Begin();
+  }
+
+  /// Waits until no other thread completes operations of the channel. (Those further up the calling
+  /// thread do nothing more with it.)
+  static void WaitForOthers(TPendingGate& Events) noexcept {
+    const DWORD thread = ::GetCurrentThreadId();
+    {
+      const TForWriting guard(ListLock);
+      for (TBatch* batch = First; batch != nullptr; batch = batch->Next_) {
+        if (batch->ThreadId_ == thread && batch->Events_.get() == &Events &&
+            std::exchange(batch->Counted_, false))
+          Events.Finish();
+      }
+    }
+    Events.WaitQuietly(nullptr);
   }
 
   /// Completes all. The first exception passes at the end, the others go to the trace log.
@@ -307,11 +313,13 @@ class TOperationQueue::TBatch {
       nullptr;  // its OnComplete is running; null once that has destroyed it
   uint32_t Activation_ = 0;
   const DWORD ThreadId_ = ::GetCurrentThreadId();
+  const std::shared_ptr<TPendingGate> Events_;
+  bool Counted_ = false;
 };
 
 TOperationQueue::TOperationQueue(TChannel& Channel)
     : Channel_(Channel),
-      Shared_(std::make_shared<TShared>()),
+      Shared_(std::make_shared<TShared>(Channel.Events_)),
       TimeoutEvent_(NewEvent()),
       TimeoutTask_(std::make_unique<TEventTask>()) {
   TimeoutTask_->SetEventHandle(TimeoutEvent_.Get());
@@ -351,10 +359,11 @@ void TOperationQueue::Close() noexcept {
   TimeoutReaction_.reset();
   QueueChangedReaction_.reset();
   TimeoutTask_.reset();
-  WaitForTurns();
 }
 
-void TOperationQueue::WaitForTurns() noexcept { TTurn::WaitForOthers(*Shared_); }
+void TOperationQueue::WaitForEvents(TPendingGate& Events) noexcept {
+  TBatch::WaitForOthers(Events);
+}
 
 void TOperationQueue::Lock() noexcept { Shared_->Lock.lock(); }
 
@@ -484,7 +493,7 @@ void TOperationQueue::ExecuteOperationProcess(
 void TOperationQueue::Execute(const TReference& Target,
                               std::initializer_list<TProcessOperationsProcedure> Procedures,
                               TObject* Parameter) {
-  TBatch batch;
+  TBatch batch(Target.Shared->Events);
   {
     TStep step(Target);
     for (const TProcessOperationsProcedure& procedure : Procedures) {

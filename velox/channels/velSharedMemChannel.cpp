@@ -118,11 +118,8 @@ TSharedMemChannel::TSharedMemChannel() {
 TSharedMemChannel::~TSharedMemChannel() {
   Close();
   // After an activation that failed half-way, one of the two still has its block.
-  for (const TOperationKind kind : {TOperationKind::okRead, TOperationKind::okWrite}) {
-    TSharedMemOperationQueue& queue = QueueOf(*this, kind);
-    queue.ReleaseMemory();
-    queue.WaitForTurns();
-  }
+  for (const TOperationKind kind : {TOperationKind::okRead, TOperationKind::okWrite})
+    QueueOf(*this, kind).ReleaseMemory();
 }
 
 void TSharedMemChannel::SetMemoryName(const std::string& Value) {
