@@ -1,5 +1,7 @@
 #include "velox/async/velAsyncQueue.hpp"
 
+#include <optional>
+
 #include "velox/foundation/velSyncUtils.hpp"
 #include "velox/foundation/velSysUtils.hpp"
 #include "velox/foundation/velTrace.hpp"
@@ -70,7 +72,9 @@ void TAsynchronousCall::QueueEx(HANDLE AThreadHandle, DWORD AThreadId,
     Call();
     return;
   }
-  const TPendingGate::TStay stay(Finished_);  // the handler may have the call destroy itself
+  // Whoever does not wait touches the call no more once it is queued: it may destroy itself.
+  std::optional<TPendingGate::TStay> stay;
+  if (AWait) stay.emplace(Finished_);
   if (TraceAndQueueUserAPC(&CallEntry, AThreadHandle, reinterpret_cast<ULONG_PTR>(this)) == 0) {
     const DWORD error = ::GetLastError();
     if (!StateCompareExchange(clsFree, clsQueued)) StateCompareExchange(clsFree, clsCancelled);

@@ -204,9 +204,9 @@ class VELOX_API TTransferOperation : public TObject {
   /// How often it entered a queue; tells an OnComplete's caller that the handler activated it
   /// again.
   std::atomic<uint32_t> Activations_ = 0;
-  /// Has left its queue and waits for its OnComplete, or was dropped without one (see
-  /// TOperationQueue::ExecuteOperationProcess). It is active still, but the queue has no more to do
-  /// with it, and the channel may be gone.
+  /// Has left its queue since it was last activated. While it is active still, it waits for its
+  /// OnComplete, or was dropped without one (see TOperationQueue::ExecuteOperationProcess): the
+  /// queue has no more to do with it, and the channel may be gone.
   std::atomic<bool> Departed_ = false;
   /// Its destructor has begun: it enters no queue any more.
   std::atomic<bool> Closing_ = false;
